@@ -1,0 +1,54 @@
+/* QAX kernel: library lifecycle and the frame loop. */
+#ifndef ZK_LIFECYCLE_H
+#define ZK_LIFECYCLE_H
+
+#include "config.h"
+
+ZK_EXTERN_C_BEGIN
+
+/* Callbacks of zkMain. initProc returns non-zero to go on; frameProc returns
+ * ZK_FRAME_END (0xFFFFFFFF) to end the loop. */
+typedef int(ZK_CALL* zkInitProc)(void);
+typedef uint32_t(ZK_CALL* zkFrameProc)(void);
+typedef void(ZK_CALL* zkTermProc)(void);
+
+/* Opens the process level: the library lock, the library registry, the window
+ * class record, the frame period, and the application record (name and caption
+ * "QAX Application", executable path, arguments). Returns 0. */
+ZK_API int32_t ZK_CALL zkBeginProcess(uint32_t reserved);
+/* Terminates if needed, closes the single-instance mutex, deletes the library lock. Returns 0. */
+ZK_API int32_t ZK_CALL zkEndProcess(void);
+/* zkInitializeEx(0xFFFFFFFF, 1024). */
+ZK_API int32_t ZK_CALL zkInitialize(void);
+/* Starts every subsystem. arenaSize 0xFFFFFFFF takes half of the available
+ * physical memory; descriptorCount is the most system-pool blocks alive at once.
+ * Returns 0, -5 when no system pool could be made, or the file system's start result. */
+ZK_API int32_t ZK_CALL zkInitializeEx(uint32_t arenaSize, uint32_t descriptorCount);
+/* Stops what zkInitialize started (the file system stays). Safe to call twice. Returns 0. */
+ZK_API int32_t ZK_CALL zkTerminate(void);
+/* Process begin, initProc, the frame loop, termProc, process end.
+ * Returns 0, or -1 when initProc returned 0 (frameProc and termProc then never run). */
+ZK_API int32_t ZK_CALL zkMain(zkInitProc initProc, zkFrameProc frameProc, zkTermProc termProc,
+                               uint32_t reserved);
+/* Frames started by the loop since the last reset (the first frame sees 1). */
+ZK_API uint32_t ZK_CALL zkGetLoopCount(void);
+ZK_API void ZK_CALL zkResetLoopCount(void);
+/* The executable's module handle. */
+ZK_API zkNativeHandle ZK_CALL zkGetApplicationInstance(void);
+ZK_API uint32_t ZK_CALL zkGetTickCount(void);
+ZK_API void ZK_CALL zkSleep(uint32_t milliseconds);
+
+/* Exports kept so that applications written against the full interface link; they do nothing. */
+ZK_API int32_t ZK_CALL zkExecute(void);
+ZK_API int32_t ZK_CALL zkEnableInterrupt(void);
+ZK_API int32_t ZK_CALL zkDisableInterrupt(void);
+ZK_API int32_t ZK_CALL zkInitializeDevice(void);
+ZK_API void ZK_CALL zkTrace2(void);
+ZK_API void ZK_CALL zkTerminateDevice(void);
+ZK_API void ZK_CALL zkSkipLoadModule(void);
+ZK_API void ZK_CALL zkReleaseOverlay(void);
+ZK_API void ZK_CALL zkSetDisplayFrequency(void);
+
+ZK_EXTERN_C_END
+
+#endif /* ZK_LIFECYCLE_H */

@@ -1,0 +1,25 @@
+/* QAX kernel: application threads (a table of 32 records). */
+#ifndef ZK_THREAD_H
+#define ZK_THREAD_H
+
+#include "config.h"
+
+ZK_EXTERN_C_BEGIN
+
+typedef struct ThreadRecord ThreadRecord; /* a thread handle */
+typedef void(ZK_CALL* ThreadProc)(void* argument);
+
+/* A free record, or null when all 32 are in use. No system thread exists yet. */
+ZK_API ThreadRecord* ZK_CALL zkCreateThread(uint32_t stackSize);
+/* Waits for a previous run of this record, then runs proc(argument) on a new
+ * thread below normal priority. 0, -4 (null thread), -3 (null proc) or -19. */
+ZK_API int32_t ZK_CALL zkStartThread(ThreadRecord* thread, ThreadProc proc, void* argument);
+ZK_API void ZK_CALL zkWaitForThread(ThreadRecord* thread);
+/* 1 while the procedure runs, else 0. */
+ZK_API int32_t ZK_CALL zkIsThreadRunning(ThreadRecord* thread);
+/* Waits for a running procedure and frees the record. 0, or -4 for null. */
+ZK_API int32_t ZK_CALL zkReleaseThread(ThreadRecord* thread);
+
+ZK_EXTERN_C_END
+
+#endif /* ZK_THREAD_H */

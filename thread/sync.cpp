@@ -2,6 +2,7 @@
 #include "thread/sync.h"
 
 #include <atomic>
+#include <thread>
 
 namespace zk {
 
@@ -13,16 +14,36 @@ int32_t CriticalSection::Initialize() {
 void CriticalSection::Delete() { os::CriticalSectionDelete(&cs_); }
 
 namespace {
+
+// The library lock's state: absent, being initialised by one thread, ready.
+// A thread that finds it being initialised waits until it is ready, so no
+// thread ever enters a critical section that is not yet initialised.
+enum LockState : int { kLockAbsent = 0, kLockInitialising = 1, kLockReady = 2 };
+
 CriticalSection g_libraryLock;
-std::atomic<bool> g_libraryLockReady{false};
+std::atomic<int> g_libraryLockState{kLockAbsent};
+
 } // namespace
 
 void LibraryLockInitialize() {
-    if (!g_libraryLockReady.exchange(true)) g_libraryLock.Initialize();
+    for (;;) {
+        int state = g_libraryLockState.load(std::memory_order_acquire);
+        if (state == kLockReady) return;
+        if (state == kLockAbsent &&
+            g_libraryLockState.compare_exchange_strong(state, kLockInitialising,
+                                                       std::memory_order_acquire)) {
+            g_libraryLock.Initialize();
+            g_libraryLockState.store(kLockReady, std::memory_order_release);
+            return;
+        }
+        std::this_thread::yield();
+    }
 }
 
 void LibraryLockDelete() {
-    if (g_libraryLockReady.exchange(false)) g_libraryLock.Delete();
+    int ready = kLockReady;
+    if (g_libraryLockState.compare_exchange_strong(ready, kLockAbsent, std::memory_order_acq_rel))
+        g_libraryLock.Delete();
 }
 
 CriticalSection& LibraryLock() {

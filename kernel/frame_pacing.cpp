@@ -1,0 +1,175 @@
+// The vertical-blank timer, the frame period and the vblank handler table.
+//
+// The tick runs on the periodic timer's own thread: it raises the count, calls
+// the registered vblank handlers with their user values, and sets the
+// auto-reset event that wakes one waiter. Everything else runs on the thread
+// that calls it. The count has one writer (the tick); the handler slots are
+// atomics because the tick reads them while the main thread changes them.
+#include "kernel/context.h"
+#include "kernel/period_wait.h"
+
+#include <zk/vblank.h>
+
+struct VblankHandlerSlot {
+    std::atomic<VblankHandler> handler;
+    std::atomic<zkAddr> user;
+};
+
+namespace zk {
+
+namespace {
+
+constexpr uint32_t kVblankHandlerSlots = 8;
+VblankHandlerSlot g_vblankHandlers[kVblankHandlerSlots];
+
+// 59.94 Hz, what the library reports whatever the display does.
+constexpr float kDisplayFrequency = 59.94f;
+
+void CallVblankHandlers() {
+    for (VblankHandlerSlot& slot : g_vblankHandlers) {
+        VblankHandler handler = slot.handler.load(std::memory_order_acquire);
+        if (handler) handler(slot.user.load(std::memory_order_relaxed));
+    }
+}
+
+VblankHandlerSlot* AddVblankHandler(VblankHandler handler, zkAddr user) {
+    for (VblankHandlerSlot& slot : g_vblankHandlers) {
+        if (!slot.handler.load(std::memory_order_relaxed)) {
+            slot.user.store(user, std::memory_order_relaxed);
+            slot.handler.store(handler, std::memory_order_release);
+            return &slot;
+        }
+    }
+    return nullptr;
+}
+
+void RemoveVblankHandler(VblankHandlerSlot* slot) {
+    slot->handler.store(nullptr, std::memory_order_release);
+    slot->user.store(0, std::memory_order_relaxed);
+}
+
+} // namespace
+
+// ---- VblankTimer --------------------------------------------------------------
+
+void VblankTimer::Clear() {
+    timerId_ = 0;
+    event_ = nullptr;
+    vblankCount_.store(0, std::memory_order_release);
+}
+
+void VblankTimer::Start() {
+    vblankCount_.store(0, std::memory_order_release);
+    event_ = os::EventCreate(false, false);
+    os::TimerCaps caps{};
+    os::TimerGetCaps(&caps);
+    resolution_ = caps.minPeriod == 0 ? 1 : caps.minPeriod;
+    if (resolution_ >= caps.maxPeriod) resolution_ = caps.maxPeriod;
+    os::TimerBeginPeriod(resolution_);
+    displayFrequency_ = kDisplayFrequency;
+    tickInterval_ = kTickInterval;
+    timerId_ = os::TimerStartPeriodic(kTickInterval, resolution_, &VblankTimer::Tick, this);
+}
+
+void VblankTimer::Stop() {
+    if (timerId_ != 0) {
+        os::TimerKill(timerId_);
+        timerId_ = 0;
+        os::TimerEndPeriod(resolution_);
+    }
+    if (event_) {
+        os::CloseHandle(event_);
+        event_ = nullptr;
+    }
+    vblankCount_.store(0, std::memory_order_release);
+}
+
+void VblankTimer::Tick(void* timer) {
+    VblankTimer* self = static_cast<VblankTimer*>(timer);
+    // One writer: a plain read-add-store is enough.
+    self->vblankCount_.store(self->vblankCount_.load(std::memory_order_relaxed) + 1,
+                             std::memory_order_release);
+    CallVblankHandlers();
+    os::EventSet(self->event_);
+}
+
+uint32_t VblankTimer::WaitVblank(uint32_t mode) {
+    if (!event_) return 1;
+    // A tick that came before the call does not count.
+    os::EventReset(event_);
+    os::Wait(event_, os::kInfinite);
+    if (mode == 2 && (Count() & 1u) != 0) os::Wait(event_, os::kInfinite);
+    return 1;
+}
+
+bool VblankTimer::WaitTickOrMessage() {
+    return os::WaitEventOrMessage(event_) == os::WakeReason::Event;
+}
+
+// ---- FramePeriod ----------------------------------------------------------------
+
+void FramePeriod::Setup(VblankTimer* timer) {
+    timer_ = timer;
+    interval_ = 1;
+    loopCount_ = 0;
+    lastStart_ = 0;
+    waitLength_ = 1;
+}
+
+void FramePeriod::SetInterval(uint32_t interval) {
+    interval_ = interval;
+    waitLength_ = interval == 1 ? 1 : 0;
+}
+
+int32_t FramePeriod::WaitForStart(void (*beforeBlocking)()) {
+    if (!timer_ || !timer_->Running()) {
+        lastStart_ = timer_ ? timer_->Count() : 0;
+        return 1;
+    }
+    VblankTimer* timer = timer_;
+    return WaitForPeriodStart(
+        lastStart_, waitLength_, [timer]() { return timer->Count(); },
+        [timer]() { return timer->WaitTickOrMessage(); },
+        [beforeBlocking]() {
+            if (beforeBlocking) beforeBlocking();
+        });
+}
+
+} // namespace zk
+
+// ---- exports ----------------------------------------------------------------------
+
+extern "C" ZK_API uint32_t ZK_CALL zkWaitVblank(void) {
+    return zk::Kernel().vblankTimer.WaitVblank(1);
+}
+
+extern "C" ZK_API uint32_t ZK_CALL zkWaitVblankEx(uint32_t mode) {
+    return zk::Kernel().vblankTimer.WaitVblank(mode);
+}
+
+extern "C" ZK_API uint32_t ZK_CALL zkGetVblankCount(void) {
+    return zk::Kernel().vblankTimer.Count();
+}
+
+extern "C" ZK_API float ZK_CALL zkGetDisplayFrequency(void) {
+    return zk::Kernel().vblankTimer.DisplayFrequency();
+}
+
+extern "C" ZK_API void ZK_CALL zkSetPeriodInterval(uint32_t interval) {
+    zk::Kernel().framePeriod.SetInterval(interval);
+}
+
+extern "C" ZK_API int32_t ZK_CALL zkWaitForPeriodStart(void) {
+    return zk::Kernel().framePeriod.WaitForStart();
+}
+
+extern "C" ZK_API VblankHandlerSlot* ZK_CALL zkAddVblankHandler(VblankHandler handler,
+                                                               zkAddr user) {
+    if (!handler) return nullptr;
+    return zk::AddVblankHandler(handler, user);
+}
+
+extern "C" ZK_API void ZK_CALL zkRemoveVblankHandler(VblankHandlerSlot* handle) {
+    if (!handle) return;
+    zk::RemoveVblankHandler(handle);
+}

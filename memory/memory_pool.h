@@ -1,0 +1,169 @@
+// The heap engine: one MemoryPool manages one address range with a block/gap
+// list whose bookkeeping lives entirely in a table of MemoryBlock descriptors.
+//
+// What it owns: the descriptor table handed out by a DescriptorStore, the
+// 32 gap buckets and the pool's critical section. It never reads or writes the
+// bytes of the range it manages, and never allocates: a pool can describe any
+// span of addresses, mapped or not.
+//
+// Invariants (kept by Carve and Absorb, checked by the tests):
+//   - descriptor 0 is the head block: in use, address = base, size 0, never
+//     freed, never reported as a block; it owns the gap at the start;
+//   - blocks form one list in strictly increasing address order after the
+//     head (a block placed at base shares the head's address);
+//     for each block, address + size + gapAfter = next block's address, or
+//     base + size of the pool for the last block;
+//   - every block with gapAfter != 0 sits in exactly one bucket, the bucket of
+//     SizeClass(gapAfter); a bucket is ordered by ascending gap, newest first
+//     among equal gaps (insertion goes before the first entry >= its gap);
+//     a block always leaves its bucket before its gap changes;
+//   - used + the sum of all gaps = size; gapCount = entries in all buckets;
+//   - free descriptors form a doubly linked list through previous/next;
+//   - the allocation counter never takes the value 0.
+//
+// Locks: the pool's critical section guards Carve, Absorb, FindByAddress and
+// Snapshot. Lock counts change under the LibraryLock instead. Hooks run
+// outside both. Checkpoints, queries and walks take no lock: callers must not
+// run them while another thread allocates or frees in the same pool.
+//
+// Addresses are zkAddr (pointer-sized on 64-bit hosts); sizes and counts are
+// 32-bit. A range must not wrap past the end of the address space.
+#ifndef ZK_MEMORY_MEMORY_POOL_H
+#define ZK_MEMORY_MEMORY_POOL_H
+
+#include <zk/memdiag.h>
+#include <zk/memory.h>
+#include <zk/result.h>
+
+#include "memory/descriptor_store.h"
+#include "thread/sync.h"
+
+#include <bit>
+#include <cstdint>
+
+// One descriptor. A block handle given to applications points to one of these.
+struct MemoryBlock {
+    uint32_t flags;         // ZK_BLOCK_IN_USE | allocation flags; 0 when free
+    uint16_t lockCount;     // saturates at 65535; not kept for fixed blocks
+    uint16_t category;      // caller's tag
+    zkAddr address;         // first byte of the block
+    uint32_t requestedSize; // as the caller asked
+    uint32_t size;          // as taken (rounded, at least 1)
+    uint32_t gapAfter;      // free bytes up to the next block or the pool end
+    MemoryBlock* previous;  // address order; free list when free
+    MemoryBlock* next;
+    MemoryBlock* bucketPrevious; // gap bucket neighbours while gapAfter != 0
+    MemoryBlock* bucketNext;
+    uint32_t checkpoints;      // bit n set by checkpoint n
+    uint32_t allocationNumber; // the pool counter's value at allocation
+};
+
+namespace zk {
+
+constexpr uint32_t kGapBucketCount = 32;
+constexpr uint32_t kAllocationSearchFlags = ZK_ALLOC_TOP | ZK_ALLOC_BOTTOM;
+
+// floor(log2 n) for n >= 2; 0 for 0 and 1.
+inline uint32_t SizeClass(uint32_t n) {
+    return n < 2 ? 0u : static_cast<uint32_t>(std::bit_width(n)) - 1u;
+}
+
+inline bool IsFindable(const MemoryBlock* b) {
+    return (b->flags & ZK_ALLOC_FIXED) != 0 || b->lockCount > 0;
+}
+
+} // namespace zk
+
+struct MemoryPool {
+public:
+    // Takes room for descriptorCount descriptors from store and lays out an
+    // empty pool over [base, base + size). -3 when descriptorCount < 2 (the
+    // head block needs a free descriptor beside it), -5 when the store has no
+    // room; nothing changes on failure.
+    int32_t Initialize(zkAddr base, uint32_t size, uint32_t descriptorCount,
+                       zk::DescriptorStore& store);
+    // Gives the descriptor table back and deletes the lock. Live blocks are
+    // simply forgotten.
+    void Destroy(zk::DescriptorStore& store);
+
+    // The allocation wrapper: the alloc hook (outside the lock), then the
+    // engine step under the lock. Null when refused, out of descriptors, or
+    // when no gap fits in the search order the flags select.
+    MemoryBlock* Allocate(uint32_t size, uint32_t alignment, uint32_t flags, uint32_t category);
+    // Frees a block of this pool: ignored for null, a block not in use and the
+    // head block; the free hook (outside the lock) may refuse.
+    void Release(MemoryBlock* block);
+    // The findable block (fixed, or lock count above 0) at exactly this
+    // address, or null. Walks from the nearer end of the findable range.
+    MemoryBlock* FindByAddress(zkAddr address);
+
+    // Raises the lock count of a non-fixed block (under the LibraryLock, not
+    // past 65535). False for null or a block not in use.
+    static bool Lock(MemoryBlock* block);
+    // Lowers a non-zero lock count of an in-use, non-fixed block.
+    static void Unlock(MemoryBlock* block);
+
+    // Sets bit n (n < 32) in every in-use descriptor, the head included.
+    void SetCheckpoint(uint32_t n);
+    // Size, used, free, block count, descriptor count, under the lock.
+    void Snapshot(MemoryInfo* info);
+
+    uint32_t Mode() const { return mode_; }
+    void SetMode(uint32_t flags) { mode_ = flags; }
+    uint32_t AllocationCounter() const { return allocationCounter_; }
+    uint32_t BreakNumber() const { return breakNumber_; }
+    void SetBreakNumber(uint32_t number) { breakNumber_ = number; }
+    MemoryAllocHook SetAllocHook(MemoryAllocHook hook);
+    MemoryFreeHook SetFreeHook(MemoryFreeHook hook);
+
+    // Read-only views for the walks and queries.
+    zkAddr Base() const { return base_; }
+    uint32_t Size() const { return size_; }
+    zkAddr End() const { return base_ + size_; }
+    uint32_t Used() const { return used_; }
+    uint32_t BlockCount() const { return blockCount_; }
+    uint32_t DescriptorCount() const { return descriptorCount_; }
+    uint32_t GapCount() const { return gapCount_; }
+    const MemoryBlock* Head() const { return descriptors_; }
+    const MemoryBlock* Bucket(uint32_t sizeClass) const { return buckets_[sizeClass]; }
+    // The largest gap: last entry of the highest non-empty bucket; 0 if none.
+    uint32_t LargestGap() const;
+    // Whether block is one of this pool's descriptors.
+    bool OwnsDescriptor(const MemoryBlock* block) const {
+        return descriptors_ && block >= descriptors_ && block < descriptors_ + descriptorCount_;
+    }
+
+    // Next record in the pool table's free list; null while in use.
+    MemoryPool* link = nullptr;
+
+private:
+    // The engine steps, called with the lock held.
+    MemoryBlock* Carve(uint32_t size, uint32_t alignment, uint32_t flags, uint32_t category);
+    void Absorb(MemoryBlock* block);
+    bool FindPlace(uint32_t taken, uint32_t alignment, uint32_t flags, MemoryBlock** owner,
+                   zkAddr* placement) const;
+    void BucketInsert(MemoryBlock* block);
+    void BucketRemove(MemoryBlock* block);
+
+    zkAddr base_ = 0;
+    uint32_t size_ = 0;
+    uint32_t used_ = 0;
+    MemoryBlock* descriptors_ = nullptr;
+    MemoryBlock* last_ = nullptr;
+    MemoryBlock* freeDescriptors_ = nullptr;
+    MemoryBlock* buckets_[zk::kGapBucketCount] = {};
+    uint32_t blockCount_ = 0;
+    uint32_t descriptorCount_ = 0;
+    uint32_t gapCount_ = 0;
+    zk::CriticalSection lock_;
+    uint32_t mode_ = 0;
+    uint32_t allocationCounter_ = 0;
+    uint32_t breakNumber_ = 0;
+    MemoryAllocHook allocHook_ = nullptr;
+    MemoryFreeHook freeHook_ = nullptr;
+
+    // The engine's own test program reaches the counter through this.
+    friend struct MemoryPoolTestAccess;
+};
+
+#endif // ZK_MEMORY_MEMORY_POOL_H

@@ -1,0 +1,61 @@
+// Exported functions of application pools. The same calls work on the system
+// pool's handle (zkGetSystemMemoryPool), except zkReleaseMemoryPool.
+#include <zk/pool.h>
+#include <zk/result.h>
+
+#include "memory/memory_manager.h"
+
+extern "C" ZK_API MemoryPool* ZK_CALL zkCreateMemoryPool(zkAddr base, uint32_t size,
+                                                         uint32_t maxBlocks) {
+    return zk::Memory().CreatePool(base, size, maxBlocks);
+}
+
+extern "C" ZK_API void ZK_CALL zkReleaseMemoryPool(MemoryPool* pool) {
+    zk::Memory().ReleasePool(pool);
+}
+
+extern "C" ZK_API MemoryBlock* ZK_CALL zkAllocMemoryPoolBlock(MemoryPool* pool, uint32_t size,
+                                                              uint32_t alignment) {
+    return pool ? pool->Allocate(size, alignment, pool->Mode(), 0) : nullptr;
+}
+
+extern "C" ZK_API MemoryBlock* ZK_CALL zkAllocMemoryPoolBlockEx(MemoryPool* pool, uint32_t size,
+                                                                uint32_t alignment,
+                                                                uint32_t flags) {
+    return pool ? pool->Allocate(size, alignment, flags, 0) : nullptr;
+}
+
+extern "C" ZK_API void ZK_CALL zkFreeMemoryPoolBlock(MemoryPool* pool, MemoryBlock* block) {
+    if (pool) pool->Release(block);
+}
+
+extern "C" ZK_API MemoryBlock* ZK_CALL zkFindMemoryPoolBlock(MemoryPool* pool, zkAddr address) {
+    return pool ? pool->FindByAddress(address) : nullptr;
+}
+
+extern "C" ZK_API void* ZK_CALL zkLockMemoryPoolBlock(MemoryBlock* block) {
+    if (!MemoryPool::Lock(block)) return nullptr;
+    return reinterpret_cast<void*>(block->address);
+}
+
+extern "C" ZK_API void ZK_CALL zkUnlockMemoryPoolBlock(MemoryBlock* block) {
+    MemoryPool::Unlock(block);
+}
+
+extern "C" ZK_API uint32_t ZK_CALL zkGetMemoryPoolBlockSize(MemoryBlock* block) {
+    return block ? block->requestedSize : 0;
+}
+
+extern "C" ZK_API void ZK_CALL zkSetMemoryPoolAllocMode(MemoryPool* pool, uint32_t mode) {
+    if (!pool) return;
+    if (mode == 1) pool->SetMode(0);
+    if (mode == 2) pool->SetMode(ZK_ALLOC_TOP);
+}
+
+extern "C" ZK_API void ZK_CALL zkSetMemoryPoolCheckpoint(MemoryPool* pool, uint32_t n) {
+    if (pool) pool->SetCheckpoint(n);
+}
+
+extern "C" ZK_API void ZK_CALL zkSetBreakPoolAlloc(MemoryPool* pool, uint32_t number) {
+    if (pool) pool->SetBreakNumber(number);
+}

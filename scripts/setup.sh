@@ -1,0 +1,66 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that the named build legs need.
+#
+#   scripts/setup.sh [leg...]
+#
+# Legs: base (compiler, CMake, Ninja, GoogleTest sources), m32 (32-bit Linux
+# builds), win64 (MinGW x86_64 and wine64 under Xvfb), win32 (MinGW i686 and
+# debootstrap for the 32-bit wine root). The test legs of scripts/test.sh are
+# accepted too and stand for what they need. No leg means base.
+# Packages already installed are skipped, so repeated runs are quick. Runs as
+# root, or through sudo otherwise.
+set -euo pipefail
+
+packages_of() {
+    case "$1" in
+    base | linux-asan | tsan) echo "cmake ninja-build g++ googletest" ;;
+    m32) echo "g++-multilib" ;;
+    linux-m32) echo "cmake ninja-build g++ googletest g++-multilib" ;;
+    win64) echo "cmake ninja-build googletest g++-mingw-w64-x86-64-posix wine64 xvfb xauth" ;;
+    win32) echo "cmake ninja-build googletest g++-mingw-w64-i686-posix debootstrap" ;;
+    all) echo "$(packages_of linux-m32) $(packages_of win64) $(packages_of win32)" ;;
+    *)
+        echo "setup.sh: unknown leg '$1' (base, m32, win64, win32, linux-asan, linux-m32, tsan, all)" >&2
+        return 1
+        ;;
+    esac
+}
+
+is_installed() {
+    dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'
+}
+
+main() {
+    local legs=("$@")
+    [ ${#legs[@]} -gt 0 ] || legs=(base)
+
+    local wanted=() leg package
+    for leg in "${legs[@]}"; do
+        # shellcheck disable=SC2207
+        wanted+=($(packages_of "$leg"))
+    done
+
+    local missing=()
+    for package in $(printf '%s\n' "${wanted[@]}" | sort -u); do
+        is_installed "$package" || missing+=("$package")
+    done
+    if [ ${#missing[@]} -eq 0 ]; then
+        echo "setup: ${legs[*]}: everything is installed"
+        return 0
+    fi
+
+    local sudo=()
+    if [ "$(id -u)" -ne 0 ]; then
+        command -v sudo >/dev/null || {
+            echo "setup.sh: not root and no sudo; cannot install: ${missing[*]}" >&2
+            return 1
+        }
+        sudo=(sudo)
+    fi
+    echo "setup: ${legs[*]}: installing ${missing[*]}"
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
+        --no-install-recommends "${missing[@]}"
+}
+
+main "$@"

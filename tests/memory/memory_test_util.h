@@ -1,0 +1,90 @@
+// Small helpers shared by the memory tests: a block's address without a
+// lasting lock, and walks collected into vectors.
+#ifndef ZK_TESTS_MEMORY_MEMORY_TEST_UTIL_H
+#define ZK_TESTS_MEMORY_MEMORY_TEST_UTIL_H
+
+#include <zk.h>
+
+#include <cstdint>
+#include <vector>
+
+namespace zktest {
+
+struct Range {
+    uint64_t start;
+    uint64_t length;
+    uint32_t category = 0;
+    bool operator==(const Range&) const = default;
+};
+
+struct BlockSeen {
+    uint64_t address;
+    uint32_t requested;
+    uint32_t number;
+};
+
+// The block's address; the lock taken to read it is given back at once.
+inline uint64_t AddressOf(MemoryBlock* block) {
+    const uint64_t address = reinterpret_cast<zkAddr>(zkLockMemoryPoolBlock(block));
+    zkUnlockMemoryPoolBlock(block);
+    return address;
+}
+
+inline std::vector<Range> GapsOf(MemoryPool* pool) {
+    std::vector<Range> out;
+    zkEnumerateMemoryPoolGaps(
+        pool,
+        [](zkAddr start, uint32_t length, void* user) -> int32_t {
+            static_cast<std::vector<Range>*>(user)->push_back({start, length});
+            return 1;
+        },
+        &out);
+    return out;
+}
+
+inline std::vector<Range> UsedOf(MemoryPool* pool) {
+    std::vector<Range> out;
+    zkEnumerateMemoryPoolUsed(
+        pool,
+        [](zkAddr start, uint32_t length, void* user) -> int32_t {
+            static_cast<std::vector<Range>*>(user)->push_back({start, length});
+            return 1;
+        },
+        &out);
+    return out;
+}
+
+inline std::vector<Range> CategoriesOf(MemoryPool* pool) {
+    std::vector<Range> out;
+    zkEnumerateMemoryPoolCategory(
+        pool,
+        [](zkAddr start, uint32_t length, uint32_t category, void* user) -> int32_t {
+            static_cast<std::vector<Range>*>(user)->push_back({start, length, category});
+            return 1;
+        },
+        &out);
+    return out;
+}
+
+inline std::vector<BlockSeen> BlocksOf(MemoryPool* pool) {
+    std::vector<BlockSeen> out;
+    zkEnumerateMemoryPoolBlocks(
+        pool,
+        [](zkAddr address, uint32_t requested, uint32_t number, void* user) -> int32_t {
+            static_cast<std::vector<BlockSeen>*>(user)->push_back({address, requested, number});
+            return 1;
+        },
+        &out);
+    return out;
+}
+
+// The system-pool block that starts at address, as the block walk sees it.
+inline BlockSeen SystemBlockAt(const void* address) {
+    for (const BlockSeen& b : BlocksOf(zkGetSystemMemoryPool()))
+        if (b.address == reinterpret_cast<zkAddr>(address)) return b;
+    return {0, 0, 0};
+}
+
+} // namespace zktest
+
+#endif // ZK_TESTS_MEMORY_MEMORY_TEST_UTIL_H

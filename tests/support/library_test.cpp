@@ -1,0 +1,80 @@
+#include "support/library_test.h"
+
+#include <atomic>
+#include <cstdio>
+
+namespace zktest {
+
+namespace {
+
+struct LeftBehind {
+    std::vector<std::string> blocks;
+};
+
+int32_t ZK_CALL CollectForeignBlock(zkAddr start, uint32_t length, uint32_t category,
+                                    void* user) {
+    if (category != ZK_CATEGORY_LIBRARY) {
+        char text[96];
+        std::snprintf(text, sizeof(text), "block at %#llx, %u bytes, category %u",
+                      static_cast<unsigned long long>(start), length, category);
+        static_cast<LeftBehind*>(user)->blocks.emplace_back(text);
+    }
+    return 1;
+}
+
+std::atomic<TraceCapture*> g_activeCapture{nullptr};
+
+} // namespace
+
+void LibraryTest::SetUp() {
+    ASSERT_EQ(zkBeginProcess(0), 0);
+    ASSERT_EQ(zkInitializeEx(kArenaSize, kDescriptors), 0);
+}
+
+void LibraryTest::TearDown() {
+    MemoryPool* systemPool = zkGetSystemMemoryPool();
+    if (systemPool) {
+        LeftBehind left;
+        zkEnumerateMemoryPoolCategory(systemPool, CollectForeignBlock, &left);
+        for (const std::string& block : left.blocks)
+            ADD_FAILURE() << "the test left a system-pool block behind: " << block;
+    }
+    EXPECT_EQ(zkTerminate(), 0);
+    EXPECT_EQ(zkEndProcess(), 0);
+}
+
+TraceCapture::TraceCapture() : previous_(g_activeCapture.load()) {
+    g_activeCapture.store(this);
+    zkSetTraceProc(&TraceCapture::Record);
+}
+
+TraceCapture::~TraceCapture() {
+    g_activeCapture.store(previous_);
+    zkSetTraceProc(previous_ ? &TraceCapture::Record : nullptr);
+}
+
+void ZK_CALL TraceCapture::Record(const char* text) {
+    TraceCapture* capture = g_activeCapture.load();
+    if (!capture) return;
+    std::lock_guard<std::mutex> guard(capture->mutex_);
+    capture->lines_.emplace_back(text ? text : "");
+}
+
+std::vector<std::string> TraceCapture::Lines() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return lines_;
+}
+
+std::string TraceCapture::Text() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    std::string all;
+    for (const std::string& line : lines_) all += line;
+    return all;
+}
+
+void TraceCapture::Clear() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    lines_.clear();
+}
+
+} // namespace zktest

@@ -1,0 +1,53 @@
+// Test support shared by every suite: the library fixture with its leak check,
+// and a capture of the trace channel.
+#ifndef ZK_TESTS_SUPPORT_LIBRARY_TEST_H
+#define ZK_TESTS_SUPPORT_LIBRARY_TEST_H
+
+#include <zk.h>
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace zktest {
+
+// Opens the process level and starts the library with a 32 MiB arena and 1024
+// block descriptors; at tear-down fails the test for every system-pool block
+// it left behind (blocks of the library's own category excepted), then
+// terminates and ends the process level.
+class LibraryTest : public ::testing::Test {
+protected:
+    static constexpr uint32_t kArenaSize = 32u << 20;
+    static constexpr uint32_t kDescriptors = 1024;
+
+    void SetUp() override;
+    void TearDown() override;
+};
+
+// Records the text of every trace call, each call as one string, while it
+// lives; restores the capture (or the default sink) that was there before.
+class TraceCapture {
+public:
+    TraceCapture();
+    ~TraceCapture();
+    TraceCapture(const TraceCapture&) = delete;
+    TraceCapture& operator=(const TraceCapture&) = delete;
+
+    std::vector<std::string> Lines() const;
+    // All texts joined.
+    std::string Text() const;
+    void Clear();
+
+private:
+    static void ZK_CALL Record(const char* text);
+
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+    TraceCapture* previous_;
+};
+
+} // namespace zktest
+
+#endif // ZK_TESTS_SUPPORT_LIBRARY_TEST_H

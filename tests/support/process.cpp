@@ -1,0 +1,83 @@
+// Child programs. On Windows the C runtime's _spawnv passes the arguments as
+// they are, joined by spaces, so the quoting is done here; elsewhere
+// std::system runs the program through the shell with every argument in
+// single quotes, so the program receives the arguments unchanged and the
+// platform layer rebuilds the same command line from them.
+#include "support/process.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#if defined(_WIN32)
+#include <process.h>
+#endif
+
+namespace zktest {
+
+namespace {
+
+std::string g_programPath;
+
+bool EndsWith(const std::string& text, const char* suffix) {
+    size_t length = std::strlen(suffix);
+    return text.size() >= length && text.compare(text.size() - length, length, suffix) == 0;
+}
+
+} // namespace
+
+void SetTestProgramPath(const char* argv0) { g_programPath = argv0 ? argv0 : ""; }
+
+std::string ChildProgramPath(const std::string& name) {
+    size_t cut = g_programPath.find_last_of("/\\");
+    std::string directory = cut == std::string::npos ? "." : g_programPath.substr(0, cut);
+    char separator = cut == std::string::npos ? '/' : g_programPath[cut];
+    std::string path = directory + separator + name;
+    if (EndsWith(g_programPath, ".exe") || EndsWith(g_programPath, ".EXE")) path += ".exe";
+    return path;
+}
+
+#if defined(_WIN32)
+
+namespace {
+std::string QuoteForCommandLine(const std::string& arg) {
+    if (arg.empty() || arg.find(' ') != std::string::npos) return "\"" + arg + "\"";
+    return arg;
+}
+} // namespace
+
+int RunChildProgram(const std::string& name, const std::vector<std::string>& args) {
+    std::string path = ChildProgramPath(name);
+    std::vector<std::string> quoted;
+    quoted.push_back(QuoteForCommandLine(path));
+    for (const std::string& arg : args) quoted.push_back(QuoteForCommandLine(arg));
+    std::vector<const char*> argv;
+    for (const std::string& arg : quoted) argv.push_back(arg.c_str());
+    argv.push_back(nullptr);
+    intptr_t code = _spawnv(_P_WAIT, path.c_str(), argv.data());
+    return code < 0 ? -1 : static_cast<int>(code);
+}
+
+#else
+
+int RunChildProgram(const std::string& name, const std::vector<std::string>& args) {
+    auto shellQuote = [](const std::string& text) {
+        std::string quoted = "'";
+        for (char c : text) {
+            if (c == '\'')
+                quoted += "'\\''";
+            else
+                quoted += c;
+        }
+        return quoted + "'";
+    };
+    std::string command = shellQuote(ChildProgramPath(name));
+    for (const std::string& arg : args) command += " " + shellQuote(arg);
+    int status = std::system(command.c_str());
+    // A wait status: the exit code sits in bits 8 to 15 when the low 7 bits are 0.
+    if (status == -1 || (status & 0x7F) != 0) return -1;
+    return (status >> 8) & 0xFF;
+}
+
+#endif
+
+} // namespace zktest

@@ -1,0 +1,145 @@
+// The profilers' arithmetic and report lines on a counter the test drives:
+// 1 count per microsecond, moved by hand between the calls.
+#include "library_fixture.h"
+
+#include "kernel/profiler.h"
+
+#include <cstdio>
+
+namespace {
+
+class SteppedCounter final : public zk::PerformanceCounter {
+public:
+    SteppedCounter() { frequency_ = 1000000; }
+    int64_t Read() const override { return now; }
+    void AdvanceMs(double ms) { now += static_cast<int64_t>(ms * 1000.0 + 0.5); }
+    int64_t now = 1000000000;
+};
+
+class ProfilerReport : public zktest::StartedLibrary {
+protected:
+    void SetUp() override {
+        StartedLibrary::SetUp();
+        ASSERT_EQ(profiler_.Initialize(4, &counter_), 0);
+    }
+    void TearDown() override {
+        zkFree(profiler_.Slots());
+        profiler_.Forget();
+        StartedLibrary::TearDown();
+    }
+    // One 16.6 ms frame in which slot 0 runs `pairs` times for `ms` each.
+    void Frame(uint32_t slot, int pairs, double ms) {
+        counter_.AdvanceMs(1.0);
+        for (int i = 0; i < pairs; ++i) {
+            profiler_.Begin(slot);
+            counter_.AdvanceMs(ms);
+            profiler_.End(slot);
+        }
+        counter_.AdvanceMs(16.6 - 1.0 - pairs * ms);
+        profiler_.Update();
+    }
+
+    SteppedCounter counter_;
+    zk::Profiler profiler_;
+};
+
+TEST_F(ProfilerReport, LineForSixtyFramesOfOneAndAHalfMilliseconds) {
+    profiler_.SetInterval(990); // reached by the 60th frame of 16.6 ms (996 ms)
+    profiler_.SetName(0, "draw");
+    for (int frame = 0; frame < 59; ++frame) Frame(0, 1, 1.5);
+    EXPECT_TRUE(Lines().empty());
+    Frame(0, 1, 1.5);
+    ASSERT_EQ(Lines().size(), 1u);
+    EXPECT_EQ(Lines()[0],
+              "QaxKrnl : [000] draw           :   1.50 (msec) 9.04 (percent) 1 (calls)\n");
+}
+
+TEST_F(ProfilerReport, TwoPairsPerFrameReportTwoCalls) {
+    profiler_.SetInterval(990);
+    profiler_.SetName(2, "twice");
+    for (int frame = 0; frame < 60; ++frame) Frame(2, 2, 0.25);
+    ASSERT_EQ(Lines().size(), 1u);
+    EXPECT_EQ(Lines()[0],
+              "QaxKrnl : [002] twice          :   0.50 (msec) 3.01 (percent) 2 (calls)\n");
+}
+
+TEST_F(ProfilerReport, OnlySlotsThatMeasuredAnythingReportInSlotOrder) {
+    profiler_.SetInterval(990);
+    profiler_.SetName(3, "a name of twenty ch"); // cut to 15 characters
+    for (int frame = 0; frame < 60; ++frame) {
+        counter_.AdvanceMs(1.0);
+        profiler_.Begin(3);
+        counter_.AdvanceMs(10.0);
+        profiler_.End(3);
+        profiler_.Begin(1);
+        counter_.AdvanceMs(0.6);
+        profiler_.End(1);
+        profiler_.Begin(0); // begun, never ended: total stays 0
+        counter_.AdvanceMs(5.0);
+        profiler_.Update();
+    }
+    ASSERT_EQ(Lines().size(), 2u);
+    EXPECT_EQ(Lines()[0], "QaxKrnl : [001]                :   0.60 (msec) 3.61 (percent) 1 (calls)\n");
+    EXPECT_EQ(Lines()[1], "QaxKrnl : [003] a name of twent:  10.00 (msec) 60.24 (percent) 1 (calls)\n");
+    // Slot 0 printed nothing and kept its calls for the next window.
+    EXPECT_EQ(profiler_.Slots()[0].calls, 60u);
+    EXPECT_EQ(profiler_.Slots()[1].calls, 0u);
+    EXPECT_EQ(profiler_.Slots()[3].total, 0);
+}
+
+TEST_F(ProfilerReport, FirstReportAfterFiveSecondsOfFrames) {
+    // 301 frames of 16.6 ms are 4996.6 ms; the 302nd reaches 5000.
+    for (int frame = 0; frame < 301; ++frame) Frame(0, 1, 1.0);
+    EXPECT_TRUE(Lines().empty());
+    Frame(0, 1, 1.0);
+    ASSERT_EQ(Lines().size(), 1u);
+    EXPECT_EQ(Lines()[0], "QaxKrnl : [000]                :   1.00 (msec) 6.02 (percent) 1 (calls)\n");
+    // The window starts again.
+    for (int frame = 0; frame < 301; ++frame) Frame(0, 1, 1.0);
+    EXPECT_EQ(Lines().size(), 1u);
+    Frame(0, 1, 1.0);
+    EXPECT_EQ(Lines().size(), 2u);
+}
+
+TEST_F(ProfilerReport, IntervalOfOneSecond) {
+    profiler_.SetInterval(1000);
+    for (int frame = 0; frame < 600; ++frame) Frame(0, 1, 2.0); // 9.96 s
+    // A report every 61 frames (1012.6 ms): 9 reports in 600 frames.
+    EXPECT_EQ(Lines().size(), 9u);
+}
+
+TEST_F(ProfilerReport, SwitchedOffStillMeasuresButDoesNotReport) {
+    profiler_.SetInterval(100);
+    profiler_.SetName(0, "kept?");
+    profiler_.SetSwitch(0);
+    for (int frame = 0; frame < 20; ++frame) Frame(0, 1, 1.0);
+    EXPECT_TRUE(Lines().empty());
+    EXPECT_EQ(profiler_.Slots()[0].calls, 20u);
+    EXPECT_EQ(profiler_.Slots()[0].total, 20000);
+    profiler_.SetSwitch(0); // the same value: nothing changes
+    EXPECT_EQ(profiler_.Slots()[0].calls, 20u);
+    // Switching on clears the slots, names included.
+    profiler_.SetSwitch(1);
+    EXPECT_EQ(profiler_.Slots()[0].calls, 0u);
+    EXPECT_EQ(profiler_.Slots()[0].total, 0);
+    EXPECT_STREQ(profiler_.Slots()[0].name, "");
+    for (int frame = 0; frame < 7; ++frame) Frame(0, 1, 1.0); // 116.2 ms
+    ASSERT_EQ(Lines().size(), 1u);
+    EXPECT_EQ(Lines()[0], "QaxKrnl : [000]                :   1.00 (msec) 6.02 (percent) 1 (calls)\n");
+    // Any other value resets as well.
+    profiler_.SetName(0, "x");
+    profiler_.SetSwitch(2);
+    EXPECT_STREQ(profiler_.Slots()[0].name, "");
+}
+
+TEST_F(ProfilerReport, OutOfRangeSlotsAndSecondInitialisation) {
+    profiler_.Begin(4);
+    profiler_.End(4);
+    profiler_.SetName(4, "nope");
+    EXPECT_EQ(profiler_.Initialize(8, &counter_), ZK_ERR_NOT_SUPPORTED);
+    profiler_.SetInterval(0);
+    Frame(9, 1, 1.0);
+    EXPECT_TRUE(Lines().empty());
+}
+
+} // namespace

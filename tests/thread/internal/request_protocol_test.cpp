@@ -1,0 +1,357 @@
+// The request frame protocol over the internal interface that Begin and End
+// functions use: frame layout, statuses, completion on another thread,
+// the completion walk and the continuation order.
+#include "library_fixture.h"
+#include "test_executor.h"
+
+#include "thread/request.h"
+
+#include <atomic>
+#include <thread>
+
+namespace {
+
+using zktest::AddOperation;
+using zktest::BeginAdd;
+using zktest::EndAdd;
+using zktest::TestExecutor;
+
+class RequestProtocol : public zktest::StartedLibrary {
+protected:
+    void SetUp() override {
+        StartedLibrary::SetUp();
+        request_ = zkCreateRequest();
+        ASSERT_NE(request_, nullptr);
+    }
+    void TearDown() override {
+        EXPECT_EQ(zkReleaseRequest(request_), 0);
+        StartedLibrary::TearDown();
+    }
+    zkAddr Position(zk::RequestCursor& cursor) {
+        return reinterpret_cast<zkAddr>(cursor.Reserve(0));
+    }
+
+    Request* request_ = nullptr;
+};
+
+TEST_F(RequestProtocol, ValuesTakeEightByteSteps) {
+    const int32_t four = 0x11223344;
+    const int64_t eight = 0x0102030405060708;
+    {
+        zk::RequestWriter writer(request_, 4096);
+        ASSERT_EQ(writer.Status(), 0);
+        zkAddr start = Position(writer);
+        EXPECT_EQ(start % 8, 0u);
+        writer.Put(&four, 4);
+        EXPECT_EQ(Position(writer) - start, 8u);
+        writer.Put(&eight, 8);
+        EXPECT_EQ(Position(writer) - start, 16u);
+        request_->NotifyCompletion();
+    }
+    zk::RequestReader reader(request_);
+    ASSERT_EQ(reader.Status(), 0);
+    int32_t gotFour = 0;
+    int64_t gotEight = 0;
+    reader.Get(&gotFour, 4);
+    reader.Get(&gotEight, 8);
+    EXPECT_EQ(gotFour, four);
+    EXPECT_EQ(gotEight, eight);
+}
+
+TEST_F(RequestProtocol, PutPastTheEndIsDropped) {
+    const char bytes[32] = "abcdefghijklmnopqrstuvwxyz";
+    {
+        zk::RequestWriter writer(request_, 24);
+        ASSERT_EQ(writer.Status(), 0);
+        zkAddr start = Position(writer);
+        writer.Put(bytes, 8);
+        writer.Put(bytes, 17); // 8 + 17 passes 24: dropped
+        EXPECT_EQ(Position(writer) - start, 8u);
+        EXPECT_EQ(writer.Reserve(17), nullptr);
+        EXPECT_EQ(Position(writer) - start, 8u);
+        writer.Put(bytes + 8, 16); // fits exactly
+        EXPECT_EQ(Position(writer) - start, 24u);
+        EXPECT_EQ(writer.Reserve(1), nullptr);
+        request_->NotifyCompletion();
+    }
+    zk::RequestReader reader(request_);
+    ASSERT_EQ(reader.Status(), 0);
+    char back[24] = {};
+    reader.Get(back, 8);
+    reader.Get(back + 8, 16);
+    EXPECT_EQ(std::string(back, 24), "abcdefghijklmnopqrstuvwx");
+}
+
+TEST_F(RequestProtocol, Statuses) {
+    EXPECT_EQ(zk::RequestWriter(nullptr, 4096).Status(), ZK_ERR_NULL_REQUEST);
+    EXPECT_EQ(zk::RequestReader(nullptr).Status(), ZK_ERR_NULL_REQUEST);
+    EXPECT_EQ(zk::RequestReader(request_).Status(), ZK_ERR_REQUEST_STATE);
+    {
+        zk::RequestWriter first(request_, 4096);
+        EXPECT_EQ(first.Status(), 0);
+    }
+    EXPECT_EQ(request_->FrameCount(), 1u);
+    EXPECT_EQ(request_->Cursor(), 0u);
+    // One open operation per request: a second Begin is refused and changes nothing.
+    EXPECT_EQ(zk::RequestWriter(request_, 4096).Status(), ZK_ERR_REQUEST_STATE);
+    EXPECT_EQ(request_->FrameCount(), 1u);
+    EXPECT_EQ(request_->Arena().LiveCount(), 1u);
+    EXPECT_EQ(zkIsRequestCompleted(request_), 0);
+    request_->NotifyCompletion();
+    EXPECT_EQ(zkIsRequestCompleted(request_), 1);
+    {
+        zk::RequestReader reader(request_);
+        EXPECT_EQ(reader.Status(), 0);
+    }
+    EXPECT_EQ(request_->FrameCount(), 0u);
+    EXPECT_EQ(request_->Arena().LiveCount(), 0u);
+}
+
+TEST_F(RequestProtocol, FramesNestWhileAWriterIsOpen) {
+    {
+        zk::RequestWriter outer(request_, 4096);
+        ASSERT_EQ(outer.Status(), 0);
+        zk::RequestWriter inner(request_, 4096);
+        ASSERT_EQ(inner.Status(), 0);
+        EXPECT_EQ(request_->FrameCount(), 2u);
+    }
+    EXPECT_EQ(request_->Cursor(), 0u);
+    EXPECT_EQ(request_->FrameState(0), zk::kFramePending);
+    EXPECT_EQ(request_->FrameState(1), zk::kFramePending);
+    // Without continuations one completion marks every frame done.
+    request_->NotifyCompletion();
+    EXPECT_EQ(request_->FrameState(0), zk::kFrameDone);
+    EXPECT_EQ(request_->FrameState(1), zk::kFrameDone);
+    // The reader at the cursor stands on frame 0, not the top: nothing is popped.
+    { zk::RequestReader reader(request_); }
+    EXPECT_EQ(request_->FrameCount(), 2u);
+    { zk::RequestReader top(request_); } // cursor 1 is the top frame
+    EXPECT_EQ(request_->FrameCount(), 1u);
+    EXPECT_EQ(request_->Cursor(), 1u);
+}
+
+TEST_F(RequestProtocol, CompletionOnAnotherThreadWakesTheEnd) {
+    TestExecutor executor;
+    executor.Hold();
+    ASSERT_EQ(BeginAdd(executor, request_, 40, 2), 0);
+    EXPECT_EQ(zkIsRequestCompleted(request_), 0);
+    std::thread opener([&] {
+        // Let the End start waiting first, most of the time.
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        executor.Go();
+    });
+    bool checked = false;
+    EXPECT_EQ(EndAdd(request_, &checked), 42);
+    EXPECT_TRUE(checked);
+    opener.join();
+    EXPECT_EQ(zkIsRequestCompleted(request_), 1);
+    EXPECT_EQ(zkWaitForRequestCompletion(request_), ZK_ERR_REQUEST_STATE);
+    EXPECT_EQ(EndAdd(request_), ZK_ERR_REQUEST_STATE);
+}
+
+TEST_F(RequestProtocol, PollThenEndWithoutBlocking) {
+    TestExecutor executor;
+    ASSERT_EQ(BeginAdd(executor, request_, 5, 6), 0);
+    EXPECT_EQ(BeginAdd(executor, request_, 1, 1), ZK_ERR_REQUEST_STATE);
+    while (!zkIsRequestCompleted(request_)) std::this_thread::yield();
+    EXPECT_EQ(zkWaitForRequestCompletion(request_), 0);
+    EXPECT_EQ(EndAdd(request_), 11);
+    EXPECT_EQ(executor.Started(), 1u); // the refused Begin queued nothing
+}
+
+TEST_F(RequestProtocol, WaitForCompletionThenEnd) {
+    TestExecutor executor;
+    ASSERT_EQ(BeginAdd(executor, request_, -7, 3), 0);
+    EXPECT_EQ(zkWaitForRequestCompletion(request_), 0);
+    EXPECT_EQ(zkIsRequestCompleted(request_), 1);
+    EXPECT_EQ(EndAdd(request_), -4);
+}
+
+TEST_F(RequestProtocol, SynchronousWaiter) {
+    TestExecutor executor;
+    zk::Monitor monitor;
+    monitor.Initialize();
+    for (int i = 0; i < 100; ++i) {
+        zk::CompletionWaiter waiter;
+        waiter.Initialize(&monitor);
+        alignas(AddOperation) unsigned char room[sizeof(AddOperation)];
+        auto* operation = new (room) AddOperation(&waiter, i, i);
+        executor.Submit(operation);
+        zk::CompletionWaiter::WaitForCompletion(&monitor, &waiter);
+        EXPECT_EQ(operation->result, 2 * i);
+        operation->~AddOperation();
+    }
+    monitor.Destroy();
+}
+
+// ---- completion walk and continuations --------------------------------------------
+
+struct Event {
+    char name;
+    uint32_t cursor;
+    uint32_t argument;
+    bool operator==(const Event&) const = default;
+};
+
+// Records each resume, then ends its frame's use (popping it) and, when told
+// to, completes the operation below, as a composite operation's step would.
+struct Step final : zk::Continuation {
+    Step(char name, std::vector<Event>* log, bool completeBelow)
+        : name(name), log(log), completeBelow(completeBelow) {}
+    void Resume(Request* request, uint32_t argument) override {
+        log->push_back({name, request->Cursor(), argument});
+        { zk::RequestReader reader(request); }
+        if (completeBelow) request->NotifyCompletion();
+    }
+    char name;
+    std::vector<Event>* log;
+    bool completeBelow;
+};
+
+void PushFrame(Request* request, zk::Continuation* continuation, uint32_t argument) {
+    zk::RequestWriter writer(request, 4096);
+    ASSERT_EQ(writer.Status(), 0);
+    writer.SetContinuation(continuation, argument);
+}
+
+TEST_F(RequestProtocol, CompletionStopsAtTheFirstContinuation) {
+    std::vector<Event> log;
+    Step a('A', &log, false);
+    {
+        zk::RequestWriter outer(request_, 4096);
+        outer.SetContinuation(&a, 1);
+        zk::RequestWriter inner(request_, 4096); // no continuation
+        request_->NotifyCompletion();
+        EXPECT_EQ(request_->FrameState(1), zk::kFrameDone);
+        EXPECT_EQ(request_->FrameState(0), zk::kFrameCompleted);
+    }
+    EXPECT_TRUE(log.empty()); // completion itself runs nothing
+}
+
+TEST_F(RequestProtocol, ContinuationsRunFromTheTopDown) {
+    std::vector<Event> log;
+    Step a('A', &log, false);
+    Step b('B', &log, true);
+    {
+        zk::RequestWriter outer(request_, 4096);
+        outer.SetContinuation(&a, 7);
+        PushFrame(request_, &b, 9);
+    }
+    TestExecutor executor;
+    struct Complete final : zktest::Operation {
+        using Operation::Operation;
+        void Execute() override {}
+    } complete(request_);
+    executor.Submit(&complete);
+    // The inner frame's continuation stops the walk: the outer one stays pending.
+    while (request_->FrameState(1) != zk::kFrameCompleted) std::this_thread::yield();
+    EXPECT_EQ(request_->FrameState(0), zk::kFramePending);
+    EXPECT_EQ(zkIsRequestCompleted(request_), 0);
+
+    EXPECT_EQ(zkWaitForRequestCompletion(request_), 0);
+    // B ran on frame 1, popped it and completed frame 0; then A ran on frame 0.
+    EXPECT_EQ(log, (std::vector<Event>{{'B', 1, 9}, {'A', 0, 7}}));
+    EXPECT_EQ(request_->FrameCount(), 0u);
+    EXPECT_EQ(request_->Cursor(), 0u);
+    EXPECT_EQ(request_->Arena().LiveCount(), 0u);
+    EXPECT_EQ(zkIsRequestCompleted(request_), 1);
+}
+
+TEST_F(RequestProtocol, UpdateAllRunsReadyContinuations) {
+    std::vector<Event> log;
+    Step a('A', &log, false);
+    PushFrame(request_, &a, 3);
+    zkUpdateAllRequests();
+    EXPECT_TRUE(log.empty()); // still pending
+    request_->NotifyCompletion();
+    EXPECT_EQ(request_->FrameState(0), zk::kFrameCompleted);
+    EXPECT_EQ(zkIsRequestCompleted(request_), 1);
+    zkUpdateAllRequests();
+    EXPECT_EQ(log, (std::vector<Event>{{'A', 0, 3}}));
+    EXPECT_EQ(request_->FrameCount(), 0u);
+    zkUpdateAllRequests();
+    EXPECT_EQ(log.size(), 1u);
+}
+
+// ---- the arena ---------------------------------------------------------------------
+
+TEST(RequestArena, StackOfEightSixteenByteSteps) {
+    alignas(64) static unsigned char block[1024];
+    zk::RequestArena arena;
+    zkAddr base = reinterpret_cast<zkAddr>(block);
+    arena.Initialize(base, sizeof(block));
+    EXPECT_EQ(arena.Allocate(1), base);
+    EXPECT_EQ(arena.Allocate(17), base + 16);
+    EXPECT_EQ(arena.Allocate(16), base + 48);
+    arena.FreeLast(17); // not the most recent size: nothing happens
+    EXPECT_EQ(arena.LiveCount(), 3u);
+    arena.FreeLast(16);
+    EXPECT_EQ(arena.LiveCount(), 2u);
+    EXPECT_EQ(arena.Current(), base + 48);
+    for (int i = 0; i < 6; ++i) EXPECT_NE(arena.Allocate(8), 0u);
+    EXPECT_EQ(arena.Allocate(8), 0u); // 8 live allocations
+    for (int i = 0; i < 6; ++i) arena.FreeLast(8);
+    EXPECT_EQ(arena.Allocate(1024 - 48 + 1), 0u); // rounded up, it does not fit
+    EXPECT_EQ(arena.Allocate(1024 - 48), base + 48); // the rest exactly
+    EXPECT_EQ(arena.Allocate(1), 0u);
+}
+
+// ---- concurrency -------------------------------------------------------------------
+
+constexpr int kRounds = zktest::kThreadSanitizer ? 10000 : 20000;
+
+using RequestStress = RequestProtocol;
+
+TEST_F(RequestStress, RoundTripsOnSixteenRequests) {
+    Request* requests[16] = {request_};
+    for (int i = 1; i < 16; ++i) {
+        requests[i] = zkCreateRequest();
+        ASSERT_NE(requests[i], nullptr);
+    }
+    TestExecutor executor;
+    int wrong = 0;
+    for (int round = 0; round < kRounds / 16; ++round) {
+        for (int i = 0; i < 16; ++i) ASSERT_EQ(BeginAdd(executor, requests[i], round, i), 0);
+        for (int i = 0; i < 16; ++i) {
+            bool checked = false;
+            wrong += EndAdd(requests[i], &checked) != round + i || !checked;
+        }
+    }
+    EXPECT_EQ(wrong, 0);
+    for (int i = 1; i < 16; ++i) EXPECT_EQ(zkReleaseRequest(requests[i]), 0);
+}
+
+TEST_F(RequestStress, PollingWhileCompleting) {
+    TestExecutor executor;
+    int wrong = 0;
+    for (int round = 0; round < kRounds; ++round) {
+        ASSERT_EQ(BeginAdd(executor, request_, round, 1), 0);
+        if (round % 2) {
+            while (!zkIsRequestCompleted(request_)) {
+            }
+        }
+        wrong += EndAdd(request_) != round + 1;
+    }
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(RequestStress, OneRequestPerThread) {
+    // Each application thread drives its own request; one executor serves all.
+    TestExecutor executor;
+    Request* requests[4] = {request_, zkCreateRequest(), zkCreateRequest(), zkCreateRequest()};
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> users;
+    for (int t = 0; t < 4; ++t) {
+        users.emplace_back([&, t] {
+            for (int round = 0; round < kRounds / 4; ++round) {
+                if (BeginAdd(executor, requests[t], round, t) != 0) ++wrong;
+                if (EndAdd(requests[t]) != round + t) ++wrong;
+            }
+        });
+    }
+    for (std::thread& user : users) user.join();
+    EXPECT_EQ(wrong.load(), 0);
+    for (int t = 1; t < 4; ++t) EXPECT_EQ(zkReleaseRequest(requests[t]), 0);
+}
+
+} // namespace

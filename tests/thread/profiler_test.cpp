@@ -1,0 +1,124 @@
+// Profilers and the performance counter through the exports, on the real
+// counter: lifecycle and the report's shape. The report's arithmetic, on a
+// counter the test drives, is in internal/profiler_report_test.cpp.
+#include "support/library_test.h"
+
+#include <regex>
+
+namespace {
+
+using ProfilerTest = zktest::LibraryTest;
+
+// Spins for a measurable span on the counter.
+void Busy(double milliseconds) {
+    double frequency = zkGetPerformanceFrequency();
+    uint32_t start = zkGetPerformanceCounter();
+    while ((zkGetPerformanceCounter() - start) / frequency * 1000.0 < milliseconds) {
+    }
+}
+
+TEST(PerformanceCounter, UsableBeforeInitialisation) {
+    EXPECT_GT(zkGetPerformanceFrequency(), 0.0);
+    EXPECT_NE(zkResetPerformanceCounter(), 0);
+    uint32_t a = zkGetPerformanceCounter();
+    Busy(1.0);
+    uint32_t b = zkGetPerformanceCounter();
+    EXPECT_GT(b - a, 0u);
+    // 1 ms of spinning is far less than 2^31 counts at any frequency in use.
+    EXPECT_LT(b - a, 0x80000000u);
+}
+
+TEST_F(ProfilerTest, ResetStartsTheCounterAgain) {
+    Busy(5.0);
+    uint32_t before = zkGetPerformanceCounter();
+    EXPECT_NE(zkResetPerformanceCounter(), 0);
+    uint32_t after = zkGetPerformanceCounter();
+    // 5 ms passed before the reset: the reading after it is smaller.
+    EXPECT_LT(after, before);
+}
+
+TEST(ProfilerLifecycle, NeedsTheSystemPool) {
+    EXPECT_EQ(zkInitializeProfiler(4, 0), ZK_ERR_NO_MEMORY);
+    zkBeginProfile(0); // an uninitialised profiler ignores every call
+    zkEndProfile(0);
+    zkSetProfileName(0, "x");
+    zkSetProfileSwitch(0);
+    zkUpdateAllProfilers();
+}
+
+TEST(ProfilerLifecycle, InitialisedOncePerLibraryStart) {
+    for (int start = 0; start < 2; ++start) {
+        ASSERT_EQ(zkBeginProcess(0), 0);
+        ASSERT_EQ(zkInitializeEx(8u << 20, 256), 0);
+        EXPECT_EQ(zkInitializeProfiler(8, 0), 0) << "start " << start;
+        EXPECT_EQ(zkInitializeProfiler(8, 0), ZK_ERR_NOT_SUPPORTED);
+        EXPECT_EQ(zkInitializeSystemProfiler(2, 0), 0);
+        EXPECT_EQ(zkInitializeSystemProfiler(2, 0), ZK_ERR_NOT_SUPPORTED);
+        EXPECT_EQ(zkTerminate(), 0);
+        EXPECT_EQ(zkEndProcess(), 0);
+    }
+}
+
+TEST_F(ProfilerTest, EveryUpdateReportsWithIntervalZero) {
+    zktest::TraceCapture trace;
+    ASSERT_EQ(zkInitializeProfiler(3, 0), 0);
+    ASSERT_EQ(zkInitializeSystemProfiler(2, 0), 0);
+    zkSetProfileInterval(0);
+    zkSetSystemProfileInterval(0);
+    zkSetProfileName(1, "busy");
+    zkSetSystemProfileName(0, "system slot");
+    zkBeginProfile(1);
+    Busy(2.0);
+    zkEndProfile(1);
+    zkBeginSystemProfile(0);
+    zkEndSystemProfile(0);
+    zkBeginSystemProfile(1); // begun, never ended: measures nothing
+    zkBeginProfile(7);       // out of range: ignored
+    zkEndProfile(7);
+    zkUpdateAllProfilers();
+
+    std::vector<std::string> lines = trace.Lines();
+    ASSERT_GE(lines.size(), 1u);
+    // The user profiler reports first, and only the slots that measured something.
+    const std::regex user(
+        R"(QaxKrnl : \[001\] busy           : [ 0-9]{2}[0-9]+\.[0-9]{2} \(msec\) [0-9]+\.[0-9]{2} \(percent\) 1 \(calls\)\n)");
+    EXPECT_TRUE(std::regex_match(lines[0], user)) << lines[0];
+    double ms = 0;
+    ASSERT_EQ(std::sscanf(lines[0].c_str(), "QaxKrnl : [001] busy           : %lf", &ms), 1);
+    EXPECT_GE(ms, 2.0);
+    if (lines.size() > 1) {
+        EXPECT_EQ(lines[1].rfind("QaxKrnl : [000] system slot    : ", 0), 0u) << lines[1];
+    }
+    EXPECT_LE(lines.size(), 2u);
+
+    // The report cleared the slot: the next update prints nothing for it.
+    trace.Clear();
+    zkUpdateAllProfilers();
+    EXPECT_TRUE(trace.Lines().empty()) << trace.Text();
+}
+
+TEST_F(ProfilerTest, SwitchedOffProfilerDoesNotReport) {
+    zktest::TraceCapture trace;
+    ASSERT_EQ(zkInitializeProfiler(1, 0), 0);
+    zkSetProfileInterval(0);
+    zkSetProfileSwitch(0);
+    zkBeginProfile(0);
+    Busy(1.0);
+    zkEndProfile(0);
+    zkUpdateAllProfilers();
+    EXPECT_TRUE(trace.Lines().empty());
+    // Switching on clears the slots: what was measured while off is gone.
+    zkSetProfileSwitch(1);
+    zkUpdateAllProfilers();
+    EXPECT_TRUE(trace.Lines().empty()) << trace.Text();
+    zkBeginProfile(0);
+    Busy(1.0);
+    zkEndProfile(0);
+    zkUpdateAllProfilers();
+    ASSERT_EQ(trace.Lines().size(), 1u);
+    // An unnamed slot prints 15 blanks for its name.
+    const std::string start = "QaxKrnl : [000] " + std::string(15, ' ') + ": ";
+    EXPECT_EQ(trace.Lines()[0].rfind(start, 0), 0u) << trace.Lines()[0];
+}
+
+} // namespace

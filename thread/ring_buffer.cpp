@@ -1,0 +1,158 @@
+// The library's one ring buffer: a byte stream from one producer thread to
+// one consumer thread through a buffer the application supplies.
+//
+// Locks and threads: only the consumer moves the read offset and only the
+// producer moves the write offset, so each offset is its own side's private
+// state. The data size is the one field both sides change; it is read and
+// written only while holding the guard, a binary semaphore. Taking and giving
+// back the guard orders the bytes as well: the producer fills its region
+// before it gives the guard back with the larger data size, and the consumer
+// takes the guard before it looks at the bytes that size announces (and the
+// same the other way round for space handed back by the consumer).
+// base, size and the in-use flag are set by create and release, which the
+// application calls while neither side is working.
+#include <zk/ringbuffer.h>
+#include <zk/semaphore.h>
+
+struct RingBuffer {
+    // Takes the ring buffer for the caller's buffer; false when it is in use
+    // or the guard cannot be created.
+    bool Create(void* buffer, uint32_t bufferSize);
+    void Release();
+    uint32_t DataSize();
+    uint32_t LockForRead(void** first, uint32_t* firstSize, void** second, uint32_t* secondSize) {
+        return HandOut(readOffset, DataSize(), first, firstSize, second, secondSize);
+    }
+    uint32_t LockForWrite(void** first, uint32_t* firstSize, void** second, uint32_t* secondSize) {
+        return HandOut(writeOffset, size - DataSize(), first, firstSize, second, secondSize);
+    }
+    void UnlockForRead(uint32_t count) {
+        readOffset = Advance(readOffset, count);
+        ChangeDataSize(0u - count);
+    }
+    void UnlockForWrite(uint32_t count) {
+        writeOffset = Advance(writeOffset, count);
+        ChangeDataSize(count);
+    }
+
+    uint32_t inUse = 0;
+    zkAddr base = 0;
+    uint32_t size = 0;
+    uint32_t dataSize = 0;    // guarded
+    uint32_t readOffset = 0;  // consumer's
+    uint32_t writeOffset = 0; // producer's
+    SemaphoreRecord* guard = nullptr;
+
+private:
+    uint32_t HandOut(uint32_t offset, uint32_t amount, void** first, uint32_t* firstSize,
+                     void** second, uint32_t* secondSize) const;
+    uint32_t Advance(uint32_t offset, uint32_t count) const {
+        uint32_t next = offset + count;
+        return next >= size ? next - size : next;
+    }
+    // Adds delta (modulo 2^32, so a consumer passes the negated count).
+    void ChangeDataSize(uint32_t delta) {
+        zkWaitSemaphore(guard);
+        dataSize += delta;
+        zkSignalSemaphore(guard);
+    }
+};
+
+namespace {
+RingBuffer g_ring;
+} // namespace
+
+bool RingBuffer::Create(void* buffer, uint32_t bufferSize) {
+    if (inUse) return false;
+    inUse = 1;
+    base = reinterpret_cast<zkAddr>(buffer);
+    size = bufferSize;
+    dataSize = 0;
+    readOffset = 0;
+    writeOffset = 0;
+    guard = zkCreateSemaphore(1, 1);
+    if (!guard) {
+        Release();
+        return false;
+    }
+    return true;
+}
+
+void RingBuffer::Release() {
+    base = 0;
+    size = 0;
+    dataSize = 0;
+    readOffset = 0;
+    writeOffset = 0;
+    zkReleaseSemaphore(guard);
+    guard = nullptr;
+    inUse = 0;
+}
+
+uint32_t RingBuffer::DataSize() {
+    zkWaitSemaphore(guard);
+    uint32_t result = dataSize;
+    zkSignalSemaphore(guard);
+    return result;
+}
+
+// Hands out `amount` bytes from `offset` in up to two pieces, the second being
+// the part that wraps round to the buffer's start. Returns amount.
+uint32_t RingBuffer::HandOut(uint32_t offset, uint32_t amount, void** first, uint32_t* firstSize,
+                             void** second, uint32_t* secondSize) const {
+    if (!first || !firstSize || !second || !secondSize || amount == 0) {
+        // Outputs that cannot all be written are all cleared, as is an empty region.
+        if (first) *first = nullptr;
+        if (firstSize) *firstSize = 0;
+        if (second) *second = nullptr;
+        if (secondSize) *secondSize = 0;
+        return amount;
+    }
+    *first = reinterpret_cast<void*>(base + offset);
+    if (uint64_t(offset) + amount <= size) {
+        *firstSize = amount;
+        *second = nullptr;
+        *secondSize = 0;
+    } else {
+        *firstSize = size - offset;
+        *second = reinterpret_cast<void*>(base);
+        *secondSize = amount - *firstSize;
+    }
+    return amount;
+}
+
+extern "C" ZK_API RingBuffer* ZK_CALL zkCreateRingBuffer(void* buffer, uint32_t size) {
+    return g_ring.Create(buffer, size) ? &g_ring : nullptr;
+}
+
+extern "C" ZK_API void ZK_CALL zkReleaseRingBuffer(RingBuffer* ring) {
+    if (ring) ring->Release();
+}
+
+extern "C" ZK_API uint32_t ZK_CALL zkGetRingBufferDataSize(RingBuffer* ring) {
+    return ring ? ring->DataSize() : 0;
+}
+
+extern "C" ZK_API void* ZK_CALL zkGetRingBufferAddress(RingBuffer* ring) {
+    return ring ? reinterpret_cast<void*>(ring->base) : nullptr;
+}
+
+extern "C" ZK_API uint32_t ZK_CALL zkLockRingBufferForRead(RingBuffer* ring, void** first,
+                                                           uint32_t* firstSize, void** second,
+                                                           uint32_t* secondSize) {
+    return ring ? ring->LockForRead(first, firstSize, second, secondSize) : 0;
+}
+
+extern "C" ZK_API void ZK_CALL zkUnlockRingBufferForRead(RingBuffer* ring, uint32_t count) {
+    if (ring) ring->UnlockForRead(count);
+}
+
+extern "C" ZK_API uint32_t ZK_CALL zkLockRingBufferForWrite(RingBuffer* ring, void** first,
+                                                            uint32_t* firstSize, void** second,
+                                                            uint32_t* secondSize) {
+    return ring ? ring->LockForWrite(first, firstSize, second, secondSize) : 0;
+}
+
+extern "C" ZK_API void ZK_CALL zkUnlockRingBufferForWrite(RingBuffer* ring, uint32_t count) {
+    if (ring) ring->UnlockForWrite(count);
+}

@@ -1,0 +1,77 @@
+// Counting semaphores for applications: a fixed table of 128 records, each
+// holding one operating-system semaphore. Records are taken and given back
+// under the library lock (inside RecordTable); the semaphore operations
+// themselves run unlocked on any thread.
+#include "thread/record_table.h"
+
+#include <zk/semaphore.h>
+
+struct SemaphoreRecord {
+    zk::os::Handle handle; // null when none
+    SemaphoreRecord* link; // next free record; null while in use
+};
+
+namespace zk {
+
+namespace {
+
+class SemaphoreTable {
+public:
+    static constexpr std::size_t kSemaphores = 128;
+
+    SemaphoreRecord* Create(int32_t initialCount, int32_t maximumCount) {
+        SemaphoreRecord* record = records_.Take();
+        if (!record) return nullptr;
+        record->handle = os::SemaphoreCreate(initialCount, maximumCount);
+        if (!record->handle) {
+            records_.Give(record);
+            return nullptr;
+        }
+        return record;
+    }
+
+    void Release(SemaphoreRecord* record) {
+        if (!records_.InUse(record)) return;
+        os::CloseHandle(record->handle);
+        record->handle = nullptr;
+        records_.Give(record);
+    }
+
+private:
+    RecordTable<SemaphoreRecord, kSemaphores> records_;
+};
+
+SemaphoreTable g_semaphores;
+
+os::Handle HandleOf(const SemaphoreRecord* semaphore) {
+    return semaphore ? semaphore->handle : nullptr;
+}
+
+} // namespace
+} // namespace zk
+
+extern "C" ZK_API SemaphoreRecord* ZK_CALL zkCreateSemaphore(int32_t initialCount,
+                                                            int32_t maximumCount) {
+    return zk::g_semaphores.Create(initialCount, maximumCount);
+}
+
+extern "C" ZK_API void ZK_CALL zkReleaseSemaphore(SemaphoreRecord* semaphore) {
+    if (!semaphore) return;
+    zk::g_semaphores.Release(semaphore);
+}
+
+extern "C" ZK_API void ZK_CALL zkWaitSemaphore(SemaphoreRecord* semaphore) {
+    zk::os::Handle handle = zk::HandleOf(semaphore);
+    if (handle) zk::os::Wait(handle, zk::os::kInfinite);
+}
+
+extern "C" ZK_API int32_t ZK_CALL zkPollSemaphore(SemaphoreRecord* semaphore) {
+    zk::os::Handle handle = zk::HandleOf(semaphore);
+    if (!handle) return 0;
+    return zk::os::Wait(handle, 0) == zk::os::WaitResult::Timeout ? 0 : 1;
+}
+
+extern "C" ZK_API void ZK_CALL zkSignalSemaphore(SemaphoreRecord* semaphore) {
+    zk::os::Handle handle = zk::HandleOf(semaphore);
+    if (handle) zk::os::SemaphoreRelease(handle, 1);
+}

@@ -1,0 +1,62 @@
+// The thread wrapper over the platform's threads.
+#include "thread/thread.h"
+
+#include <zk/result.h>
+
+namespace zk {
+
+int32_t Thread::Initialize(Runnable* runnable, uint32_t stackSize, int32_t priority) {
+    handle_ = nullptr;
+    runnable_ = runnable;
+    stackSize_ = stackSize;
+    priority_ = priority;
+    return 0;
+}
+
+// The library's thread entry: the slot holds the Thread while its body runs.
+uint32_t Thread::Entry(void* parameter) {
+    Thread* self = static_cast<Thread*>(parameter);
+    os::CurrentThreadSlotSet(self);
+    if (self->runnable_) self->runnable_->Run();
+    os::CurrentThreadSlotSet(nullptr);
+    return 0;
+}
+
+int32_t Thread::Start() {
+    os::Handle handle = os::ThreadCreateSuspended(stackSize_, &Thread::Entry, this);
+    if (!handle) return ZK_ERR_NO_SLOT;
+    os::ThreadSetPriority(handle, priority_);
+    // The handle is stored before the thread runs, so the controlling thread
+    // never sees a running thread without one.
+    handle_ = handle;
+    os::ThreadResume(handle);
+    return 0;
+}
+
+void Thread::Wait() {
+    if (!handle_) return;
+    if (os::Wait(handle_, os::kInfinite) == os::WaitResult::Signaled) {
+        os::CloseHandle(handle_);
+        handle_ = nullptr;
+    }
+}
+
+int32_t Thread::IsRunning() {
+    if (!handle_) return 0;
+    if (os::Wait(handle_, 0) == os::WaitResult::Signaled) {
+        os::CloseHandle(handle_);
+        handle_ = nullptr;
+        return 0;
+    }
+    return 1;
+}
+
+void Thread::Release() {
+    if (handle_) {
+        if (os::Wait(handle_, os::kInfinite) == os::WaitResult::Signaled) os::CloseHandle(handle_);
+    }
+    handle_ = nullptr;
+    runnable_ = nullptr;
+}
+
+} // namespace zk

@@ -30,10 +30,18 @@ struct Allocator {
     void (*release)(void* p);
 };
 
-void* ZkAllocate(uint32_t size) { return zkMalloc(size); }
-void ZkRelease(void* p) { zkFree(p); }
-void* CAllocate(uint32_t size) { return std::malloc(size); }
-void CRelease(void* p) { std::free(p); }
+void* ZkAllocate(uint32_t size) {
+    return zkMalloc(size);
+}
+void ZkRelease(void* p) {
+    zkFree(p);
+}
+void* CAllocate(uint32_t size) {
+    return std::malloc(size);
+}
+void CRelease(void* p) {
+    std::free(p);
+}
 
 const Allocator kZk{"zkMalloc", ZkAllocate, ZkRelease};
 const Allocator kC{"malloc", CAllocate, CRelease};
@@ -57,7 +65,8 @@ public:
         if (pairs_.empty()) return f;
         std::sort(pairs_.begin(), pairs_.end());
         f.median = static_cast<double>(pairs_[pairs_.size() / 2]);
-        f.p999 = static_cast<double>(pairs_[std::min(pairs_.size() - 1, pairs_.size() * 999 / 1000)]);
+        f.p999 =
+            static_cast<double>(pairs_[std::min(pairs_.size() - 1, pairs_.size() * 999 / 1000)]);
         f.worst = static_cast<double>(worst_);
         return f;
     }
@@ -94,7 +103,8 @@ Figures RunRandom(const Allocator& a, uint32_t live, uint32_t steps, uint32_t se
         if (!blocks[slot]) return failed;
         recorder.Pair(Ns(t1, t2), Ns(t0, t1));
     }
-    for (void* p : blocks) a.release(p);
+    for (void* p : blocks)
+        a.release(p);
     return recorder.Summarise();
 }
 
@@ -111,7 +121,8 @@ Figures RunFrames(const Allocator& a, uint32_t frames, uint32_t seed) {
     failed.failed = true;
     for (uint32_t frame = 0; frame < frames; ++frame) {
         std::vector<void*>& retiring = longLived[frame % kLongLife];
-        for (void* p : retiring) a.release(p);
+        for (void* p : retiring)
+            a.release(p);
         retiring.clear();
         for (uint32_t i = 0; i < kLongPerFrame; ++i) {
             void* p = a.allocate(RandomSize(rng, 1024, 65536));
@@ -138,7 +149,8 @@ Figures RunFrames(const Allocator& a, uint32_t frames, uint32_t seed) {
         }
     }
     for (auto& list : longLived)
-        for (void* p : list) a.release(p);
+        for (void* p : list)
+            a.release(p);
     return recorder.Summarise();
 }
 
@@ -149,8 +161,8 @@ void Report(const char* test, const Figures& zk, const Figures& c) {
     }
     std::printf("%-11s  zk: median %7.0f  p99.9 %8.0f  worst %9.0f | malloc: median %6.0f  "
                 "p99.9 %7.0f  worst %8.0f | ratio median %5.2f  p99.9 %6.2f  worst %6.2f\n",
-                test, zk.median, zk.p999, zk.worst, c.median, c.p999, c.worst,
-                zk.median / c.median, zk.p999 / c.p999, zk.worst / c.worst);
+                test, zk.median, zk.p999, zk.worst, c.median, c.p999, c.worst, zk.median / c.median,
+                zk.p999 / c.p999, zk.worst / c.worst);
 }
 
 } // namespace

@@ -19,7 +19,9 @@ constexpr uint32_t kPeriod = (1u << 20) + 4099;
 
 std::vector<unsigned char> g_pattern;
 
-const unsigned char* PatternAt(uint64_t position) { return &g_pattern[position % kPeriod]; }
+const unsigned char* PatternAt(uint64_t position) {
+    return &g_pattern[position % kPeriod];
+}
 
 struct Transfer {
     RingBuffer* ring;
@@ -49,8 +51,10 @@ void ZK_CALL Produce(void* argument) {
             continue;
         }
         uint64_t left = kTotal - position;
-        if (firstSize > left) firstSize = static_cast<uint32_t>(left), secondSize = 0;
-        else if (firstSize + secondSize > left) secondSize = static_cast<uint32_t>(left - firstSize);
+        if (firstSize > left)
+            firstSize = static_cast<uint32_t>(left), secondSize = 0;
+        else if (firstSize + secondSize > left)
+            secondSize = static_cast<uint32_t>(left - firstSize);
         CopyIn(first, firstSize, position);
         if (secondSize) CopyIn(second, secondSize, position);
         zkUnlockRingBufferForWrite(t->ring, firstSize + secondSize);

@@ -15,9 +15,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Debian installs the 64-bit loader outside PATH.
+# Debian installs the 64-bit loader outside PATH. A cache entry, so that
+# -DCMAKE_CROSSCOMPILING_EMULATOR=... on the command line takes precedence.
 if(EXISTS /usr/lib/wine/wine64)
-  set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64)
+  set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64 CACHE STRING "Runs the Windows programs")
 else()
-  set(CMAKE_CROSSCOMPILING_EMULATOR wine64)
+  set(CMAKE_CROSSCOMPILING_EMULATOR wine64 CACHE STRING "Runs the Windows programs")
 endif()

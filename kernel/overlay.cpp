@@ -30,7 +30,9 @@ namespace {
 const OverlayLoader g_overlays;
 } // namespace
 
-const OverlayLoader* Overlays() { return &g_overlays; }
+const OverlayLoader* Overlays() {
+    return &g_overlays;
+}
 
 } // namespace zk
 
@@ -41,11 +43,11 @@ extern "C" ZK_API int32_t ZK_CALL zkLoadOverlayForRelease(const void*, const voi
     return zk::g_overlays.Load();
 }
 extern "C" ZK_API int32_t ZK_CALL zkLoadOverlayFromMemoryForDebug(const void*, const void*,
-                                                                 const void*) {
+                                                                  const void*) {
     return zk::g_overlays.Load();
 }
 extern "C" ZK_API int32_t ZK_CALL zkLoadOverlayFromMemoryForRelease(const void*, const void*,
-                                                                   const void*) {
+                                                                    const void*) {
     return zk::g_overlays.Load();
 }
 extern "C" ZK_API int32_t ZK_CALL zkBeginLoadOverlay(const void*, const void*, Request* request) {

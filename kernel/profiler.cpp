@@ -19,7 +19,9 @@ void PerformanceCounter::Start() {
     base_ = Read();
 }
 
-int64_t PerformanceCounter::Read() const { return os::PerformanceCounter(); }
+int64_t PerformanceCounter::Read() const {
+    return os::PerformanceCounter();
+}
 
 int64_t PerformanceCounter::Frequency() {
     if (frequency_ == 0) frequency_ = os::PerformanceFrequency();
@@ -112,9 +114,15 @@ Profiler g_userProfiler;
 Profiler g_systemProfiler;
 } // namespace
 
-PerformanceCounter& Counter() { return g_counter; }
-Profiler& UserProfiler() { return g_userProfiler; }
-Profiler& SystemProfiler() { return g_systemProfiler; }
+PerformanceCounter& Counter() {
+    return g_counter;
+}
+Profiler& UserProfiler() {
+    return g_userProfiler;
+}
+Profiler& SystemProfiler() {
+    return g_systemProfiler;
+}
 
 } // namespace zk
 
@@ -122,7 +130,9 @@ using zk::g_counter;
 using zk::g_systemProfiler;
 using zk::g_userProfiler;
 
-extern "C" ZK_API uint32_t ZK_CALL zkGetPerformanceCounter(void) { return g_counter.Elapsed(); }
+extern "C" ZK_API uint32_t ZK_CALL zkGetPerformanceCounter(void) {
+    return g_counter.Elapsed();
+}
 
 extern "C" ZK_API double ZK_CALL zkGetPerformanceFrequency(void) {
     return static_cast<double>(g_counter.Frequency());
@@ -141,8 +151,12 @@ extern "C" ZK_API void ZK_CALL zkSetProfileSwitch(uint32_t enabled) {
 extern "C" ZK_API void ZK_CALL zkSetProfileInterval(uint32_t milliseconds) {
     g_userProfiler.SetInterval(milliseconds);
 }
-extern "C" ZK_API void ZK_CALL zkBeginProfile(uint32_t slot) { g_userProfiler.Begin(slot); }
-extern "C" ZK_API void ZK_CALL zkEndProfile(uint32_t slot) { g_userProfiler.End(slot); }
+extern "C" ZK_API void ZK_CALL zkBeginProfile(uint32_t slot) {
+    g_userProfiler.Begin(slot);
+}
+extern "C" ZK_API void ZK_CALL zkEndProfile(uint32_t slot) {
+    g_userProfiler.End(slot);
+}
 extern "C" ZK_API void ZK_CALL zkSetProfileName(uint32_t slot, const char* name) {
     g_userProfiler.SetName(slot, name);
 }
@@ -156,8 +170,12 @@ extern "C" ZK_API void ZK_CALL zkSetSystemProfileSwitch(uint32_t enabled) {
 extern "C" ZK_API void ZK_CALL zkSetSystemProfileInterval(uint32_t milliseconds) {
     g_systemProfiler.SetInterval(milliseconds);
 }
-extern "C" ZK_API void ZK_CALL zkBeginSystemProfile(uint32_t slot) { g_systemProfiler.Begin(slot); }
-extern "C" ZK_API void ZK_CALL zkEndSystemProfile(uint32_t slot) { g_systemProfiler.End(slot); }
+extern "C" ZK_API void ZK_CALL zkBeginSystemProfile(uint32_t slot) {
+    g_systemProfiler.Begin(slot);
+}
+extern "C" ZK_API void ZK_CALL zkEndSystemProfile(uint32_t slot) {
+    g_systemProfiler.End(slot);
+}
 extern "C" ZK_API void ZK_CALL zkSetSystemProfileName(uint32_t slot, const char* name) {
     g_systemProfiler.SetName(slot, name);
 }

@@ -57,7 +57,8 @@ public:
         }
     }
     void End(uint32_t slot) {
-        if (slot < slotCount_) slots_[slot].total += (counter_->Read() - slots_[slot].start) - frameStart_;
+        if (slot < slotCount_)
+            slots_[slot].total += (counter_->Read() - slots_[slot].start) - frameStart_;
     }
     void SetName(uint32_t slot, const char* name);
     // Once per frame: counts the frame, reports when the interval is reached.

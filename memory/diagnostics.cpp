@@ -41,41 +41,39 @@ extern "C" ZK_API zkAddr ZK_CALL zkQueryMemoryPoolInfo(MemoryPool* pool, uint32_
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryBlocks(MemoryBlockCallback callback,
-                                                          void* user) {
+                                                           void* user) {
     return callback && SystemPool() ? zk::WalkBlocks(*SystemPool(), callback, user) : 0;
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryPoolBlocks(MemoryPool* pool,
-                                                              MemoryBlockCallback callback,
-                                                              void* user) {
+                                                               MemoryBlockCallback callback,
+                                                               void* user) {
     return callback && pool ? zk::WalkBlocks(*pool, callback, user) : 0;
 }
 
-extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryGaps(MemoryRangeCallback callback,
-                                                        void* user) {
+extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryGaps(MemoryRangeCallback callback, void* user) {
     return callback && SystemPool() ? zk::WalkGaps(*SystemPool(), callback, user) : 0;
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryPoolGaps(MemoryPool* pool,
-                                                            MemoryRangeCallback callback,
-                                                            void* user) {
+                                                             MemoryRangeCallback callback,
+                                                             void* user) {
     return callback && pool ? zk::WalkGaps(*pool, callback, user) : 0;
 }
 
-extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryUsed(MemoryRangeCallback callback,
-                                                        void* user) {
+extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryUsed(MemoryRangeCallback callback, void* user) {
     return callback && SystemPool() ? zk::WalkUsed(*SystemPool(), callback, user) : 0;
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryPoolUsed(MemoryPool* pool,
-                                                            MemoryRangeCallback callback,
-                                                            void* user) {
+                                                             MemoryRangeCallback callback,
+                                                             void* user) {
     return callback && pool ? zk::WalkUsed(*pool, callback, user) : 0;
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryPoolCategory(MemoryPool* pool,
-                                                                MemoryCategoryCallback callback,
-                                                                void* user) {
+                                                                 MemoryCategoryCallback callback,
+                                                                 void* user) {
     return callback && pool ? zk::WalkCategories(*pool, callback, user) : 0;
 }
 
@@ -85,7 +83,7 @@ extern "C" ZK_API uint32_t ZK_CALL zkDumpAllMemoryBlocks(uint32_t checkpoint) {
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkDumpAllMemoryPoolBlocks(MemoryPool* pool,
-                                                            uint32_t checkpoint) {
+                                                             uint32_t checkpoint) {
     return pool ? zk::DumpBlocks(*pool, checkpoint) : 0;
 }
 
@@ -94,8 +92,7 @@ extern "C" ZK_API uint32_t ZK_CALL zkDumpAllMemoryGaps(uint32_t minimumSize) {
     return SystemPool() ? zk::DumpGaps(*SystemPool(), minimumSize) : 0;
 }
 
-extern "C" ZK_API uint32_t ZK_CALL zkDumpAllMemoryPoolGaps(MemoryPool* pool,
-                                                          uint32_t minimumSize) {
+extern "C" ZK_API uint32_t ZK_CALL zkDumpAllMemoryPoolGaps(MemoryPool* pool, uint32_t minimumSize) {
     return pool ? zk::DumpGaps(*pool, minimumSize) : 0;
 }
 

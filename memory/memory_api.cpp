@@ -15,13 +15,17 @@ extern "C" ZK_API void* ZK_CALL zkMallocEx(uint32_t size, uint32_t flags) {
 }
 
 extern "C" ZK_API void* ZK_CALL zkAllocateSystemMemory(uint32_t size, uint32_t flags,
-                                                        uint32_t category) {
+                                                       uint32_t category) {
     return Memory().AllocateFixed(size, flags, category);
 }
 
-extern "C" ZK_API void ZK_CALL zkFree(void* address) { Memory().FreeAddress(address); }
+extern "C" ZK_API void ZK_CALL zkFree(void* address) {
+    Memory().FreeAddress(address);
+}
 
-extern "C" ZK_API void ZK_CALL zkFreeSystemMemory(void* address) { Memory().FreeAddress(address); }
+extern "C" ZK_API void ZK_CALL zkFreeSystemMemory(void* address) {
+    Memory().FreeAddress(address);
+}
 
 extern "C" ZK_API MemoryBlock* ZK_CALL zkAllocMemoryBlock(uint32_t size, uint32_t flags) {
     return Memory().AllocateHandle(size, flags);
@@ -36,13 +40,17 @@ extern "C" ZK_API void* ZK_CALL zkLockMemory(MemoryBlock* block) {
     return reinterpret_cast<void*>(block->address);
 }
 
-extern "C" ZK_API void ZK_CALL zkUnlockMemory(MemoryBlock* block) { MemoryPool::Unlock(block); }
+extern "C" ZK_API void ZK_CALL zkUnlockMemory(MemoryBlock* block) {
+    MemoryPool::Unlock(block);
+}
 
 extern "C" ZK_API uint32_t ZK_CALL zkGetMemoryBlockSize(MemoryBlock* block) {
     return block ? block->requestedSize : 0;
 }
 
-extern "C" ZK_API MemoryPool* ZK_CALL zkGetSystemMemoryPool(void) { return zk::SystemPool(); }
+extern "C" ZK_API MemoryPool* ZK_CALL zkGetSystemMemoryPool(void) {
+    return zk::SystemPool();
+}
 
 extern "C" ZK_API uint32_t ZK_CALL zkSetAllocMode(uint32_t mode) {
     return Memory().SetDefaultMode(mode);

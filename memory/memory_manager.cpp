@@ -22,8 +22,12 @@ zkAddr RoundUp64(zkAddr value) {
 
 } // namespace
 
-MemoryManager& Memory() { return g_memoryManager; }
-MemoryPoolTable& PoolTable() { return g_poolTable; }
+MemoryManager& Memory() {
+    return g_memoryManager;
+}
+MemoryPoolTable& PoolTable() {
+    return g_poolTable;
+}
 
 void MemoryPoolTable::ReclaimAbandoned() {
     for (uint32_t i = 0; i < kPoolRecordCount; ++i) {
@@ -49,8 +53,8 @@ int32_t MemoryManager::Start(uint32_t arenaSize, uint32_t descriptorCount) {
     if (descriptorCount < 2 || bytes == 0) return ZK_ERR_NO_MEMORY;
     // The table alone must fit in the arena; checked in 64 bits so that a huge
     // descriptor count cannot wrap around.
-    const uint64_t tableBytes = static_cast<uint64_t>(descriptorCount) * sizeof(MemoryBlock);
-    if (tableBytes >= bytes) return ZK_ERR_NO_MEMORY;
+    const uint64_t tableBytes = MemoryPool::TableBytes(descriptorCount);
+    if (tableBytes == 0 || tableBytes >= bytes) return ZK_ERR_NO_MEMORY;
 
     void* arena = os::VirtualCommit(bytes);
     if (!arena) return ZK_ERR_NO_MEMORY;
@@ -129,10 +133,17 @@ uint32_t MemoryManager::SetDefaultMode(uint32_t mode) {
                               : defaultMode_ == ZK_ALLOC_TOP  ? 2u
                                                               : 0u;
     switch (mode) {
-    case 0: defaultMode_ = 0; break;
-    case 1: defaultMode_ = ZK_ALLOC_BOTTOM; break;
-    case 2: defaultMode_ = ZK_ALLOC_TOP; break;
-    default: break;
+    case 0:
+        defaultMode_ = 0;
+        break;
+    case 1:
+        defaultMode_ = ZK_ALLOC_BOTTOM;
+        break;
+    case 2:
+        defaultMode_ = ZK_ALLOC_TOP;
+        break;
+    default:
+        break;
     }
     return previous;
 }

@@ -100,7 +100,9 @@ private:
 MemoryManager& Memory();
 MemoryPoolTable& PoolTable();
 // The system pool, or null when the library is not initialised.
-inline MemoryPool* SystemPool() { return Memory().SystemPool(); }
+inline MemoryPool* SystemPool() {
+    return Memory().SystemPool();
+}
 
 } // namespace zk
 

@@ -2,6 +2,8 @@
 // memory_pool.h.
 #include "memory/memory_pool.h"
 
+#include <bit>
+#include <cstddef>
 #include <cstring>
 
 using zk::SizeClass;
@@ -10,7 +12,9 @@ namespace {
 
 constexpr uint16_t kMaxLockCount = 0xFFFF;
 
-bool IsPowerOfTwo(uint32_t n) { return (n & (n - 1)) == 0; }
+bool IsPowerOfTwo(uint32_t n) {
+    return (n & (n - 1)) == 0;
+}
 
 // Bytes from start up to the next multiple of alignment (0 when aligned).
 zkAddr SlackUp(zkAddr start, uint32_t alignment) {
@@ -46,7 +50,9 @@ bool FitsFromTop(zkAddr gapStart, uint32_t gap, uint32_t taken, uint32_t alignme
     return true;
 }
 
-zkAddr GapStart(const MemoryBlock* b) { return b->address + b->size; }
+zkAddr GapStart(const MemoryBlock* b) {
+    return b->address + b->size;
+}
 
 void ClearDescriptor(MemoryBlock* b) {
     b->flags = 0;
@@ -62,12 +68,33 @@ void ClearDescriptor(MemoryBlock* b) {
     b->allocationNumber = 0;
 }
 
+// Address index slots: the smallest power of two of at least twice the
+// descriptor count, so that probe sequences stay short.
+uint64_t IndexSlots(uint32_t descriptorCount) {
+    uint64_t slots = 4;
+    while (slots < 2ull * descriptorCount)
+        slots <<= 1;
+    return slots;
+}
+
 } // namespace
+
+uint64_t MemoryPool::TableDescriptors(uint32_t descriptorCount) {
+    const uint64_t indexBytes = IndexSlots(descriptorCount) * sizeof(MemoryBlock*);
+    return descriptorCount + (indexBytes + sizeof(MemoryBlock) - 1) / sizeof(MemoryBlock);
+}
+
+uint64_t MemoryPool::TableBytes(uint32_t descriptorCount) {
+    const uint64_t bytes = TableDescriptors(descriptorCount) * sizeof(MemoryBlock);
+    return bytes > 0xFFFFFFFFu ? 0 : bytes;
+}
 
 int32_t MemoryPool::Initialize(zkAddr base, uint32_t size, uint32_t descriptorCount,
                                zk::DescriptorStore& store) {
     if (descriptorCount < 2) return ZK_ERR_INVALID_ARGUMENT;
-    void* room = store.Allocate(descriptorCount);
+    const uint64_t roomBytes = TableBytes(descriptorCount);
+    if (roomBytes == 0) return ZK_ERR_NO_MEMORY;
+    void* room = store.Allocate(static_cast<uint32_t>(TableDescriptors(descriptorCount)));
     if (!room) return ZK_ERR_NO_MEMORY;
 
     MemoryBlock* table = static_cast<MemoryBlock*>(room);
@@ -86,8 +113,13 @@ int32_t MemoryPool::Initialize(zkAddr base, uint32_t size, uint32_t descriptorCo
     freeHook_ = nullptr;
     lock_.Initialize();
 
-    std::memset(static_cast<void*>(table), 0, sizeof(MemoryBlock) * descriptorCount);
-    for (auto& head : buckets_) head = nullptr;
+    std::memset(room, 0, static_cast<std::size_t>(roomBytes));
+    const uint64_t slots = IndexSlots(descriptorCount);
+    index_ = reinterpret_cast<MemoryBlock**>(table + descriptorCount);
+    indexMask_ = static_cast<uint32_t>(slots - 1);
+    indexShift_ = 64 - static_cast<uint32_t>(std::countr_zero(slots));
+    for (auto& head : buckets_)
+        head = nullptr;
 
     for (uint32_t i = 1; i < descriptorCount; ++i) {
         table[i].previous = i > 1 ? &table[i - 1] : nullptr;
@@ -110,9 +142,12 @@ void MemoryPool::Destroy(zk::DescriptorStore& store) {
     store.Free(descriptors_);
     lock_.Delete();
     descriptors_ = nullptr;
+    index_ = nullptr;
+    indexMask_ = 0;
     last_ = nullptr;
     freeDescriptors_ = nullptr;
-    for (auto& head : buckets_) head = nullptr;
+    for (auto& head : buckets_)
+        head = nullptr;
     base_ = 0;
     size_ = 0;
     used_ = 0;
@@ -158,16 +193,54 @@ uint32_t MemoryPool::LargestGap() const {
     for (uint32_t c = zk::kGapBucketCount; c-- > 0;) {
         const MemoryBlock* b = buckets_[c];
         if (!b) continue;
-        while (b->bucketNext) b = b->bucketNext;
+        while (b->bucketNext)
+            b = b->bucketNext;
         return b->gapAfter;
     }
     return 0;
 }
 
+// ---- address index -------------------------------------------------------------
+
+uint32_t MemoryPool::IndexHome(zkAddr address) const {
+    return static_cast<uint32_t>((static_cast<uint64_t>(address) * 0x9E3779B97F4A7C15ull) >>
+                                 indexShift_);
+}
+
+void MemoryPool::IndexInsert(MemoryBlock* block) {
+    uint32_t i = IndexHome(block->address);
+    while (index_[i])
+        i = (i + 1) & indexMask_;
+    index_[i] = block;
+}
+
+// Linear probing with backward-shift deletion: entries after the hole move up
+// unless their home slot lies cyclically after the hole.
+void MemoryPool::IndexErase(const MemoryBlock* block) {
+    uint32_t hole = IndexHome(block->address);
+    while (index_[hole] != block)
+        hole = (hole + 1) & indexMask_;
+    for (uint32_t j = (hole + 1) & indexMask_; index_[j]; j = (j + 1) & indexMask_) {
+        const uint32_t home = IndexHome(index_[j]->address);
+        const bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
+        if (stays) continue;
+        index_[hole] = index_[j];
+        hole = j;
+    }
+    index_[hole] = nullptr;
+}
+
+MemoryBlock* MemoryPool::IndexFind(zkAddr address) const {
+    for (uint32_t i = IndexHome(address); index_[i]; i = (i + 1) & indexMask_) {
+        if (index_[i]->address == address) return index_[i];
+    }
+    return nullptr;
+}
+
 // ---- allocation ----------------------------------------------------------------
 
-bool MemoryPool::FindPlace(uint32_t taken, uint32_t alignment, uint32_t flags,
-                           MemoryBlock** owner, zkAddr* placement) const {
+bool MemoryPool::FindPlace(uint32_t taken, uint32_t alignment, uint32_t flags, MemoryBlock** owner,
+                           zkAddr* placement) const {
     if (flags & ZK_ALLOC_BOTTOM) {
         for (MemoryBlock* b = descriptors_; b; b = b->next) {
             if (FitsFromBottom(GapStart(b), b->gapAfter, taken, alignment, placement)) {
@@ -236,6 +309,7 @@ MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags
     block->checkpoints = 0;
     block->allocationNumber = allocationCounter_;
 
+    IndexInsert(block);
     if (block->gapAfter) BucketInsert(block);
     if (owner->gapAfter) BucketRemove(owner);
     if (owner->next)
@@ -277,6 +351,7 @@ void MemoryPool::Absorb(MemoryBlock* block) {
 
     --blockCount_;
     used_ -= block->size;
+    IndexErase(block);
     ClearDescriptor(block);
     block->previous = nullptr;
     block->next = freeDescriptors_;
@@ -285,7 +360,9 @@ void MemoryPool::Absorb(MemoryBlock* block) {
 }
 
 void MemoryPool::Release(MemoryBlock* block) {
-    if (!block || !(block->flags & ZK_BLOCK_IN_USE) || !block->previous) return;
+    if (!block || !OwnsDescriptor(block) || !(block->flags & ZK_BLOCK_IN_USE) ||
+        !block->previous)
+        return;
     if (MemoryFreeHook hook = freeHook_) {
         if (hook(reinterpret_cast<void*>(block->address), block->requestedSize,
                  block->allocationNumber) == 0)
@@ -303,25 +380,8 @@ void MemoryPool::Release(MemoryBlock* block) {
 MemoryBlock* MemoryPool::FindByAddress(zkAddr address) {
     zk::ScopedLock guard(lock_);
     if (!descriptors_) return nullptr;
-    MemoryBlock* low = descriptors_->next;
-    while (low && !zk::IsFindable(low)) low = low->next;
-    if (!low) return nullptr;
-    MemoryBlock* high = last_;
-    while (!zk::IsFindable(high)) high = high->previous;
-    if (address < low->address || address > high->address) return nullptr;
-
-    if (address - low->address > high->address - address) {
-        for (MemoryBlock* b = high; b && b->address >= address; b = b->previous) {
-            if (b->address == address && zk::IsFindable(b)) return b;
-            if (b == low) break;
-        }
-    } else {
-        for (MemoryBlock* b = low; b && b->address <= address; b = b->next) {
-            if (b->address == address && zk::IsFindable(b)) return b;
-            if (b == high) break;
-        }
-    }
-    return nullptr;
+    MemoryBlock* block = IndexFind(address);
+    return block && zk::IsFindable(block) ? block : nullptr;
 }
 
 bool MemoryPool::Lock(MemoryBlock* block) {

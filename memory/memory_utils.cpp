@@ -8,8 +8,10 @@ extern "C" ZK_API void ZK_CALL zkFillMemory(void* dest, uint32_t count, uint8_t 
     if (!dest) return;
     unsigned char* out = static_cast<unsigned char*>(dest);
     const uint32_t word = value * 0x01010101u;
-    for (; count >= 4; count -= 4, out += 4) std::memcpy(out, &word, 4);
-    for (; count > 0; --count) *out++ = value;
+    for (; count >= 4; count -= 4, out += 4)
+        std::memcpy(out, &word, 4);
+    for (; count > 0; --count)
+        *out++ = value;
 }
 
 extern "C" ZK_API void ZK_CALL zkZeroMemory(void* dest, uint32_t count) {
@@ -25,14 +27,16 @@ extern "C" ZK_API void ZK_CALL zkCopyMemory(void* dest, const void* src, uint32_
         std::memcpy(&word, in, 4);
         std::memcpy(out, &word, 4);
     }
-    for (; count > 0; --count) *out++ = *in++;
+    for (; count > 0; --count)
+        *out++ = *in++;
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkCopyString(char* dest, uint32_t limit, uint32_t start,
                                                 const char* src) {
     uint32_t index = start;
     if (src) {
-        while (index < limit && *src) dest[index++] = *src++;
+        while (index < limit && *src)
+            dest[index++] = *src++;
     }
     dest[index] = '\0';
     return index;

@@ -11,22 +11,34 @@ namespace zk {
 
 namespace {
 
-unsigned long long Hex(zkAddr address) { return static_cast<unsigned long long>(address); }
+unsigned long long Hex(zkAddr address) {
+    return static_cast<unsigned long long>(address);
+}
 
 } // namespace
 
 zkAddr QueryPool(const MemoryPool& pool, uint32_t code) {
     switch (code) {
-    case 2: return pool.LargestGap();
-    case 3: return pool.GapCount();
-    case 4: return pool.Base();
-    case 5: return pool.End();
-    case 6: return pool.Size();
-    case 7: return pool.BlockCount();
-    case 8: return pool.DescriptorCount();
-    case 9: return pool.Used();
-    case 10: return pool.Size() - pool.Used();
-    default: return 0;
+    case 2:
+        return pool.LargestGap();
+    case 3:
+        return pool.GapCount();
+    case 4:
+        return pool.Base();
+    case 5:
+        return pool.End();
+    case 6:
+        return pool.Size();
+    case 7:
+        return pool.BlockCount();
+    case 8:
+        return pool.DescriptorCount();
+    case 9:
+        return pool.Used();
+    case 10:
+        return pool.Size() - pool.Used();
+    default:
+        return 0;
     }
 }
 
@@ -57,8 +69,7 @@ uint32_t WalkUsed(const MemoryPool& pool, MemoryRangeCallback callback, void* us
         const zkAddr gapStart = b->address + b->size;
         if (gapStart != position) {
             ++calls;
-            if (!callback(position, static_cast<uint32_t>(gapStart - position), user))
-                return calls;
+            if (!callback(position, static_cast<uint32_t>(gapStart - position), user)) return calls;
         }
         position = gapStart + b->gapAfter;
     }
@@ -88,8 +99,7 @@ uint32_t WalkCategories(const MemoryPool& pool, MemoryCategoryCallback callback,
             const zkAddr gapStart = b->address + b->size;
             if (gapStart != position) {
                 ++calls;
-                if (!callback(position, static_cast<uint32_t>(gapStart - position), current,
-                              user))
+                if (!callback(position, static_cast<uint32_t>(gapStart - position), current, user))
                     return calls;
             }
             position = gapStart + b->gapAfter;

@@ -29,7 +29,8 @@ MemoryBlock* MemoryManager::AllocateHandle(uint32_t size, uint32_t flags) {
 }
 
 void MemoryManager::FreeHandle(MemoryBlock* block) {
-    if (!systemPool_ || !MemoryPool::Lock(block)) return;
+    if (!systemPool_ || !systemPool_->OwnsDescriptor(block)) return; // not a system-pool block
+    if (!MemoryPool::Lock(block)) return;
     systemPool_->Release(block);
 }
 

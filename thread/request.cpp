@@ -9,14 +9,17 @@
 namespace zk {
 namespace {
 
-constexpr uint32_t RoundUp(uint32_t n, uint32_t step) { return (n + step - 1) & ~(step - 1); }
+constexpr uint32_t RoundUp(uint32_t n, uint32_t step) {
+    return (n + step - 1) & ~(step - 1);
+}
 
 } // namespace
 
 // ---- arena --------------------------------------------------------------------
 
 void RequestArena::Initialize(zkAddr base, uint32_t size) {
-    for (Slot& slot : slots_) slot = Slot{0, 0};
+    for (Slot& slot : slots_)
+        slot = Slot{0, 0};
     base_ = base;
     end_ = base + size;
     current_ = base;
@@ -162,7 +165,8 @@ void CompletionWaiter::NotifyCompletion() {
 
 void CompletionWaiter::WaitForCompletion(Monitor* monitor, CompletionWaiter* waiter) {
     monitor->Enter();
-    while (!waiter->done_) monitor->Wait();
+    while (!waiter->done_)
+        monitor->Wait();
     monitor->Leave();
 }
 
@@ -202,7 +206,8 @@ void Request::WaitForFrame(uint32_t index) {
         while (top > index && FrameState(top) != zk::kFramePending &&
                FrameState(top) != zk::kFrameCompleted)
             --top;
-        while (FrameState(top) == zk::kFramePending) monitor.Wait();
+        while (FrameState(top) == zk::kFramePending)
+            monitor.Wait();
         uint32_t state = FrameState(top);
         monitor.Leave();
         if (state == zk::kFrameCompleted) RunContinuationsFrom(top);

@@ -34,8 +34,10 @@ void RequestManager::Shutdown() {
 // Returns the array, and the arena and monitor of every request still active,
 // to the system pool.
 void RequestManager::ReleaseArray() {
-    for (::Request* r = active_; r; r = r->next) Unprepare(r);
-    for (uint32_t i = 0; i < count_; ++i) requests_[i].~Request();
+    for (::Request* r = active_; r; r = r->next)
+        Unprepare(r);
+    for (uint32_t i = 0; i < count_; ++i)
+        requests_[i].~Request();
     if (requests_) zkFree(requests_);
     requests_ = nullptr;
     count_ = 0;
@@ -50,12 +52,14 @@ int32_t RequestManager::Initialize(uint32_t count) {
     if (count == 0) return 0;
     uint64_t bytes = uint64_t(count) * sizeof(::Request);
     if (bytes > 0xFFFFFFFFu) return ZK_ERR_NO_MEMORY;
-    void* memory = zkAllocateSystemMemory(static_cast<uint32_t>(bytes), ZK_ALLOC_DEFAULT,
-                                          ZK_CATEGORY_LIBRARY);
+    void* memory =
+        zkAllocateSystemMemory(static_cast<uint32_t>(bytes), ZK_ALLOC_DEFAULT, ZK_CATEGORY_LIBRARY);
     if (!memory) return ZK_ERR_NO_MEMORY;
     requests_ = static_cast<::Request*>(memory);
-    for (uint32_t i = 0; i < count; ++i) new (&requests_[i])::Request();
-    for (uint32_t i = 0; i < count; ++i) requests_[i].next = i + 1 < count ? &requests_[i + 1] : nullptr;
+    for (uint32_t i = 0; i < count; ++i)
+        new (&requests_[i])::Request();
+    for (uint32_t i = 0; i < count; ++i)
+        requests_[i].next = i + 1 < count ? &requests_[i + 1] : nullptr;
     count_ = count;
     free_ = &requests_[0];
     active_ = nullptr;
@@ -65,8 +69,8 @@ int32_t RequestManager::Initialize(uint32_t count) {
 ::Request* RequestManager::Create() {
     ::Request* r = free_;
     if (!r) return nullptr;
-    void* arena = zkAllocateSystemMemory(::Request::kArenaSize, ZK_ALLOC_DEFAULT,
-                                         ZK_CATEGORY_LIBRARY);
+    void* arena =
+        zkAllocateSystemMemory(::Request::kArenaSize, ZK_ALLOC_DEFAULT, ZK_CATEGORY_LIBRARY);
     if (!arena) return nullptr; // stays at the head of the free list
     r->manager = this;
     r->arena.Initialize(reinterpret_cast<zkAddr>(arena), ::Request::kArenaSize);
@@ -102,8 +106,10 @@ int32_t RequestManager::Release(::Request* r) {
     if (r->manager != this) return 0; // not active: already released
     ::Request* next = r->next;
     Unprepare(r);
-    if (r->previous) r->previous->next = next;
-    else active_ = next;
+    if (r->previous)
+        r->previous->next = next;
+    else
+        active_ = next;
     if (next) next->previous = r->previous;
     r->previous = nullptr;
     r->next = free_;
@@ -125,7 +131,9 @@ extern "C" ZK_API int32_t ZK_CALL zkInitializeRequest(uint32_t count) {
     return zk::Requests().Initialize(count);
 }
 
-extern "C" ZK_API Request* ZK_CALL zkCreateRequest(void) { return zk::Requests().Create(); }
+extern "C" ZK_API Request* ZK_CALL zkCreateRequest(void) {
+    return zk::Requests().Create();
+}
 
 extern "C" ZK_API int32_t ZK_CALL zkReleaseRequest(Request* request) {
     return zk::Requests().Release(request);
@@ -142,4 +150,6 @@ extern "C" ZK_API int32_t ZK_CALL zkWaitForRequestCompletion(Request* request) {
     return 0;
 }
 
-extern "C" ZK_API void ZK_CALL zkUpdateAllRequests(void) { zk::Requests().UpdateAll(); }
+extern "C" ZK_API void ZK_CALL zkUpdateAllRequests(void) {
+    zk::Requests().UpdateAll();
+}

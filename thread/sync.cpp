@@ -6,6 +6,10 @@
 
 namespace zk {
 
+namespace {
+constexpr int32_t kMonitorMaxWaiters = 128;
+} // namespace
+
 int32_t CriticalSection::Initialize() {
     os::CriticalSectionInit(&cs_);
     return 0;
@@ -54,7 +58,8 @@ CriticalSection& LibraryLock() {
 int32_t Monitor::Initialize() {
     waiters_ = 0;
     cs_.Initialize();
-    wake_ = os::SemaphoreCreate(0, 128);
+    wake_ = os::SemaphoreCreate(0, kMonitorMaxWaiters);
+    woken_ = os::SemaphoreCreate(0, kMonitorMaxWaiters);
     return 0;
 }
 
@@ -63,6 +68,10 @@ void Monitor::Destroy() {
         os::CloseHandle(wake_);
         wake_ = nullptr;
     }
+    if (woken_) {
+        os::CloseHandle(woken_);
+        woken_ = nullptr;
+    }
     cs_.Delete();
 }
 
@@ -70,14 +79,16 @@ void Monitor::Wait() {
     ++waiters_;
     cs_.Leave();
     os::Wait(wake_, os::kInfinite);
+    os::SemaphoreRelease(woken_, 1);
     cs_.Enter();
 }
 
 void Monitor::WakeAll() {
-    if (waiters_ > 0) {
-        os::SemaphoreRelease(wake_, static_cast<int32_t>(waiters_));
-        waiters_ = 0;
-    }
+    if (waiters_ == 0) return;
+    const uint32_t count = waiters_;
+    waiters_ = 0;
+    os::SemaphoreRelease(wake_, static_cast<int32_t>(count));
+    for (uint32_t i = 0; i < count; ++i) os::Wait(woken_, os::kInfinite);
 }
 
 } // namespace zk

@@ -47,6 +47,13 @@ void LibraryLockDelete();
 // A condition object: a critical section, a wake semaphore (maximum 128
 // waiters) and the number of threads waiting. Callers wait in a loop that
 // re-tests their condition: a wake-up only says something changed.
+//
+// WakeAll releases exactly one unit per counted waiter and, still inside the
+// critical section, waits until each of them has taken its unit (each woken
+// waiter answers on a second semaphore before it enters again). A thread can
+// only count itself while inside, so one that counts itself after the wake
+// can never take a unit meant for a waiter counted before it: no wake-up is
+// stolen, and a waiter whose condition came true is never left asleep.
 class Monitor {
 public:
     int32_t Initialize();
@@ -62,6 +69,7 @@ private:
     uint32_t waiters_ = 0;
     CriticalSection cs_;
     os::Handle wake_ = nullptr;
+    os::Handle woken_ = nullptr; // one unit per waiter that took its wake unit
 };
 
 } // namespace zk

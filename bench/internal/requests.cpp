@@ -44,8 +44,10 @@ public:
     void Submit(Operation* operation) {
         monitor_.Enter();
         operation->next = nullptr;
-        if (tail_) tail_->next = operation;
-        else head_ = operation;
+        if (tail_)
+            tail_->next = operation;
+        else
+            head_ = operation;
         tail_ = operation;
         monitor_.WakeAll();
         monitor_.Leave();
@@ -53,7 +55,8 @@ public:
     void Run() override {
         for (;;) {
             monitor_.Enter();
-            while (!head_ && !stopping_) monitor_.Wait();
+            while (!head_ && !stopping_)
+                monitor_.Wait();
             Operation* operation = head_;
             if (!operation) {
                 monitor_.Leave();
@@ -112,7 +115,8 @@ int main() {
 
     int64_t wrong = 0;
     // Warm-up, then the request round trips.
-    for (int i = 0; i < 1000; ++i) wrong += BeginAdd(executor, request, i, 1) != 0 || EndAdd(request) != i + 1;
+    for (int i = 0; i < 1000; ++i)
+        wrong += BeginAdd(executor, request, i, 1) != 0 || EndAdd(request) != i + 1;
     Clock::time_point start = Clock::now();
     for (int i = 0; i < kRounds; ++i) {
         BeginAdd(executor, request, i, 1);

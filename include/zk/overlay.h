@@ -7,12 +7,15 @@
 
 ZK_EXTERN_C_BEGIN
 
+/* Return 0 and load nothing. */
 ZK_API int32_t ZK_CALL zkLoadOverlayForDebug(const void* a, const void* b);
 ZK_API int32_t ZK_CALL zkLoadOverlayForRelease(const void* a, const void* b);
 ZK_API int32_t ZK_CALL zkLoadOverlayFromMemoryForDebug(const void* a, const void* b, const void* c);
 ZK_API int32_t ZK_CALL zkLoadOverlayFromMemoryForRelease(const void* a, const void* b,
                                                          const void* c);
-/* 0, -55 (null request) or -56 (the request has an open operation). */
+/* The Begin pushes a frame on the request and completes it at once, so the
+ * End never waits. 0, -55 (null request) or -56 (the request has an open
+ * operation). */
 ZK_API int32_t ZK_CALL zkBeginLoadOverlay(const void* a, const void* b, Request* request);
 /* -6, or the request's negative status. */
 ZK_API int32_t ZK_CALL zkEndLoadOverlayForDebug(const void* a, Request* request);

@@ -8,19 +8,29 @@ ZK_EXTERN_C_BEGIN
 
 typedef struct RingBuffer RingBuffer;
 
-/* Null when the ring buffer is already in use. The buffer stays the caller's. */
+/* The library has one ring buffer. Null when it is already in use or its
+ * guard semaphore cannot be created. The buffer stays the caller's. */
 ZK_API RingBuffer* ZK_CALL zkCreateRingBuffer(void* buffer, uint32_t size);
+/* Frees the ring buffer for the next create; the caller's buffer is not touched. */
 ZK_API void ZK_CALL zkReleaseRingBuffer(RingBuffer* ring);
+/* Bytes written and not yet read; 0 for null. */
 ZK_API uint32_t ZK_CALL zkGetRingBufferDataSize(RingBuffer* ring);
+/* The caller's buffer; null for null. */
 ZK_API void* ZK_CALL zkGetRingBufferAddress(RingBuffer* ring);
-/* The readable region in up to two pieces; returns the data size. */
+/* The readable region in up to two pieces (the second is the part that wraps
+ * to the buffer's start); returns the data size. Nothing is reserved. When any
+ * of the four outputs is null, the given ones are cleared and only the size
+ * is returned. Null ring buffer: 0, outputs untouched. */
 ZK_API uint32_t ZK_CALL zkLockRingBufferForRead(RingBuffer* ring, void** first, uint32_t* firstSize,
                                                void** second, uint32_t* secondSize);
+/* Consumes count bytes (at most what the lock reported). */
 ZK_API void ZK_CALL zkUnlockRingBufferForRead(RingBuffer* ring, uint32_t count);
-/* The writable region in up to two pieces; returns the free size. */
+/* The writable region in up to two pieces; returns the free size. Same output
+ * rules as zkLockRingBufferForRead. */
 ZK_API uint32_t ZK_CALL zkLockRingBufferForWrite(RingBuffer* ring, void** first,
                                                 uint32_t* firstSize, void** second,
                                                 uint32_t* secondSize);
+/* Commits count bytes (at most what the lock reported). */
 ZK_API void ZK_CALL zkUnlockRingBufferForWrite(RingBuffer* ring, uint32_t count);
 
 ZK_EXTERN_C_END

@@ -14,8 +14,11 @@ ZK_API ThreadRecord* ZK_CALL zkCreateThread(uint32_t stackSize);
 /* Waits for a previous run of this record, then runs proc(argument) on a new
  * thread below normal priority. 0, -4 (null thread), -3 (null proc) or -19. */
 ZK_API int32_t ZK_CALL zkStartThread(ThreadRecord* thread, ThreadProc proc, void* argument);
+/* Blocks until the record's current run has ended; null or an idle record
+ * returns at once. */
 ZK_API void ZK_CALL zkWaitForThread(ThreadRecord* thread);
-/* 1 while the procedure runs, else 0. */
+/* 1 while the procedure runs; 0 for null, a record never started, or a run
+ * that has ended. */
 ZK_API int32_t ZK_CALL zkIsThreadRunning(ThreadRecord* thread);
 /* Waits for a running procedure and frees the record. 0, or -4 for null. */
 ZK_API int32_t ZK_CALL zkReleaseThread(ThreadRecord* thread);

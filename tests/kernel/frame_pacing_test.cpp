@@ -138,6 +138,15 @@ TEST_F(LibraryTest, DisplayFrequencyIsFixed) {
     EXPECT_EQ(zkGetDisplayFrequency(), frequency);
 }
 
+// Outside zkMain nothing pumps the queue, and the system may post messages to
+// the main window's thread at any time: a wait that a message cut short is
+// simply repeated.
+int32_t WaitForPeriodStartPastMessages() {
+    int32_t result = 0;
+    for (int i = 0; i < 100 && result == 0; ++i) result = zkWaitForPeriodStart();
+    return result;
+}
+
 TEST_F(LibraryTest, PeriodIntervalOtherThanOneSwitchesPacingOff) {
     for (uint32_t interval : {0u, 2u}) {
         zkSetPeriodInterval(interval);
@@ -149,7 +158,7 @@ TEST_F(LibraryTest, PeriodIntervalOtherThanOneSwitchesPacingOff) {
     }
     zkSetPeriodInterval(1);
     uint32_t before = zkGetVblankCount();
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(zkWaitForPeriodStart(), 1);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(WaitForPeriodStartPastMessages(), 1);
     EXPECT_GE(zkGetVblankCount() - before, 2u) << "pacing is back: each period needs a tick";
 }
 

@@ -149,7 +149,9 @@ TEST(FrameLoop, PeriodWaitInsideAFrameReturnsZeroForAMessage) {
             if (zkGetLoopCount() == 1) {
                 // Line up with a fresh period first, so that the next wait has
                 // to block; the posted message then cuts it short.
-                EXPECT_EQ(zkWaitForPeriodStart(), 1);
+                int32_t lineUp = 0;
+                for (int i = 0; i < 100 && lineUp == 0; ++i) lineUp = zkWaitForPeriodStart();
+                EXPECT_EQ(lineUp, 1);
                 EXPECT_EQ(zkPostWindowMessage(zkGetMainWindow(), 0x0400, 0, 0), 0);
                 waitResult = zkWaitForPeriodStart();
                 return 0;
@@ -235,16 +237,19 @@ TEST(Lifecycle, EveryTimerStartRestartsTheVblankCount) {
     ASSERT_EQ(zkBeginProcess(0), 0);
     EXPECT_EQ(zkGetVblankCount(), 0u);
     ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
-    zkWaitVblank();
-    zkWaitVblank();
-    EXPECT_GE(zkGetVblankCount(), 2u);
+    // Move the period start well up the count.
+    constexpr uint32_t kTicks = 30;
+    for (int guard = 0; guard < 1000 && zkGetVblankCount() < kTicks; ++guard)
+        zkWaitForPeriodStart();
+    ASSERT_GE(zkGetVblankCount(), kTicks);
     EXPECT_EQ(zkTerminate(), 0);
     EXPECT_EQ(zkGetVblankCount(), 0u);
     // After a restart the count starts again below the old period start: the
-    // first period wait returns at once instead of waiting for the old count.
+    // first period wait returns at once instead of waiting for the old count
+    // to come round again, and pacing goes on from the new count.
     ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
     EXPECT_EQ(zkWaitForPeriodStart(), 1);
-    EXPECT_LT(zkGetVblankCount(), 3u);
+    EXPECT_LT(zkGetVblankCount(), kTicks);
     EXPECT_EQ(zkTerminate(), 0);
     EXPECT_EQ(zkEndProcess(), 0);
 }

@@ -15,7 +15,8 @@ namespace {
 class DiagnosticsTest : public LibraryTest {
 protected:
     void TearDown() override {
-        for (MemoryPool* pool : pools_) zkReleaseMemoryPool(pool);
+        for (MemoryPool* pool : pools_)
+            zkReleaseMemoryPool(pool);
         LibraryTest::TearDown();
     }
     MemoryPool* Create(zkAddr base, uint32_t size, uint32_t maxBlocks) {
@@ -75,9 +76,9 @@ TEST_F(DiagnosticsTest, DumpsOfAPoolWithoutBlocks) {
     trace.Clear();
     zkSetMemoryCheckpoint(7); // marks every block alive, the library's included
     EXPECT_EQ(zkDumpAllMemoryBlocks(7), 0u);
-    EXPECT_EQ(trace.Lines(), (std::vector<std::string>{
-                                 "QaxKrnl : Dumping Memory Blocks.\n",
-                                 "Block Dump Complete. Count = 0 Total = 0 bytes.\n"}));
+    EXPECT_EQ(trace.Lines(),
+              (std::vector<std::string>{"QaxKrnl : Dumping Memory Blocks.\n",
+                                        "Block Dump Complete. Count = 0 Total = 0 bytes.\n"}));
 }
 
 TEST_F(DiagnosticsTest, GapDumpListsGapsOfTheMinimumSizeAndCountsThemAll) {
@@ -143,12 +144,11 @@ TEST_F(DiagnosticsTest, AFreshPool) {
 
 TEST_F(DiagnosticsTest, UsedAndCategoryWalksMergeAdjacentBlocks) {
     MemoryPool* pool = Create(0x1000, 0x1000, 8);
-    zkAllocMemoryPoolBlock(pool, 0x10, 1);                       // 0x1000
-    zkAllocMemoryPoolBlock(pool, 0x10, 1);                       // 0x1010
+    zkAllocMemoryPoolBlock(pool, 0x10, 1);                        // 0x1000
+    zkAllocMemoryPoolBlock(pool, 0x10, 1);                        // 0x1010
     zkAllocMemoryPoolBlockEx(pool, 0x20, 0x100, ZK_ALLOC_BOTTOM); // 0x1100
     zkAllocMemoryPoolBlockEx(pool, 0x40, 1, ZK_ALLOC_TOP);        // 0x1FC0, up to the end
-    EXPECT_EQ(UsedOf(pool),
-              (std::vector<Range>{{0x1000, 0x20}, {0x1100, 0x20}, {0x1FC0, 0x40}}));
+    EXPECT_EQ(UsedOf(pool), (std::vector<Range>{{0x1000, 0x20}, {0x1100, 0x20}, {0x1FC0, 0x40}}));
     EXPECT_EQ(CategoriesOf(pool),
               (std::vector<Range>{{0x1000, 0x20}, {0x1100, 0x20}, {0x1FC0, 0x40}}));
     EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 2), 0x1FC0u - 0x1120);
@@ -164,8 +164,7 @@ TEST_F(DiagnosticsTest, CategoryWalkSeparatesTheSystemPoolsCategories) {
     ASSERT_GE(ranges.size(), 2u);
     EXPECT_EQ(ranges[ranges.size() - 2], (Range{reinterpret_cast<zkAddr>(c), 256, 0}));
     EXPECT_EQ(ranges.back(), (Range{reinterpret_cast<zkAddr>(a), 128, ZK_CATEGORY_LIBRARY}));
-    EXPECT_EQ(UsedOf(zkGetSystemMemoryPool()).back(),
-              (Range{reinterpret_cast<zkAddr>(c), 384, 0}));
+    EXPECT_EQ(UsedOf(zkGetSystemMemoryPool()).back(), (Range{reinterpret_cast<zkAddr>(c), 384, 0}));
     zkFree(a);
     zkFree(b);
     zkFree(c);
@@ -267,11 +266,12 @@ TEST_F(DiagnosticsTest, AddressesAbove4GiBPrintWithAllTheirDigits) {
     TraceCapture trace;
     zkDumpAllMemoryPoolBlocks(pool, 0);
     zkDumpAllMemoryPoolGaps(pool, 0);
-    EXPECT_EQ(trace.Lines(), (std::vector<std::string>{
-                                 "  {1} block at 0x123400001000, 16 bytes long.\n",
-                                 "Block Dump Complete. Count = 1 Total = 16 bytes.\n",
-                                 "  gap[0] 0x123400001010-0x123400002000 4080 bytes\n",
-                                 "Gap Dump Complete. Count = 1 MaxSize = 4080 Total = 4080 bytes.\n"}));
+    EXPECT_EQ(trace.Lines(),
+              (std::vector<std::string>{
+                  "  {1} block at 0x123400001000, 16 bytes long.\n",
+                  "Block Dump Complete. Count = 1 Total = 16 bytes.\n",
+                  "  gap[0] 0x123400001010-0x123400002000 4080 bytes\n",
+                  "Gap Dump Complete. Count = 1 MaxSize = 4080 Total = 4080 bytes.\n"}));
 }
 
 } // namespace

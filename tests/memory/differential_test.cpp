@@ -69,13 +69,18 @@ private:
         uint64_t base;
         uint32_t size = 0x4000 + rng_() % 0x7C000;
         switch (rng_() % 4) {
-        case 0: base = 0x1000; break;
-        case 1: base = 0x10000003 + (rng_() % 64) * 0x1000; break; // unaligned start
-        case 2:                                                     // near the 32-bit top
+        case 0:
+            base = 0x1000;
+            break;
+        case 1:
+            base = 0x10000003 + (rng_() % 64) * 0x1000;
+            break; // unaligned start
+        case 2:    // near the 32-bit top
             size &= 0xFFFF;
             base = 0xFFFFFFFFu - size - rng_() % 0x100;
             break;
-        default: base = sizeof(zkAddr) == 8 ? 0x7F1234560000ull + rng_() % 0x1000 : 0x40000000u;
+        default:
+            base = sizeof(zkAddr) == 8 ? 0x7F1234560000ull + rng_() % 0x1000 : 0x40000000u;
         }
         const uint32_t descriptors = 2 + rng_() % 160;
         pool_ = zkCreateMemoryPool(static_cast<zkAddr>(base), size, descriptors);
@@ -104,16 +109,21 @@ private:
 
     uint32_t RandomSize() {
         switch (rng_() % 16) {
-        case 0: return 0;
-        case 1: return 0x8000 + rng_() % 0x80000; // often larger than what is left
+        case 0:
+            return 0;
+        case 1:
+            return 0x8000 + rng_() % 0x80000; // often larger than what is left
         case 2:
-        case 3: return rng_() % 0x2000;
-        default: return 1 + rng_() % 200;
+        case 3:
+            return rng_() % 0x2000;
+        default:
+            return 1 + rng_() % 200;
         }
     }
 
     void Step(bool filling) {
-        static const uint32_t kAlignments[] = {0, 1, 2, 4, 8, 16, 32, 64, 256, 4096, 3, 12, 48, 1000};
+        static const uint32_t kAlignments[] = {0,  1,   2,    4, 8,  16, 32,
+                                               64, 256, 4096, 3, 12, 48, 1000};
         const uint32_t op = rng_() % 100;
         const uint32_t allocShare = filling ? 60 : 30;
         if (op < allocShare || live_.empty()) {
@@ -137,8 +147,8 @@ private:
             if (!handle) return;
             const uint64_t got = reinterpret_cast<zkAddr>(zkLockMemoryPoolBlock(handle));
             zkUnlockMemoryPoolBlock(handle);
-            ASSERT_EQ(got, expected) << "size " << size << " alignment " << alignment
-                                     << " flags " << flags;
+            ASSERT_EQ(got, expected)
+                << "size " << size << " alignment " << alignment << " flags " << flags;
             EXPECT_EQ(zkGetMemoryPoolBlockSize(handle), size);
             live_.push_back({handle, got});
         } else if (op < 90) {
@@ -237,8 +247,8 @@ private:
         for (const ModelRange& gap : model_->Gaps()) {
             if (gap.length >= minimum)
                 expected.push_back("  gap[" + std::to_string(index) + "] " + Hex(gap.start) + "-" +
-                                   Hex(gap.start + gap.length) + " " +
-                                   std::to_string(gap.length) + " bytes\n");
+                                   Hex(gap.start + gap.length) + " " + std::to_string(gap.length) +
+                                   " bytes\n");
             ++index;
             sum += gap.length;
             if (gap.length > largest) largest = gap.length;

@@ -17,7 +17,8 @@ protected:
         return pool;
     }
     void TearDown() override {
-        for (MemoryPool* pool : pools_) zkReleaseMemoryPool(pool);
+        for (MemoryPool* pool : pools_)
+            zkReleaseMemoryPool(pool);
         LibraryTest::TearDown();
     }
     std::vector<MemoryPool*> pools_;
@@ -77,7 +78,8 @@ TEST_F(PoolTest, AlignmentZeroCountsAsOneAndSizeZeroTakesOneByte) {
 
 TEST_F(PoolTest, PoolOfNDescriptorsTakesNMinusOneBlocks) {
     MemoryPool* pool = Create(0x1000, 0x1000, 5);
-    for (int i = 0; i < 4; ++i) EXPECT_NE(zkAllocMemoryPoolBlock(pool, 16, 1), nullptr);
+    for (int i = 0; i < 4; ++i)
+        EXPECT_NE(zkAllocMemoryPoolBlock(pool, 16, 1), nullptr);
     EXPECT_EQ(zkAllocMemoryPoolBlock(pool, 16, 1), nullptr); // space is left, descriptors are not
     MemoryInfo info{};
     zkGetMemoryPoolInfo(pool, &info);
@@ -158,8 +160,10 @@ TEST_F(PoolTest, LockCountSaturatesAt65535AndStopsAtZero) {
     zkUnlockMemoryPoolBlock(block);
     EXPECT_EQ(zkFindMemoryPoolBlock(pool, 0x1000), nullptr);
 
-    for (int i = 0; i < 65536 + 10; ++i) zkLockMemoryPoolBlock(block);
-    for (int i = 0; i < 65534; ++i) zkUnlockMemoryPoolBlock(block);
+    for (int i = 0; i < 65536 + 10; ++i)
+        zkLockMemoryPoolBlock(block);
+    for (int i = 0; i < 65534; ++i)
+        zkUnlockMemoryPoolBlock(block);
     EXPECT_EQ(zkFindMemoryPoolBlock(pool, 0x1000), block); // one lock left
     zkUnlockMemoryPoolBlock(block);
     EXPECT_EQ(zkFindMemoryPoolBlock(pool, 0x1000), nullptr);
@@ -210,7 +214,8 @@ TEST_F(PoolTest, CreationRefusals) {
 }
 
 TEST_F(PoolTest, AtMostFifteenPoolsBesideTheSystemPool) {
-    for (int i = 0; i < 15; ++i) ASSERT_NE(Create(0x1000 * (i + 1), 0x1000, 4), nullptr) << i;
+    for (int i = 0; i < 15; ++i)
+        ASSERT_NE(Create(0x1000 * (i + 1), 0x1000, 4), nullptr) << i;
     EXPECT_EQ(zkCreateMemoryPool(0x100000, 0x1000, 4), nullptr);
     zkReleaseMemoryPool(pools_.back());
     pools_.pop_back();
@@ -231,7 +236,8 @@ TEST_F(PoolTest, CreateAndReleaseLeaveTheSystemPoolAsItWas) {
     EXPECT_EQ(zkQueryMemoryInfo(7), blocks);
     zkReleaseMemoryPool(pool); // a second release is ignored
     EXPECT_EQ(zkQueryMemoryInfo(7), blocks);
-    for (int i = 0; i < 15; ++i) ASSERT_NE(Create(0x1000, 0x1000, 4), nullptr) << i;
+    for (int i = 0; i < 15; ++i)
+        ASSERT_NE(Create(0x1000, 0x1000, 4), nullptr) << i;
 }
 
 TEST_F(PoolTest, TheSystemPoolCannotBeReleasedThroughThePoolCall) {
@@ -244,7 +250,8 @@ TEST_F(PoolTest, TheSystemPoolCannotBeReleasedThroughThePoolCall) {
     void* p = zkMalloc(10);
     EXPECT_NE(p, nullptr);
     zkFree(p);
-    for (int i = 0; i < 15; ++i) ASSERT_NE(Create(0x1000, 0x1000, 4), nullptr) << i;
+    for (int i = 0; i < 15; ++i)
+        ASSERT_NE(Create(0x1000, 0x1000, 4), nullptr) << i;
     EXPECT_EQ(zkCreateMemoryPool(0x1000, 0x1000, 4), nullptr);
 }
 
@@ -261,9 +268,15 @@ TEST_F(PoolTest, PoolFunctionsWorkOnTheSystemPoolHandle) {
 
 int g_allocCalls = 0;
 int g_freeCalls = 0;
-int32_t ZK_CALL CountAlloc(uint32_t, uint32_t) { return ++g_allocCalls, 1; }
-int32_t ZK_CALL RefuseAlloc(uint32_t, uint32_t) { return ++g_allocCalls, 0; }
-int32_t ZK_CALL CountFree(void*, uint32_t, uint32_t) { return ++g_freeCalls, 1; }
+int32_t ZK_CALL CountAlloc(uint32_t, uint32_t) {
+    return ++g_allocCalls, 1;
+}
+int32_t ZK_CALL RefuseAlloc(uint32_t, uint32_t) {
+    return ++g_allocCalls, 0;
+}
+int32_t ZK_CALL CountFree(void*, uint32_t, uint32_t) {
+    return ++g_freeCalls, 1;
+}
 
 TEST_F(PoolTest, SystemHooksSeeDescriptorTablesButNotPoolBlocks) {
     g_allocCalls = g_freeCalls = 0;
@@ -283,7 +296,21 @@ TEST_F(PoolTest, SystemHooksSeeDescriptorTablesButNotPoolBlocks) {
     EXPECT_EQ(zkCreateMemoryPool(0x1000, 0x1000, 8), nullptr); // the record goes back
     zkSetAllocHook(nullptr);
     zkSetFreeHook(nullptr);
-    for (int i = 0; i < 15; ++i) ASSERT_NE(Create(0x1000, 0x1000, 4), nullptr) << i;
+    for (int i = 0; i < 15; ++i)
+        ASSERT_NE(Create(0x1000, 0x1000, 4), nullptr) << i;
+}
+
+TEST_F(PoolTest, HandlesOfAnotherPoolAreIgnored) {
+    MemoryPool* a = Create(0x1000, 0x1000, 4);
+    MemoryPool* b = Create(0x1000, 0x1000, 4);
+    MemoryBlock* inA = zkAllocMemoryPoolBlock(a, 16, 1);
+    zkFreeMemoryPoolBlock(b, inA);
+    zkFreeMemoryBlock(inA); // system-pool call
+    EXPECT_EQ(zkQueryMemoryPoolInfo(a, 7), 2u);
+    EXPECT_EQ(zkFindMemoryPoolBlock(a, 0x1000), nullptr); // not even locked by the attempt
+    EXPECT_EQ(zkQueryMemoryPoolInfo(b, 7), 1u);
+    zkFreeMemoryPoolBlock(a, inA);
+    EXPECT_EQ(zkQueryMemoryPoolInfo(a, 7), 1u);
 }
 
 TEST_F(PoolTest, NullPoolAndNullHandle) {

@@ -92,7 +92,8 @@ public:
             // keeps the best candidate of every class.
             int best[32];
             uint64_t bestAt[32];
-            for (int& b : best) b = -1;
+            for (int& b : best)
+                b = -1;
             for (std::size_t i = 0; i < blocks_.size(); ++i) {
                 const ModelBlock& b = blocks_[i];
                 uint64_t candidate;
@@ -164,7 +165,8 @@ public:
     }
     void Checkpoint(uint32_t n) {
         if (n >= 32) return;
-        for (ModelBlock& b : blocks_) b.checkpoints |= 1u << n;
+        for (ModelBlock& b : blocks_)
+            b.checkpoints |= 1u << n;
     }
 
     // ---- what the walks and queries should report --------------------------------
@@ -191,7 +193,8 @@ public:
     }
     uint32_t UsedBytes() const {
         uint64_t used = 0;
-        for (const ModelBlock& b : blocks_) used += b.size;
+        for (const ModelBlock& b : blocks_)
+            used += b.size;
         return static_cast<uint32_t>(used);
     }
     uint32_t GapCount() const { return static_cast<uint32_t>(Gaps().size()); }

@@ -71,8 +71,12 @@ TEST(MemoryStartup, DefaultArenaIsHalfTheAvailableMemoryWithinACap) {
     EXPECT_EQ(zkEndProcess(), 0);
 }
 
-int32_t ZK_CALL NeverCalled(uint32_t, uint32_t) { return 1; }
-int32_t ZK_CALL NeverCalledFree(void*, uint32_t, uint32_t) { return 1; }
+int32_t ZK_CALL NeverCalled(uint32_t, uint32_t) {
+    return 1;
+}
+int32_t ZK_CALL NeverCalledFree(void*, uint32_t, uint32_t) {
+    return 1;
+}
 int32_t ZK_CALL CountCall(zkAddr, uint32_t, void* user) {
     ++*static_cast<int*>(user);
     return 1;
@@ -119,7 +123,8 @@ TEST(MemoryStartup, WithoutASystemPoolEverythingIsEmpty) {
 TEST(MemoryStartup, PoolsLeftAliveAreReclaimedAtTermination) {
     ASSERT_EQ(zkBeginProcess(0), 0);
     ASSERT_EQ(zkInitializeEx(32u << 20, 1024), 0);
-    for (int i = 0; i < 15; ++i) ASSERT_NE(zkCreateMemoryPool(0x1000, 0x1000, 4), nullptr);
+    for (int i = 0; i < 15; ++i)
+        ASSERT_NE(zkCreateMemoryPool(0x1000, 0x1000, 4), nullptr);
     EXPECT_EQ(zkTerminate(), 0);
 
     ASSERT_EQ(zkInitializeEx(32u << 20, 1024), 0);
@@ -129,7 +134,8 @@ TEST(MemoryStartup, PoolsLeftAliveAreReclaimedAtTermination) {
         ASSERT_NE(pool, nullptr);
     }
     EXPECT_EQ(zkCreateMemoryPool(0x1000, 0x1000, 4), nullptr);
-    for (MemoryPool* pool : pools) zkReleaseMemoryPool(pool);
+    for (MemoryPool* pool : pools)
+        zkReleaseMemoryPool(pool);
     EXPECT_EQ(zkTerminate(), 0);
     EXPECT_EQ(zkEndProcess(), 0);
 }

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <thread>
 #include <vector>
 
 namespace zktest {
@@ -23,8 +24,12 @@ protected:
     }
 };
 
-zkAddr Used() { return zkQueryMemoryInfo(9); }
-zkAddr End() { return zkQueryMemoryInfo(5); }
+zkAddr Used() {
+    return zkQueryMemoryInfo(9);
+}
+zkAddr End() {
+    return zkQueryMemoryInfo(5);
+}
 
 TEST_F(SystemMemoryTest, MallocOfZeroTakesSixtyFourBytesAndKeepsTheRequestedSize) {
     const zkAddr used = Used();
@@ -60,14 +65,16 @@ TEST_F(SystemMemoryTest, ZeroFlagClearsTheRequestedBytes) {
     zkFree(p);
     unsigned char* q = static_cast<unsigned char*>(zkMallocEx(200, ZK_ALLOC_ZERO));
     ASSERT_EQ(q, p); // best fit takes the same place again
-    for (int i = 0; i < 200; ++i) ASSERT_EQ(q[i], 0) << i;
+    for (int i = 0; i < 200; ++i)
+        ASSERT_EQ(q[i], 0) << i;
     EXPECT_EQ(q[200], 0xAA); // only the requested size is zeroed
     zkFree(q);
 
     MemoryBlock* h = zkAllocMemoryBlock(100, ZK_ALLOC_ZERO);
     unsigned char* r = static_cast<unsigned char*>(zkLockMemory(h));
     ASSERT_EQ(r, p);
-    for (int i = 0; i < 100; ++i) ASSERT_EQ(r[i], 0) << i;
+    for (int i = 0; i < 100; ++i)
+        ASSERT_EQ(r[i], 0) << i;
     zkUnlockMemory(h);
     // The zeroing lock was given back: the block is not findable by address.
     EXPECT_EQ(zkFindMemoryPoolBlock(zkGetSystemMemoryPool(), reinterpret_cast<zkAddr>(r)), nullptr);
@@ -145,7 +152,9 @@ int32_t ZK_CALL FreeHook(void*, uint32_t size, uint32_t) {
     g_freeSeen.push_back(size);
     return g_refuse ? 0 : 1;
 }
-int32_t ZK_CALL OtherAllocHook(uint32_t, uint32_t) { return 1; }
+int32_t ZK_CALL OtherAllocHook(uint32_t, uint32_t) {
+    return 1;
+}
 
 TEST_F(SystemMemoryTest, HooksSeeAndMayRefuse) {
     g_allocSeen.clear();
@@ -217,7 +226,49 @@ TEST_F(SystemMemoryTest, DescriptorsOfTheSystemPoolRunOut) {
     EXPECT_EQ(info.maxBlockCount, 1024u);
     EXPECT_EQ(info.free, info.size - info.used);
     EXPECT_GT(info.free, 1u << 20);
-    for (void* p : blocks) zkFree(p);
+    for (void* p : blocks)
+        zkFree(p);
+}
+
+TEST_F(SystemMemoryTest, ThreadsAllocateAndFreeAtTheSameTime) {
+    const zkAddr used = Used();
+    const zkAddr blocks = zkQueryMemoryInfo(7);
+    MemoryPool* pool = zkCreateMemoryPool(0x10000, 0x100000, 200);
+    std::vector<std::thread> threads;
+    for (uint32_t t = 0; t < 4; ++t) {
+        threads.emplace_back([t, pool] {
+            std::vector<void*> mine;
+            std::vector<MemoryBlock*> handles;
+            uint32_t seed = t * 7919 + 1;
+            for (int i = 0; i < 20000; ++i) {
+                seed = seed * 1103515245u + 12345u;
+                if ((seed >> 16) % 3 != 0 || mine.empty()) {
+                    if (void* p = zkMalloc((seed >> 8) % 3000)) mine.push_back(p);
+                    MemoryBlock* h = zkAllocMemoryPoolBlock(pool, (seed >> 4) % 500, 8);
+                    if (h) {
+                        zkLockMemoryPoolBlock(h);
+                        handles.push_back(h);
+                    }
+                } else {
+                    zkFree(mine.back());
+                    mine.pop_back();
+                    if (!handles.empty()) {
+                        zkUnlockMemoryPoolBlock(handles.back());
+                        zkFreeMemoryPoolBlock(pool, handles.back());
+                        handles.pop_back();
+                    }
+                }
+            }
+            for (void* p : mine) zkFree(p);
+            for (MemoryBlock* h : handles) zkFreeMemoryPoolBlock(pool, h);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 7), 1u);
+    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 3), 1u);
+    zkReleaseMemoryPool(pool);
+    EXPECT_EQ(Used(), used);
+    EXPECT_EQ(zkQueryMemoryInfo(7), blocks);
 }
 
 TEST(MemoryUtilities, FillZeroCopyAndCopyString) {

@@ -202,6 +202,7 @@ void TestHandler(int) {
 
 TEST(CloseOnInterrupt, SignalPostsCloseAndUninstallRestoresTheHandler) {
     Receiver r("ZkInterrupt");
+    gTestHandlerCalls = 0;
     struct sigaction mine {
     }, saved{};
     mine.sa_handler = &TestHandler;

@@ -7,6 +7,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #if defined(_WIN32)
 #include <process.h>
@@ -25,7 +27,13 @@ bool EndsWith(const std::string& text, const char* suffix) {
 
 } // namespace
 
-void SetTestProgramPath(const char* argv0) { g_programPath = argv0 ? argv0 : ""; }
+void SetTestProgramPath(const char* argv0) {
+    // Made absolute now: the library moves the current directory to the
+    // executable's folder when it starts.
+    std::error_code error;
+    std::filesystem::path path = std::filesystem::absolute(argv0 ? argv0 : "", error);
+    g_programPath = error ? std::string(argv0 ? argv0 : "") : path.string();
+}
 
 std::string ChildProgramPath(const std::string& name) {
     size_t cut = g_programPath.find_last_of("/\\");

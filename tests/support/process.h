@@ -8,7 +8,8 @@
 
 namespace zktest {
 
-// Remembers the running test program's path (argv[0]); the custom main does it.
+// Remembers the running test program's path (argv[0], made absolute); the
+// custom main does it before any test runs.
 void SetTestProgramPath(const char* argv0);
 // Full path of a program in the test program's folder (".exe" added where the
 // test program has it).

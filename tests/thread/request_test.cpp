@@ -59,7 +59,8 @@ TEST_F(RequestTest, SecondInitializeReplacesThePool) {
         ASSERT_NE(r, nullptr);
     }
     EXPECT_EQ(zkCreateRequest(), nullptr);
-    for (Request* r : made) EXPECT_EQ(zkReleaseRequest(r), 0);
+    for (Request* r : made)
+        EXPECT_EQ(zkReleaseRequest(r), 0);
 }
 
 TEST_F(RequestTest, TooManyRequestsForThePool) {
@@ -74,13 +75,15 @@ TEST_F(RequestTest, ArenasComeFromTheSystemPool) {
     // creates beyond what the pool holds fail and leave the request free.
     ASSERT_EQ(zkInitializeRequest(4096), 0);
     std::vector<Request*> made;
-    while (Request* r = zkCreateRequest()) made.push_back(r);
+    while (Request* r = zkCreateRequest())
+        made.push_back(r);
     EXPECT_GT(made.size(), 4u);
     EXPECT_LT(made.size(), 4096u); // 4096 x 16 KiB is twice the 32 MiB arena
     ASSERT_EQ(zkReleaseRequest(made.back()), 0);
     Request* again = zkCreateRequest();
     EXPECT_EQ(again, made.back());
-    for (Request* r : made) EXPECT_EQ(zkReleaseRequest(r), 0);
+    for (Request* r : made)
+        EXPECT_EQ(zkReleaseRequest(r), 0);
 }
 
 TEST_F(RequestTest, NewRequestHasNothingPending) {

@@ -186,7 +186,8 @@ TEST(RingBuffer, NullRingBuffer) {
 
 TEST(RingBuffer, NoGuardNoRingBuffer) {
     std::vector<SemaphoreRecord*> taken;
-    while (SemaphoreRecord* s = zkCreateSemaphore(0, 1)) taken.push_back(s);
+    while (SemaphoreRecord* s = zkCreateSemaphore(0, 1))
+        taken.push_back(s);
     unsigned char storage[16];
     EXPECT_EQ(zkCreateRingBuffer(storage, sizeof(storage)), nullptr);
     zkReleaseSemaphore(taken.back());
@@ -195,7 +196,8 @@ TEST(RingBuffer, NoGuardNoRingBuffer) {
     RingBuffer* ring = zkCreateRingBuffer(storage, sizeof(storage));
     EXPECT_NE(ring, nullptr);
     zkReleaseRingBuffer(ring);
-    for (SemaphoreRecord* s : taken) zkReleaseSemaphore(s);
+    for (SemaphoreRecord* s : taken)
+        zkReleaseSemaphore(s);
 }
 
 // ---- one producer thread, one consumer thread ----------------------------------
@@ -304,8 +306,14 @@ void MoveThrough(uint32_t bufferSize, uint64_t total) {
 constexpr uint64_t kMiB = 1ull << 20;
 constexpr uint64_t kScale = kThreadSanitizer ? 4 : 1;
 
-TEST(RingBufferStress, SixtyOneBytes) { MoveThrough(61, 16 * kMiB / kScale); }
-TEST(RingBufferStress, NineHundredNinetySevenBytes) { MoveThrough(997, 80 * kMiB / kScale); }
-TEST(RingBufferStress, FourThousandNinetyThreeBytes) { MoveThrough(4093, 160 * kMiB / kScale); }
+TEST(RingBufferStress, SixtyOneBytes) {
+    MoveThrough(61, 16 * kMiB / kScale);
+}
+TEST(RingBufferStress, NineHundredNinetySevenBytes) {
+    MoveThrough(997, 80 * kMiB / kScale);
+}
+TEST(RingBufferStress, FourThousandNinetyThreeBytes) {
+    MoveThrough(4093, 160 * kMiB / kScale);
+}
 
 } // namespace

@@ -21,7 +21,9 @@ struct Gate {
     void Pass() { zkWaitSemaphore(semaphore); }
 };
 
-void ZK_CALL WaitAtGate(void* argument) { static_cast<Gate*>(argument)->Pass(); }
+void ZK_CALL WaitAtGate(void* argument) {
+    static_cast<Gate*>(argument)->Pass();
+}
 
 struct Log {
     std::mutex mutex;
@@ -62,7 +64,8 @@ TEST(ThreadTable, ThirtyThirdCreateFailsUntilOneIsReleased) {
     EXPECT_EQ(again, released);
     EXPECT_EQ(zkCreateThread(0), nullptr);
 
-    for (ThreadRecord* record : records) EXPECT_EQ(zkReleaseThread(record), 0);
+    for (ThreadRecord* record : records)
+        EXPECT_EQ(zkReleaseThread(record), 0);
 }
 
 TEST(ThreadTable, NullArguments) {
@@ -104,7 +107,8 @@ TEST(Thread, IsRunningNoticesTheEnd) {
     ASSERT_NE(thread, nullptr);
     ASSERT_EQ(zkStartThread(thread, WaitAtGate, &gate), 0);
     gate.Open();
-    while (zkIsThreadRunning(thread)) zkSleep(1);
+    while (zkIsThreadRunning(thread))
+        zkSleep(1);
     EXPECT_EQ(zkIsThreadRunning(thread), 0);
     // The record can be started again after the poll saw the end.
     ASSERT_EQ(zkStartThread(thread, WaitAtGate, &gate), 0);
@@ -150,13 +154,15 @@ TEST(Thread, ProceduresReceiveTheirArgument) {
         args[i].slot = &seen[i];
         threads[i] = zkCreateThread(0);
         ASSERT_NE(threads[i], nullptr);
-        ASSERT_EQ(zkStartThread(
-                      threads[i], [](void* a) { static_cast<Arg*>(a)->slot->fetch_add(1); },
-                      &args[i]),
-                  0);
+        ASSERT_EQ(
+            zkStartThread(
+                threads[i], [](void* a) { static_cast<Arg*>(a)->slot->fetch_add(1); }, &args[i]),
+            0);
     }
-    for (int i = 0; i < kThreads; ++i) EXPECT_EQ(zkReleaseThread(threads[i]), 0);
-    for (int i = 0; i < kThreads; ++i) EXPECT_EQ(seen[i].load(), 1) << i;
+    for (int i = 0; i < kThreads; ++i)
+        EXPECT_EQ(zkReleaseThread(threads[i]), 0);
+    for (int i = 0; i < kThreads; ++i)
+        EXPECT_EQ(seen[i].load(), 1) << i;
 }
 
 #if defined(__linux__)

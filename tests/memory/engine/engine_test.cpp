@@ -51,7 +51,8 @@ struct MemoryPoolTestAccess {
             for (const MemoryBlock* e = pool.buckets_[c]; e; e = e->bucketNext) {
                 ++inBuckets;
                 if (e->bucketPrevious != before) return "bucket back link";
-                if (zk::SizeClass(e->gapAfter) != c || e->gapAfter == 0) return "gap in wrong bucket";
+                if (zk::SizeClass(e->gapAfter) != c || e->gapAfter == 0)
+                    return "gap in wrong bucket";
                 if (before && before->gapAfter > e->gapAfter) return "bucket not ascending";
                 before = e;
             }
@@ -66,6 +67,12 @@ struct MemoryPoolTestAccess {
         }
         if (freeCount + blocks != pool.descriptorCount_) return "descriptor count";
         if (pool.allocationCounter_ == 0) return "counter is 0";
+        uint32_t indexed = 0;
+        for (uint32_t i = 0; i <= pool.indexMask_; ++i)
+            indexed += pool.index_[i] != nullptr;
+        if (indexed + 1 != pool.blockCount_) return "address index count";
+        for (const MemoryBlock* b = head->next; b; b = b->next)
+            if (pool.IndexFind(b->address) != b) return "block missing from the address index";
         return {};
     }
 };
@@ -74,7 +81,7 @@ namespace {
 
 class TableStore final : public zk::DescriptorStore {
 public:
-    explicit TableStore(uint32_t count) : table_(count) {}
+    explicit TableStore(uint32_t descriptors) : table_(MemoryPool::TableDescriptors(descriptors)) {}
     void* Allocate(uint32_t count) override {
         return count <= table_.size() ? table_.data() : nullptr;
     }
@@ -92,7 +99,9 @@ int32_t ZK_CALL RecordNumber(uint32_t, uint32_t number) {
     g_lastHookNumber = number;
     return 1;
 }
-int32_t ZK_CALL Refuse(uint32_t, uint32_t) { return 0; }
+int32_t ZK_CALL Refuse(uint32_t, uint32_t) {
+    return 0;
+}
 
 TEST(MemoryEngine, AllocationCounterWrapsToOneNeverZero) {
     TableStore store(8);

@@ -46,7 +46,8 @@ protected:
 TEST_F(ProfilerReport, LineForSixtyFramesOfOneAndAHalfMilliseconds) {
     profiler_.SetInterval(990); // reached by the 60th frame of 16.6 ms (996 ms)
     profiler_.SetName(0, "draw");
-    for (int frame = 0; frame < 59; ++frame) Frame(0, 1, 1.5);
+    for (int frame = 0; frame < 59; ++frame)
+        Frame(0, 1, 1.5);
     EXPECT_TRUE(Lines().empty());
     Frame(0, 1, 1.5);
     ASSERT_EQ(Lines().size(), 1u);
@@ -57,7 +58,8 @@ TEST_F(ProfilerReport, LineForSixtyFramesOfOneAndAHalfMilliseconds) {
 TEST_F(ProfilerReport, TwoPairsPerFrameReportTwoCalls) {
     profiler_.SetInterval(990);
     profiler_.SetName(2, "twice");
-    for (int frame = 0; frame < 60; ++frame) Frame(2, 2, 0.25);
+    for (int frame = 0; frame < 60; ++frame)
+        Frame(2, 2, 0.25);
     ASSERT_EQ(Lines().size(), 1u);
     EXPECT_EQ(Lines()[0],
               "QaxKrnl : [002] twice          :   0.50 (msec) 3.01 (percent) 2 (calls)\n");
@@ -79,8 +81,10 @@ TEST_F(ProfilerReport, OnlySlotsThatMeasuredAnythingReportInSlotOrder) {
         profiler_.Update();
     }
     ASSERT_EQ(Lines().size(), 2u);
-    EXPECT_EQ(Lines()[0], "QaxKrnl : [001]                :   0.60 (msec) 3.61 (percent) 1 (calls)\n");
-    EXPECT_EQ(Lines()[1], "QaxKrnl : [003] a name of twent:  10.00 (msec) 60.24 (percent) 1 (calls)\n");
+    EXPECT_EQ(Lines()[0],
+              "QaxKrnl : [001]                :   0.60 (msec) 3.61 (percent) 1 (calls)\n");
+    EXPECT_EQ(Lines()[1],
+              "QaxKrnl : [003] a name of twent:  10.00 (msec) 60.24 (percent) 1 (calls)\n");
     // Slot 0 printed nothing and kept its calls for the next window.
     EXPECT_EQ(profiler_.Slots()[0].calls, 60u);
     EXPECT_EQ(profiler_.Slots()[1].calls, 0u);
@@ -89,13 +93,16 @@ TEST_F(ProfilerReport, OnlySlotsThatMeasuredAnythingReportInSlotOrder) {
 
 TEST_F(ProfilerReport, FirstReportAfterFiveSecondsOfFrames) {
     // 301 frames of 16.6 ms are 4996.6 ms; the 302nd reaches 5000.
-    for (int frame = 0; frame < 301; ++frame) Frame(0, 1, 1.0);
+    for (int frame = 0; frame < 301; ++frame)
+        Frame(0, 1, 1.0);
     EXPECT_TRUE(Lines().empty());
     Frame(0, 1, 1.0);
     ASSERT_EQ(Lines().size(), 1u);
-    EXPECT_EQ(Lines()[0], "QaxKrnl : [000]                :   1.00 (msec) 6.02 (percent) 1 (calls)\n");
+    EXPECT_EQ(Lines()[0],
+              "QaxKrnl : [000]                :   1.00 (msec) 6.02 (percent) 1 (calls)\n");
     // The window starts again.
-    for (int frame = 0; frame < 301; ++frame) Frame(0, 1, 1.0);
+    for (int frame = 0; frame < 301; ++frame)
+        Frame(0, 1, 1.0);
     EXPECT_EQ(Lines().size(), 1u);
     Frame(0, 1, 1.0);
     EXPECT_EQ(Lines().size(), 2u);
@@ -103,7 +110,8 @@ TEST_F(ProfilerReport, FirstReportAfterFiveSecondsOfFrames) {
 
 TEST_F(ProfilerReport, IntervalOfOneSecond) {
     profiler_.SetInterval(1000);
-    for (int frame = 0; frame < 600; ++frame) Frame(0, 1, 2.0); // 9.96 s
+    for (int frame = 0; frame < 600; ++frame)
+        Frame(0, 1, 2.0); // 9.96 s
     // A report every 61 frames (1012.6 ms): 9 reports in 600 frames.
     EXPECT_EQ(Lines().size(), 9u);
 }
@@ -112,7 +120,8 @@ TEST_F(ProfilerReport, SwitchedOffStillMeasuresButDoesNotReport) {
     profiler_.SetInterval(100);
     profiler_.SetName(0, "kept?");
     profiler_.SetSwitch(0);
-    for (int frame = 0; frame < 20; ++frame) Frame(0, 1, 1.0);
+    for (int frame = 0; frame < 20; ++frame)
+        Frame(0, 1, 1.0);
     EXPECT_TRUE(Lines().empty());
     EXPECT_EQ(profiler_.Slots()[0].calls, 20u);
     EXPECT_EQ(profiler_.Slots()[0].total, 20000);
@@ -123,9 +132,11 @@ TEST_F(ProfilerReport, SwitchedOffStillMeasuresButDoesNotReport) {
     EXPECT_EQ(profiler_.Slots()[0].calls, 0u);
     EXPECT_EQ(profiler_.Slots()[0].total, 0);
     EXPECT_STREQ(profiler_.Slots()[0].name, "");
-    for (int frame = 0; frame < 7; ++frame) Frame(0, 1, 1.0); // 116.2 ms
+    for (int frame = 0; frame < 7; ++frame)
+        Frame(0, 1, 1.0); // 116.2 ms
     ASSERT_EQ(Lines().size(), 1u);
-    EXPECT_EQ(Lines()[0], "QaxKrnl : [000]                :   1.00 (msec) 6.02 (percent) 1 (calls)\n");
+    EXPECT_EQ(Lines()[0],
+              "QaxKrnl : [000]                :   1.00 (msec) 6.02 (percent) 1 (calls)\n");
     // Any other value resets as well.
     profiler_.SetName(0, "x");
     profiler_.SetSwitch(2);

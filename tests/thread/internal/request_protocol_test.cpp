@@ -153,7 +153,8 @@ TEST_F(RequestProtocol, PollThenEndWithoutBlocking) {
     TestExecutor executor;
     ASSERT_EQ(BeginAdd(executor, request_, 5, 6), 0);
     EXPECT_EQ(BeginAdd(executor, request_, 1, 1), ZK_ERR_REQUEST_STATE);
-    while (!zkIsRequestCompleted(request_)) std::this_thread::yield();
+    while (!zkIsRequestCompleted(request_))
+        std::this_thread::yield();
     EXPECT_EQ(zkWaitForRequestCompletion(request_), 0);
     EXPECT_EQ(EndAdd(request_), 11);
     EXPECT_EQ(executor.Started(), 1u); // the refused Begin queued nothing
@@ -244,7 +245,8 @@ TEST_F(RequestProtocol, ContinuationsRunFromTheTopDown) {
     } complete(request_);
     executor.Submit(&complete);
     // The inner frame's continuation stops the walk: the outer one stays pending.
-    while (request_->FrameState(1) != zk::kFrameCompleted) std::this_thread::yield();
+    while (request_->FrameState(1) != zk::kFrameCompleted)
+        std::this_thread::yield();
     EXPECT_EQ(request_->FrameState(0), zk::kFramePending);
     EXPECT_EQ(zkIsRequestCompleted(request_), 0);
 
@@ -288,10 +290,12 @@ TEST(RequestArena, StackOfEightSixteenByteSteps) {
     arena.FreeLast(16);
     EXPECT_EQ(arena.LiveCount(), 2u);
     EXPECT_EQ(arena.Current(), base + 48);
-    for (int i = 0; i < 6; ++i) EXPECT_NE(arena.Allocate(8), 0u);
+    for (int i = 0; i < 6; ++i)
+        EXPECT_NE(arena.Allocate(8), 0u);
     EXPECT_EQ(arena.Allocate(8), 0u); // 8 live allocations
-    for (int i = 0; i < 6; ++i) arena.FreeLast(8);
-    EXPECT_EQ(arena.Allocate(1024 - 48 + 1), 0u); // rounded up, it does not fit
+    for (int i = 0; i < 6; ++i)
+        arena.FreeLast(8);
+    EXPECT_EQ(arena.Allocate(1024 - 48 + 1), 0u);    // rounded up, it does not fit
     EXPECT_EQ(arena.Allocate(1024 - 48), base + 48); // the rest exactly
     EXPECT_EQ(arena.Allocate(1), 0u);
 }
@@ -311,14 +315,16 @@ TEST_F(RequestStress, RoundTripsOnSixteenRequests) {
     TestExecutor executor;
     int wrong = 0;
     for (int round = 0; round < kRounds / 16; ++round) {
-        for (int i = 0; i < 16; ++i) ASSERT_EQ(BeginAdd(executor, requests[i], round, i), 0);
+        for (int i = 0; i < 16; ++i)
+            ASSERT_EQ(BeginAdd(executor, requests[i], round, i), 0);
         for (int i = 0; i < 16; ++i) {
             bool checked = false;
             wrong += EndAdd(requests[i], &checked) != round + i || !checked;
         }
     }
     EXPECT_EQ(wrong, 0);
-    for (int i = 1; i < 16; ++i) EXPECT_EQ(zkReleaseRequest(requests[i]), 0);
+    for (int i = 1; i < 16; ++i)
+        EXPECT_EQ(zkReleaseRequest(requests[i]), 0);
 }
 
 TEST_F(RequestStress, PollingWhileCompleting) {
@@ -327,8 +333,8 @@ TEST_F(RequestStress, PollingWhileCompleting) {
     for (int round = 0; round < kRounds; ++round) {
         ASSERT_EQ(BeginAdd(executor, request_, round, 1), 0);
         if (round % 2) {
-            while (!zkIsRequestCompleted(request_)) {
-            }
+            while (!zkIsRequestCompleted(request_))
+                std::this_thread::yield();
         }
         wrong += EndAdd(request_) != round + 1;
     }
@@ -349,9 +355,11 @@ TEST_F(RequestStress, OneRequestPerThread) {
             }
         });
     }
-    for (std::thread& user : users) user.join();
+    for (std::thread& user : users)
+        user.join();
     EXPECT_EQ(wrong.load(), 0);
-    for (int t = 1; t < 4; ++t) EXPECT_EQ(zkReleaseRequest(requests[t]), 0);
+    for (int t = 1; t < 4; ++t)
+        EXPECT_EQ(zkReleaseRequest(requests[t]), 0);
 }
 
 } // namespace

@@ -163,13 +163,16 @@ uint32_t CheckMultipleInstances(uint32_t flags) {
     ApplicationInfo& app = Kernel().application;
     static constexpr char kGlobalPrefix[] = "Global\\";
     static constexpr uint32_t kGlobalPrefixLength = sizeof(kGlobalPrefix) - 1;
-    char name[kGlobalPrefixLength + kNameSize] = {};
+    // The name fills at most 256 characters, prefix included, and is terminated.
+    char name[kNameSize + 1] = {};
+    uint32_t prefix = 0;
     if ((flags & ZK_INSTANCE_GLOBAL) != 0 && os::SystemSupportsGlobalNames()) {
         std::memcpy(name, kGlobalPrefix, kGlobalPrefixLength);
-        std::strncpy(name + kGlobalPrefixLength, app.name, kNameSize - kGlobalPrefixLength);
-    } else {
-        std::strncpy(name, app.name, kNameSize);
+        prefix = kGlobalPrefixLength;
     }
+    uint32_t length = 0;
+    while (length < kNameSize - prefix && app.name[length] != '\0') ++length;
+    std::memcpy(name + prefix, app.name, length);
 
     bool alreadyExisted = false;
     os::Handle mutex = os::NamedMutexCreate(name, &alreadyExisted);

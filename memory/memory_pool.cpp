@@ -360,8 +360,10 @@ void MemoryPool::Absorb(MemoryBlock* block) {
 }
 
 void MemoryPool::Release(MemoryBlock* block) {
-    if (!block || !OwnsDescriptor(block) || !(block->flags & ZK_BLOCK_IN_USE) ||
-        !block->previous)
+    // Only fields the block's owner alone changes are read before the lock:
+    // neighbours' releases rewrite the list links at any time.
+    if (!block || !OwnsDescriptor(block) || block == descriptors_ ||
+        !(block->flags & ZK_BLOCK_IN_USE))
         return;
     if (MemoryFreeHook hook = freeHook_) {
         if (hook(reinterpret_cast<void*>(block->address), block->requestedSize,
@@ -371,7 +373,7 @@ void MemoryPool::Release(MemoryBlock* block) {
     zk::ScopedLock guard(lock_);
     // Checked again under the lock: a concurrent release of the same block
     // must not unlink it twice.
-    if (!(block->flags & ZK_BLOCK_IN_USE) || !block->previous) return;
+    if (!(block->flags & ZK_BLOCK_IN_USE)) return;
     Absorb(block);
 }
 

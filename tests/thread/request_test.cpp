@@ -64,8 +64,11 @@ TEST_F(RequestTest, SecondInitializeReplacesThePool) {
 }
 
 TEST_F(RequestTest, TooManyRequestsForThePool) {
-    EXPECT_EQ(zkInitializeRequest(0x7FFFFFFF), ZK_ERR_NO_MEMORY);
+    // An array larger than the 32 MiB arena, and one larger than 4 GiB.
+    EXPECT_EQ(zkInitializeRequest(200000), ZK_ERR_NO_MEMORY);
     EXPECT_EQ(zkCreateRequest(), nullptr); // the manager was left with none
+    EXPECT_EQ(zkInitializeRequest(0x7FFFFFFF), ZK_ERR_NO_MEMORY);
+    EXPECT_EQ(zkCreateRequest(), nullptr);
     EXPECT_EQ(zkInitializeRequest(1), 0);
     EXPECT_NE(zkCreateRequest(), nullptr);
 }

@@ -16,7 +16,9 @@ Clock::time_point g_firstFrame;
 Clock::time_point g_lastFrame;
 uint32_t g_framesRun = 0;
 
-void ZK_CALL PrintTrace(const char* text) { std::fputs(text, stdout); }
+void ZK_CALL PrintTrace(const char* text) {
+    std::fputs(text, stdout);
+}
 
 int ZK_CALL Init() {
     zkSetTitle("QAX Demo", "QAX Demo");
@@ -31,7 +33,9 @@ uint32_t ZK_CALL Frame() {
     return zkGetLoopCount() >= kFrames ? ZK_FRAME_END : 0;
 }
 
-void ZK_CALL Term() { zkTerminate(); }
+void ZK_CALL Term() {
+    zkTerminate();
+}
 
 } // namespace
 

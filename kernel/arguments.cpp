@@ -36,7 +36,8 @@ uint32_t SplitCommandLine(char* text, char** args, uint32_t maxArgs) {
                 ++p;
             }
         }
-        while (*p != '\0' && std::isspace(static_cast<unsigned char>(*p))) ++p;
+        while (*p != '\0' && std::isspace(static_cast<unsigned char>(*p)))
+            ++p;
     }
     return count;
 }
@@ -50,7 +51,9 @@ struct ModuleDirectory {
 };
 ModuleDirectory g_moduleDirectory;
 
-bool IsSeparator(char c) { return c == '/' || c == '\\'; }
+bool IsSeparator(char c) {
+    return c == '/' || c == '\\';
+}
 
 void SetModuleDirectory(const char* directory) {
     size_t length = std::strlen(directory);
@@ -115,13 +118,20 @@ extern "C" ZK_API const char* ZK_CALL zkGetModuleDir(void) {
     return zk::g_moduleDirectory.text;
 }
 
-extern "C" ZK_API uint32_t ZK_CALL zkGetModulePath(const char* name, char* out,
-                                                  uint32_t outSize) {
+extern "C" ZK_API uint32_t ZK_CALL zkGetModulePath(const char* name, char* out, uint32_t outSize) {
     if (!name || !out) return 0;
     return zk::ComposeModulePath(name, out, outSize);
 }
 
-extern "C" ZK_API int32_t ZK_CALL zkLoadModuleEx(void*, void*, void*) { return ZK_OK; }
-extern "C" ZK_API int32_t ZK_CALL zkLoadModule(void) { return ZK_ERR_NOT_SUPPORTED; }
-extern "C" ZK_API int32_t ZK_CALL zkUnloadModule(void) { return ZK_ERR_NOT_SUPPORTED; }
-extern "C" ZK_API int32_t ZK_CALL zkLoadDefaultModule(void) { return ZK_ERR_NOT_SUPPORTED; }
+extern "C" ZK_API int32_t ZK_CALL zkLoadModuleEx(void*, void*, void*) {
+    return ZK_OK;
+}
+extern "C" ZK_API int32_t ZK_CALL zkLoadModule(void) {
+    return ZK_ERR_NOT_SUPPORTED;
+}
+extern "C" ZK_API int32_t ZK_CALL zkUnloadModule(void) {
+    return ZK_ERR_NOT_SUPPORTED;
+}
+extern "C" ZK_API int32_t ZK_CALL zkLoadDefaultModule(void) {
+    return ZK_ERR_NOT_SUPPORTED;
+}

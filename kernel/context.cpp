@@ -7,7 +7,9 @@ namespace {
 KernelContext g_kernel;
 } // namespace
 
-KernelContext& Kernel() { return g_kernel; }
+KernelContext& Kernel() {
+    return g_kernel;
+}
 
 void FileLockTake() {
     if (g_kernel.fileLock) os::Wait(g_kernel.fileLock, os::kInfinite);

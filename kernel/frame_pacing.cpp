@@ -43,7 +43,12 @@ VblankHandlerSlot* AddVblankHandler(VblankHandler handler, zkAddr user) {
     return nullptr;
 }
 
+bool OwnsVblankSlot(const VblankHandlerSlot* slot) {
+    return slot >= &g_vblankHandlers[0] && slot < &g_vblankHandlers[0] + kVblankHandlerSlots;
+}
+
 void RemoveVblankHandler(VblankHandlerSlot* slot) {
+    if (!OwnsVblankSlot(slot)) return;
     slot->handler.store(nullptr, std::memory_order_release);
     slot->user.store(0, std::memory_order_relaxed);
 }
@@ -164,7 +169,7 @@ extern "C" ZK_API int32_t ZK_CALL zkWaitForPeriodStart(void) {
 }
 
 extern "C" ZK_API VblankHandlerSlot* ZK_CALL zkAddVblankHandler(VblankHandler handler,
-                                                               zkAddr user) {
+                                                                zkAddr user) {
     if (!handler) return nullptr;
     return zk::AddVblankHandler(handler, user);
 }

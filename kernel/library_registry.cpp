@@ -121,13 +121,13 @@ void LibraryRegistry::PrintBanner(const LibraryRecord& record) {
 } // namespace zk
 
 extern "C" ZK_API LibraryRecord* ZK_CALL zkRegisterLibrary(zkNativeHandle module,
-                                                          const char* name) {
+                                                           const char* name) {
     return zk::LibraryRegistry::Instance().Register(module, name);
 }
 
 extern "C" ZK_API void ZK_CALL zkOutputLibraryVersion(const char* name, uint32_t first,
-                                                     uint32_t second, uint32_t third,
-                                                     uint32_t fourth) {
+                                                      uint32_t second, uint32_t third,
+                                                      uint32_t fourth) {
     zkTrace("QAX %s Library %u.%u.%u.%u\n", name ? name : "", third, fourth, first, second);
     zk::PrintNoticeLine();
 }

@@ -194,9 +194,13 @@ int32_t Main(zkInitProc initProc, zkFrameProc frameProc, zkTermProc termProc) {
 
 // ---- exports ----------------------------------------------------------------------
 
-extern "C" ZK_API int32_t ZK_CALL zkBeginProcess(uint32_t) { return zk::BeginProcess(); }
+extern "C" ZK_API int32_t ZK_CALL zkBeginProcess(uint32_t) {
+    return zk::BeginProcess();
+}
 
-extern "C" ZK_API int32_t ZK_CALL zkEndProcess(void) { return zk::EndProcess(); }
+extern "C" ZK_API int32_t ZK_CALL zkEndProcess(void) {
+    return zk::EndProcess();
+}
 
 extern "C" ZK_API int32_t ZK_CALL zkInitialize(void) {
     return zk::Initialize(0xFFFFFFFFu, 1024);
@@ -206,10 +210,12 @@ extern "C" ZK_API int32_t ZK_CALL zkInitializeEx(uint32_t arenaSize, uint32_t de
     return zk::Initialize(arenaSize, descriptorCount);
 }
 
-extern "C" ZK_API int32_t ZK_CALL zkTerminate(void) { return zk::Terminate(); }
+extern "C" ZK_API int32_t ZK_CALL zkTerminate(void) {
+    return zk::Terminate();
+}
 
 extern "C" ZK_API int32_t ZK_CALL zkMain(zkInitProc initProc, zkFrameProc frameProc,
-                                       zkTermProc termProc, uint32_t) {
+                                         zkTermProc termProc, uint32_t) {
     return zk::Main(initProc, frameProc, termProc);
 }
 
@@ -225,6 +231,10 @@ extern "C" ZK_API zkNativeHandle ZK_CALL zkGetApplicationInstance(void) {
     return zk::Kernel().application.instance;
 }
 
-extern "C" ZK_API uint32_t ZK_CALL zkGetTickCount(void) { return zk::os::TickCount(); }
+extern "C" ZK_API uint32_t ZK_CALL zkGetTickCount(void) {
+    return zk::os::TickCount();
+}
 
-extern "C" ZK_API void ZK_CALL zkSleep(uint32_t milliseconds) { zk::os::Sleep(milliseconds); }
+extern "C" ZK_API void ZK_CALL zkSleep(uint32_t milliseconds) {
+    zk::os::Sleep(milliseconds);
+}

@@ -24,7 +24,8 @@ extern "C" ZK_API int32_t ZK_CALL zkGetTimeSec(void) {
 extern "C" ZK_API uint32_t ZK_CALL zkGetStringLength(const char* text) {
     if (!text) return 0;
     uint32_t length = 0;
-    while (text[length] != '\0') ++length;
+    while (text[length] != '\0')
+        ++length;
     return length;
 }
 

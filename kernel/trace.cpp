@@ -74,9 +74,9 @@ extern "C" ZK_API void ZK_CALL zkDumpMemory(const void* address, uint32_t size) 
     if (!bytes) size = 0;
     for (uint32_t offset = 0; offset < size; offset += zk::kDumpRowBytes) {
         uint32_t remaining = size - offset;
-        zk::DumpRow(bytes + offset,
-                    remaining < zk::kDumpRowBytes ? remaining : zk::kDumpRowBytes);
+        zk::DumpRow(bytes + offset, remaining < zk::kDumpRowBytes ? remaining : zk::kDumpRowBytes);
     }
-    for (uint32_t i = 0; i < zk::kDumpRuleLength; ++i) zkTrace("-");
+    for (uint32_t i = 0; i < zk::kDumpRuleLength; ++i)
+        zkTrace("-");
     zkTrace("\n");
 }

@@ -18,8 +18,7 @@ namespace {
 
 WindowClass g_windowClass;
 
-zkSAddr LibraryWindowProcedure(os::Handle hwnd, uint32_t message, zkAddr wParam,
-                               zkSAddr lParam) {
+zkSAddr LibraryWindowProcedure(os::Handle hwnd, uint32_t message, zkAddr wParam, zkSAddr lParam) {
     WindowClass* owner = reinterpret_cast<WindowClass*>(os::WindowGetClassWord(hwnd));
     if (!owner) return os::WindowDefaultProcedure(hwnd, message, wParam, lParam);
     return owner->Procedure(hwnd, message, wParam, lParam);
@@ -34,7 +33,9 @@ void CopyNameField(char (&field)[kNameSize], const char* text) {
 
 } // namespace
 
-WindowClass& TheWindowClass() { return g_windowClass; }
+WindowClass& TheWindowClass() {
+    return g_windowClass;
+}
 
 void WindowClass::Setup(os::Handle instance) {
     instance_ = instance;
@@ -122,8 +123,7 @@ int32_t WindowClass::AddHook(WindowHook hook, zkAddr user) {
     return ZK_OK;
 }
 
-zkSAddr WindowClass::Procedure(os::Handle hwnd, uint32_t message, zkAddr wParam,
-                               zkSAddr lParam) {
+zkSAddr WindowClass::Procedure(os::Handle hwnd, uint32_t message, zkAddr wParam, zkSAddr lParam) {
     Window* window = nullptr;
     if (message == ZK_WM_CREATE) {
         window = static_cast<Window*>(os::WindowCreateParam(lParam));
@@ -171,7 +171,8 @@ uint32_t CheckMultipleInstances(uint32_t flags) {
         prefix = kGlobalPrefixLength;
     }
     uint32_t length = 0;
-    while (length < kNameSize - prefix && app.name[length] != '\0') ++length;
+    while (length < kNameSize - prefix && app.name[length] != '\0')
+        ++length;
     std::memcpy(name + prefix, app.name, length);
 
     bool alreadyExisted = false;
@@ -213,7 +214,9 @@ extern "C" ZK_API int32_t ZK_CALL zkSetTitle(const char* name, const char* capti
     return ZK_OK;
 }
 
-extern "C" ZK_API Window* ZK_CALL zkCreateMainWindow(void) { return zk::CreateMainWindow(); }
+extern "C" ZK_API Window* ZK_CALL zkCreateMainWindow(void) {
+    return zk::CreateMainWindow();
+}
 
 extern "C" ZK_API Window* ZK_CALL zkGetMainWindow(void) {
     return zk::Kernel().application.mainWindow;
@@ -249,7 +252,7 @@ extern "C" ZK_API uint32_t ZK_CALL zkCheckMultipleInstances(uint32_t flags) {
 }
 
 extern "C" ZK_API int32_t ZK_CALL zkPostWindowMessage(Window* window, uint32_t message,
-                                                    zkAddr wParam, zkSAddr lParam) {
+                                                      zkAddr wParam, zkSAddr lParam) {
     if (!window || !window->handle) return ZK_ERR_INVALID_HANDLE;
     return zk::os::MessagePost(window->handle, message, wParam, lParam) ? ZK_OK
                                                                         : ZK_ERR_INVALID_HANDLE;

@@ -18,10 +18,10 @@ class WindowClass;
 // handle the application holds.
 struct Window {
     zk::WindowClass* owner;
-    zk::os::Handle handle;  // null when there is no native window
-    uint32_t references;    // 1 after creation
+    zk::os::Handle handle;   // null when there is no native window
+    uint32_t references;     // 1 after creation
     uint32_t closeRequested; // set by WM_CLOSE unless a hook handled it
-    Window* nextFree;       // null while in use
+    Window* nextFree;        // null while in use
 };
 
 namespace zk {

@@ -173,8 +173,9 @@ using WindowProcedure = zkSAddr (*)(Handle window, uint32_t message, zkAddr wPar
                                     zkSAddr lParam);
 
 // Registers a class named name: styles CS_VREDRAW|CS_HREDRAW|CS_DBLCLKS, the
-// default window procedure, 4 class and 4 window extra bytes, arrow cursor,
-// black background. Returns the atom, 0 on failure.
+// default window procedure, one pointer-sized class and window extra word
+// each (4 bytes on 32-bit Windows), arrow cursor, black background. Returns
+// the atom, 0 on failure.
 uint16_t WindowClassRegister(const char* name, Handle instance, Handle icon);
 void WindowClassUnregister(uint16_t atom, Handle instance);
 // The first icon of the executable, or null; and the library's icon 101.

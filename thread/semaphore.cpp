@@ -51,7 +51,7 @@ os::Handle HandleOf(const SemaphoreRecord* semaphore) {
 } // namespace zk
 
 extern "C" ZK_API SemaphoreRecord* ZK_CALL zkCreateSemaphore(int32_t initialCount,
-                                                            int32_t maximumCount) {
+                                                             int32_t maximumCount) {
     return zk::g_semaphores.Create(initialCount, maximumCount);
 }
 

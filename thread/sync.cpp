@@ -15,7 +15,9 @@ int32_t CriticalSection::Initialize() {
     return 0;
 }
 
-void CriticalSection::Delete() { os::CriticalSectionDelete(&cs_); }
+void CriticalSection::Delete() {
+    os::CriticalSectionDelete(&cs_);
+}
 
 namespace {
 
@@ -33,9 +35,8 @@ void LibraryLockInitialize() {
     for (;;) {
         int state = g_libraryLockState.load(std::memory_order_acquire);
         if (state == kLockReady) return;
-        if (state == kLockAbsent &&
-            g_libraryLockState.compare_exchange_strong(state, kLockInitialising,
-                                                       std::memory_order_acquire)) {
+        if (state == kLockAbsent && g_libraryLockState.compare_exchange_strong(
+                                        state, kLockInitialising, std::memory_order_acquire)) {
             g_libraryLock.Initialize();
             g_libraryLockState.store(kLockReady, std::memory_order_release);
             return;
@@ -88,7 +89,8 @@ void Monitor::WakeAll() {
     const uint32_t count = waiters_;
     waiters_ = 0;
     os::SemaphoreRelease(wake_, static_cast<int32_t>(count));
-    for (uint32_t i = 0; i < count; ++i) os::Wait(woken_, os::kInfinite);
+    for (uint32_t i = 0; i < count; ++i)
+        os::Wait(woken_, os::kInfinite);
 }
 
 } // namespace zk

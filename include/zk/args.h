@@ -14,7 +14,8 @@ ZK_API const char* ZK_CALL zkGetAppArg(uint32_t index);
 ZK_API void ZK_CALL zkSetModuleDir(const char* directory);
 ZK_API const char* ZK_CALL zkGetModuleDir(void);
 /* Composes name against the module directory; returns the bytes needed including
- * the terminator (nothing is written when outSize is smaller), 0 for null name or out. */
+ * the terminator (nothing is written when outSize is smaller), 0 for null name or out.
+ * An empty relative name gives the directory alone (the directory "/" gives ""). */
 ZK_API uint32_t ZK_CALL zkGetModulePath(const char* name, char* out, uint32_t outSize);
 /* Modules are not supported: these load nothing. */
 ZK_API int32_t ZK_CALL zkLoadModuleEx(void* a, void* b, void* c); /* 0 */

@@ -18,7 +18,9 @@ typedef void(ZK_CALL* zkTermProc)(void);
 ZK_API int32_t ZK_CALL zkBeginProcess(uint32_t reserved);
 /* Terminates if needed, closes the single-instance mutex, deletes the library lock. Returns 0. */
 ZK_API int32_t ZK_CALL zkEndProcess(void);
-/* zkInitializeEx(0xFFFFFFFF, 1024). */
+/* zkInitializeEx(0xFFFFFFFF, 1024). Without a preceding zkBeginProcess it
+ * performs the process-begin steps itself; while the library runs (until
+ * zkTerminate) a second call returns -6 and changes nothing. */
 ZK_API int32_t ZK_CALL zkInitialize(void);
 /* Starts every subsystem. arenaSize 0xFFFFFFFF takes half of the available
  * physical memory; descriptorCount is the most system-pool blocks alive at once.
@@ -27,7 +29,9 @@ ZK_API int32_t ZK_CALL zkInitializeEx(uint32_t arenaSize, uint32_t descriptorCou
 /* Stops what zkInitialize started (the file system stays). Safe to call twice. Returns 0. */
 ZK_API int32_t ZK_CALL zkTerminate(void);
 /* Process begin, initProc, the frame loop, termProc, process end.
- * Returns 0, or -1 when initProc returned 0 (frameProc and termProc then never run). */
+ * Returns 0, or -1 when initProc returned 0 (frameProc and termProc then never run).
+ * A null callback is skipped (a null initProc counts as success). While the loop
+ * runs, an interrupt of a console program (SIGINT, SIGTERM) closes the main window. */
 ZK_API int32_t ZK_CALL zkMain(zkInitProc initProc, zkFrameProc frameProc, zkTermProc termProc,
                                uint32_t reserved);
 /* Frames started by the loop since the last reset (the first frame sees 1). */

@@ -6,10 +6,14 @@
 
 ZK_EXTERN_C_BEGIN
 
+/* Called on every tick, on the timer's own thread, with the user value given
+ * at addition: keep it short. A handler removed while a tick runs may be called
+ * once more. */
 typedef void(ZK_CALL* VblankHandler)(zkAddr user);
 typedef struct VblankHandlerSlot VblankHandlerSlot;
 
-/* Waits for the next tick; returns 1. */
+/* Waits for the next tick; returns 1. Every wait of this header returns at
+ * once when the timer is stopped (before zkInitialize, after zkTerminate). */
 ZK_API uint32_t ZK_CALL zkWaitVblank(void);
 /* Mode 2 returns only on an even vblank count; every other mode acts as mode 1. Returns 1. */
 ZK_API uint32_t ZK_CALL zkWaitVblankEx(uint32_t mode);

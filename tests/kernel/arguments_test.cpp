@@ -80,7 +80,8 @@ TEST(CommandLine, EmptyQuotedArgumentIsAnArgument) {
 
 TEST(CommandLine, MoreThanThirtyTwoArgumentsAreCountedButNotStored) {
     std::vector<std::string> args;
-    for (int i = 0; i < 40; ++i) args.push_back("arg" + std::to_string(i));
+    for (int i = 0; i < 40; ++i)
+        args.push_back("arg" + std::to_string(i));
     SplitReport report;
     ASSERT_TRUE(RunSplit(args, &report));
     EXPECT_EQ(report.count, 41u);

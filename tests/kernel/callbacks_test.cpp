@@ -38,9 +38,15 @@ void ZK_CALL RecordIdle(zkAddr user) {
 
 void ZK_CALL NoIdle(zkAddr) {}
 
-int ZK_CALL StartLibrary() { return zkInitializeEx(kArena, 1024) >= 0 ? 1 : 0; }
-void ZK_CALL StopLibrary() { zkTerminate(); }
-uint32_t ZK_CALL FiveFrames() { return zkGetLoopCount() >= 5 ? ZK_FRAME_END : 0; }
+int ZK_CALL StartLibrary() {
+    return zkInitializeEx(kArena, 1024) >= 0 ? 1 : 0;
+}
+void ZK_CALL StopLibrary() {
+    zkTerminate();
+}
+uint32_t ZK_CALL FiveFrames() {
+    return zkGetLoopCount() >= 5 ? ZK_FRAME_END : 0;
+}
 uint32_t ZK_CALL QuitAtTwo() {
     if (zkGetLoopCount() == 2) zkPostQuitMessage(0);
     return 0;
@@ -58,7 +64,8 @@ TEST(IdleHandlers, TableHoldsThirtyTwoAndRemovalFreesTheSlot) {
     zkRemoveIdleHandler(slots[5]);
     EXPECT_EQ(zkAddIdleHandler(NoIdle, 5), slots[5]);
     zkRemoveIdleHandler(nullptr);
-    for (IdleHandlerSlot* slot : slots) zkRemoveIdleHandler(slot);
+    for (IdleHandlerSlot* slot : slots)
+        zkRemoveIdleHandler(slot);
     // All free again: the next addition takes slot 0.
     IdleHandlerSlot* again = zkAddIdleHandler(NoIdle, 0);
     EXPECT_EQ(again, slots[0]);
@@ -75,7 +82,8 @@ TEST(IdleHandlers, FrameLoopCallsThemBeforeWaitingForAPeriod) {
     // loop waits before most of them.
     ASSERT_GE(g_idle.users.size(), 1u);
     EXPECT_LE(g_idle.users.size(), 5u);
-    for (zkAddr user : g_idle.users) EXPECT_EQ(user, static_cast<zkAddr>(0xABC));
+    for (zkAddr user : g_idle.users)
+        EXPECT_EQ(user, static_cast<zkAddr>(0xABC));
     for (size_t i = 1; i < g_idle.loopCounts.size(); ++i)
         EXPECT_GT(g_idle.loopCounts[i], g_idle.loopCounts[i - 1]) << "once per wait";
 
@@ -112,9 +120,13 @@ TEST(EventCallbacks, NoEventsWhenInitFails) {
 
 TEST(EventCallbacks, TableHoldsThirtyTwoAndNullTakesNoSlot) {
     // The table cannot be emptied; this test fills what is left of it.
+    static bool ranBefore = false;
+    if (ranBefore) GTEST_SKIP() << "callbacks cannot be removed: this runs once per process";
+    ranBefore = true;
     EXPECT_EQ(zkAddEventCallback(nullptr), 0);
     int added = 0;
-    while (zkAddEventCallback(NoEvent) == 0) ++added;
+    while (zkAddEventCallback(NoEvent) == 0)
+        ++added;
     EXPECT_EQ(added, 32 - 1) << "one slot holds the recorder";
     EXPECT_EQ(zkAddEventCallback(NoEvent), ZK_ERR_CALLBACKS_FULL);
     EXPECT_EQ(zkAddEventCallback(nullptr), ZK_ERR_CALLBACKS_FULL) << "no free slot to store it in";

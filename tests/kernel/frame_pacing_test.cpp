@@ -143,7 +143,8 @@ TEST_F(LibraryTest, DisplayFrequencyIsFixed) {
 // simply repeated.
 int32_t WaitForPeriodStartPastMessages() {
     int32_t result = 0;
-    for (int i = 0; i < 100 && result == 0; ++i) result = zkWaitForPeriodStart();
+    for (int i = 0; i < 100 && result == 0; ++i)
+        result = zkWaitForPeriodStart();
     return result;
 }
 
@@ -153,12 +154,14 @@ TEST_F(LibraryTest, PeriodIntervalOtherThanOneSwitchesPacingOff) {
         // Without pacing every wait returns 1 at once: many in a row do not
         // need as many ticks.
         uint32_t before = zkGetVblankCount();
-        for (int i = 0; i < 50; ++i) EXPECT_EQ(zkWaitForPeriodStart(), 1);
+        for (int i = 0; i < 50; ++i)
+            EXPECT_EQ(zkWaitForPeriodStart(), 1);
         EXPECT_LT(zkGetVblankCount() - before, 50u) << "interval " << interval;
     }
     zkSetPeriodInterval(1);
     uint32_t before = zkGetVblankCount();
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(WaitForPeriodStartPastMessages(), 1);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(WaitForPeriodStartPastMessages(), 1);
     EXPECT_GE(zkGetVblankCount() - before, 2u) << "pacing is back: each period needs a tick";
 }
 
@@ -197,14 +200,16 @@ TEST(VblankHandlers, TableHoldsEightAndReusesTheLowestFreeSlot) {
     EXPECT_EQ(zkAddVblankHandler(IdleVblankHandler, 10), slots[2]);
     EXPECT_EQ(zkAddVblankHandler(IdleVblankHandler, 11), slots[5]);
     zkRemoveVblankHandler(nullptr);
-    for (VblankHandlerSlot* slot : slots) zkRemoveVblankHandler(slot);
+    for (VblankHandlerSlot* slot : slots)
+        zkRemoveVblankHandler(slot);
 }
 
 TEST_F(LibraryTest, VblankHandlersRunOnEveryTickWithTheirUserValue) {
     g_handlerCalls = 0;
     VblankHandlerSlot* slot = zkAddVblankHandler(CountingHandler, 0x5A5A);
     ASSERT_NE(slot, nullptr);
-    for (int i = 0; i < 3; ++i) zkWaitVblank();
+    for (int i = 0; i < 3; ++i)
+        zkWaitVblank();
     EXPECT_GE(g_handlerCalls.load(), 3u);
     EXPECT_EQ(g_handlerUser.load(), static_cast<zkAddr>(0x5A5A));
     zkRemoveVblankHandler(slot);

@@ -15,12 +15,17 @@ int main(int argc, char** argv) {
     if (!zkGetMainWindow()) return 93;
     int code = 0;
     if (expectFirst) {
-        if (zkCheckMultipleInstances(ZK_INSTANCE_GLOBAL | ZK_INSTANCE_ACTIVATE) != 0) code = 1;
-        else if (!zkGetMainWindow()) code = 2;
+        if (zkCheckMultipleInstances(ZK_INSTANCE_GLOBAL | ZK_INSTANCE_ACTIVATE) != 0)
+            code = 1;
+        else if (!zkGetMainWindow())
+            code = 2;
     } else {
-        if (zkCheckMultipleInstances(ZK_INSTANCE_GLOBAL | ZK_INSTANCE_ACTIVATE) != 1) code = 3;
-        else if (zkGetMainWindow() != nullptr) code = 4; // its own window was released
-        else if (zkCheckMultipleInstances(ZK_INSTANCE_GLOBAL) != 1) code = 5;
+        if (zkCheckMultipleInstances(ZK_INSTANCE_GLOBAL | ZK_INSTANCE_ACTIVATE) != 1)
+            code = 3;
+        else if (zkGetMainWindow() != nullptr)
+            code = 4; // its own window was released
+        else if (zkCheckMultipleInstances(ZK_INSTANCE_GLOBAL) != 1)
+            code = 5;
     }
     zkTerminate();
     zkEndProcess();

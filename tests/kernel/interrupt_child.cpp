@@ -15,7 +15,9 @@ void ZK_CALL RecordEvent(uint32_t event, zkAddr data) {
     if (event == ZK_EVENT_LOOP_END) g_endReason = static_cast<uint32_t>(data);
 }
 
-int ZK_CALL Init() { return zkInitializeEx(8u << 20, 256) == 0 ? 1 : 0; }
+int ZK_CALL Init() {
+    return zkInitializeEx(8u << 20, 256) == 0 ? 1 : 0;
+}
 
 uint32_t ZK_CALL Frame() {
     uint32_t frame = zkGetLoopCount();

@@ -19,10 +19,10 @@ struct LoopRecord {
     int initCalls = 0;
     int termCalls = 0;
     int initResult = 1;
-    uint32_t endAfter = 3;      // frames before returning ZK_FRAME_END
-    uint32_t quitAtFrame = 0;   // frame that posts WM_QUIT
-    uint32_t closeAtFrame = 0;  // frame that posts WM_CLOSE to the main window
-    uint32_t resetAtFrame = 0;  // frame that resets the loop count
+    uint32_t endAfter = 3;     // frames before returning ZK_FRAME_END
+    uint32_t quitAtFrame = 0;  // frame that posts WM_QUIT
+    uint32_t closeAtFrame = 0; // frame that posts WM_CLOSE to the main window
+    uint32_t resetAtFrame = 0; // frame that resets the loop count
     bool mainWindowAtTerm = false;
 };
 LoopRecord g_loop;
@@ -139,7 +139,8 @@ TEST(FrameLoop, FramesFollowTheVblankCount) {
     };
     ASSERT_EQ(zkMain(InitStartsLibrary, Local::Frame, TermStopsLibrary, 0), 0);
     ASSERT_EQ(vblanks.size(), 6u);
-    for (size_t i = 1; i < vblanks.size(); ++i) EXPECT_GT(vblanks[i], vblanks[i - 1]);
+    for (size_t i = 1; i < vblanks.size(); ++i)
+        EXPECT_GT(vblanks[i], vblanks[i - 1]);
 }
 
 TEST(FrameLoop, PeriodWaitInsideAFrameReturnsZeroForAMessage) {
@@ -150,7 +151,8 @@ TEST(FrameLoop, PeriodWaitInsideAFrameReturnsZeroForAMessage) {
                 // Line up with a fresh period first, so that the next wait has
                 // to block; the posted message then cuts it short.
                 int32_t lineUp = 0;
-                for (int i = 0; i < 100 && lineUp == 0; ++i) lineUp = zkWaitForPeriodStart();
+                for (int i = 0; i < 100 && lineUp == 0; ++i)
+                    lineUp = zkWaitForPeriodStart();
                 EXPECT_EQ(lineUp, 1);
                 EXPECT_EQ(zkPostWindowMessage(zkGetMainWindow(), 0x0400, 0, 0), 0);
                 waitResult = zkWaitForPeriodStart();
@@ -185,8 +187,8 @@ TEST(Lifecycle, BannerIsTheFirstTraceOfInitialisation) {
     std::vector<std::string> lines = capture.Lines();
     ASSERT_GE(lines.size(), 2u);
     char expected[96];
-    std::snprintf(expected, sizeof(expected), "QAX Kernel Library %u.%u.%u.%u\n",
-                  ZK_VERSION_MAJOR, ZK_VERSION_MINOR, ZK_VERSION_BUILD, ZK_VERSION_REVISION);
+    std::snprintf(expected, sizeof(expected), "QAX Kernel Library %u.%u.%u.%u\n", ZK_VERSION_MAJOR,
+                  ZK_VERSION_MINOR, ZK_VERSION_BUILD, ZK_VERSION_REVISION);
     EXPECT_EQ(lines[0], expected);
     EXPECT_EQ(lines[1].rfind("    ", 0), 0u);
     EXPECT_GT(lines[1].size(), 5u);

@@ -51,7 +51,8 @@ TEST(Trace, AssertFailedReportsFileAndLineAndContinues) {
 
 TEST(MemoryDump, TwentyBytesGiveAFullRowAShortRowAndTheRule) {
     unsigned char bytes[20];
-    for (int i = 0; i < 16; ++i) bytes[i] = static_cast<unsigned char>(0x41 + i);
+    for (int i = 0; i < 16; ++i)
+        bytes[i] = static_cast<unsigned char>(0x41 + i);
     bytes[16] = 0x1F;
     bytes[17] = 0x7F;
     bytes[18] = 0x20;
@@ -76,10 +77,9 @@ TEST(MemoryDump, TwentyBytesGiveAFullRowAShortRowAndTheRule) {
     EXPECT_EQ(lines[53], "\n");
     EXPECT_EQ(lines[54], "-");
     EXPECT_EQ(lines.back(), "\n");
-    EXPECT_EQ(capture.Text(),
-              "41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50 ABCDEFGHIJKLMNOP\n"
-              "1f 7f 20 7e                                     .. ~\n" +
-                  std::string(64, '-') + "\n");
+    EXPECT_EQ(capture.Text(), "41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50 ABCDEFGHIJKLMNOP\n"
+                              "1f 7f 20 7e                                     .. ~\n" +
+                                  std::string(64, '-') + "\n");
 }
 
 TEST(MemoryDump, ZeroBytesPrintOnlyTheRule) {
@@ -105,7 +105,9 @@ TEST(LibraryVersion, OutputPrintsThirdFourthFirstSecond) {
 // module, so no version resource is found and every version reads 0.
 alignas(64) unsigned char g_fakeModules[17][256];
 
-zkNativeHandle FakeModule(int i) { return &g_fakeModules[i][0]; }
+zkNativeHandle FakeModule(int i) {
+    return &g_fakeModules[i][0];
+}
 
 TEST(LibraryRegistry, RegistersSixteenFindsAgainAndCutsNames) {
     ASSERT_EQ(zkBeginProcess(0), 0);

@@ -11,8 +11,7 @@ struct LeftBehind {
     std::vector<std::string> blocks;
 };
 
-int32_t ZK_CALL CollectForeignBlock(zkAddr start, uint32_t length, uint32_t category,
-                                    void* user) {
+int32_t ZK_CALL CollectForeignBlock(zkAddr start, uint32_t length, uint32_t category, void* user) {
     if (category != ZK_CATEGORY_LIBRARY) {
         char text[96];
         std::snprintf(text, sizeof(text), "block at %#llx, %u bytes, category %u",
@@ -68,7 +67,8 @@ std::vector<std::string> TraceCapture::Lines() const {
 std::string TraceCapture::Text() const {
     std::lock_guard<std::mutex> guard(mutex_);
     std::string all;
-    for (const std::string& line : lines_) all += line;
+    for (const std::string& line : lines_)
+        all += line;
     return all;
 }
 

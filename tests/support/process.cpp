@@ -57,9 +57,11 @@ int RunChildProgram(const std::string& name, const std::vector<std::string>& arg
     std::string path = ChildProgramPath(name);
     std::vector<std::string> quoted;
     quoted.push_back(QuoteForCommandLine(path));
-    for (const std::string& arg : args) quoted.push_back(QuoteForCommandLine(arg));
+    for (const std::string& arg : args)
+        quoted.push_back(QuoteForCommandLine(arg));
     std::vector<const char*> argv;
-    for (const std::string& arg : quoted) argv.push_back(arg.c_str());
+    for (const std::string& arg : quoted)
+        argv.push_back(arg.c_str());
     argv.push_back(nullptr);
     intptr_t code = _spawnv(_P_WAIT, path.c_str(), argv.data());
     return code < 0 ? -1 : static_cast<int>(code);
@@ -79,7 +81,8 @@ int RunChildProgram(const std::string& name, const std::vector<std::string>& arg
         return quoted + "'";
     };
     std::string command = shellQuote(ChildProgramPath(name));
-    for (const std::string& arg : args) command += " " + shellQuote(arg);
+    for (const std::string& arg : args)
+        command += " " + shellQuote(arg);
     int status = std::system(command.c_str());
     // A wait status: the exit code sits in bits 8 to 15 when the low 7 bits are 0.
     if (status == -1 || (status & 0x7F) != 0) return -1;

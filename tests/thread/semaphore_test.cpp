@@ -59,7 +59,8 @@ TEST(Semaphore, TableHolds128AndRefusedCountsGiveTheRecordBack) {
     zkReleaseSemaphore(freed);
     EXPECT_EQ(zkCreateSemaphore(1, 1), freed);
     EXPECT_EQ(zkPollSemaphore(freed), 1) << "the record holds the new semaphore";
-    for (SemaphoreRecord* semaphore : all) zkReleaseSemaphore(semaphore);
+    for (SemaphoreRecord* semaphore : all)
+        zkReleaseSemaphore(semaphore);
     // Releasing twice is harmless, and the table is whole again.
     zkReleaseSemaphore(freed);
     for (int i = 0; i < 128; ++i) {
@@ -67,7 +68,8 @@ TEST(Semaphore, TableHolds128AndRefusedCountsGiveTheRecordBack) {
         ASSERT_NE(semaphore, nullptr);
         all[static_cast<size_t>(i)] = semaphore;
     }
-    for (SemaphoreRecord* semaphore : all) zkReleaseSemaphore(semaphore);
+    for (SemaphoreRecord* semaphore : all)
+        zkReleaseSemaphore(semaphore);
 }
 
 TEST(SemaphoreStress, ManyWaitersAndSignallersBalance) {
@@ -92,7 +94,8 @@ TEST(SemaphoreStress, ManyWaitersAndSignallersBalance) {
                 zkSignalSemaphore(semaphore);
         });
     }
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads)
+        thread.join();
     EXPECT_EQ(taken.load(), kWaiters * kUnitsPerWaiter);
     EXPECT_EQ(zkPollSemaphore(semaphore), 0) << "no unit left over";
     zkReleaseSemaphore(semaphore);
@@ -114,17 +117,22 @@ TEST(SemaphoreStress, TableTakeAndGiveBackFromManyThreads) {
                 // Each record is this thread's alone while it holds it.
                 for (SemaphoreRecord* semaphore : mine)
                     if (semaphore && zkPollSemaphore(semaphore) != 1) failures.fetch_add(1);
-                for (SemaphoreRecord* semaphore : mine) zkReleaseSemaphore(semaphore);
+                for (SemaphoreRecord* semaphore : mine)
+                    zkReleaseSemaphore(semaphore);
             }
         });
     }
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads)
+        thread.join();
     EXPECT_EQ(failures.load(), 0);
     // All 128 records came back.
     std::vector<SemaphoreRecord*> all;
-    for (int i = 0; i < 128; ++i) all.push_back(zkCreateSemaphore(0, 1));
-    for (SemaphoreRecord* semaphore : all) EXPECT_NE(semaphore, nullptr);
-    for (SemaphoreRecord* semaphore : all) zkReleaseSemaphore(semaphore);
+    for (int i = 0; i < 128; ++i)
+        all.push_back(zkCreateSemaphore(0, 1));
+    for (SemaphoreRecord* semaphore : all)
+        EXPECT_NE(semaphore, nullptr);
+    for (SemaphoreRecord* semaphore : all)
+        zkReleaseSemaphore(semaphore);
 }
 
 } // namespace

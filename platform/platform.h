@@ -54,6 +54,8 @@ uint32_t TickCount();               // milliseconds, wraps
 void Sleep(uint32_t milliseconds);
 int64_t PerformanceCounter();       // monotonic
 int64_t PerformanceFrequency();     // counts per second
+// CPU time the whole process has used so far (user and system, all threads).
+uint64_t ProcessCpuTimeMicroseconds();
 struct LocalDateTime {
     uint16_t year, month, day, hour, minute, second;
 };

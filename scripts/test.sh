@@ -11,6 +11,8 @@
 #               Debian root (scripts/i386-root.sh) when one can be made
 #   tsan        ThreadSanitizer; every test program with only its Stress and
 #               Concurrency suites
+#   fuzz        clang libFuzzer targets (fuzz/*.cpp), each run for
+#               ZK_FUZZ_SECONDS (20) seconds; the corpora grow in the build folder
 #
 # Each leg installs what it needs first (scripts/setup.sh). Builds go to
 # build-ci/<leg> (ZK_CI_BUILD_DIR overrides build-ci). Exit status is non-zero
@@ -20,7 +22,7 @@ set -uo pipefail
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 BUILD_ROOT=${ZK_CI_BUILD_DIR:-$ROOT/build-ci}
 JOBS=2
-ALL_LEGS=(linux-asan linux-m32 win64 win32 tsan)
+ALL_LEGS=(linux-asan linux-m32 win64 win32 tsan fuzz)
 
 declare -A LEG_STATUS LEG_TIME LEG_NOTE
 
@@ -65,18 +67,25 @@ check_exports() {
     echo "exports: $(printf '%s\n' "$names" | grep -c '^zk\|^_zk') zk names, nothing else"
 }
 
-# Can this host run programs built with the given compiler flag?
-host_runs() {
-    local flag=$1 dir=$2 probe="$2/host-probe"
-    printf 'int main(void) { return 0; }\n' >"$probe.c"
-    cc "$flag" "$probe.c" -o "$probe" 2>/dev/null || return 1
-    "$probe" 2>/dev/null
+# The Linux library exports zk names only, like the DLL: everything else is
+# hidden. _zkSlideExpand is the one name allowed a leading underscore.
+check_linux_exports() {
+    local lib=$1 names bad
+    names=$(nm -D --defined-only "$lib" | awk 'NF >= 3 { print $3 }')
+    bad=$(printf '%s\n' "$names" | grep -v -E '^(zk[A-Za-z0-9_]+|_zkSlideExpand)$' | grep -v '^$')
+    if [ -n "$bad" ]; then
+        echo "exports: unexpected names in $(basename "$lib"):"
+        printf '  %s\n' $bad | head -n 20
+        return 1
+    fi
+    echo "exports: $(printf '%s\n' "$names" | grep -c '^zk\|^_zk') zk names, nothing else"
 }
 
 leg_linux_asan() {
     local dir="$BUILD_ROOT/linux-asan"
     setup base || return 1
     configure_and_build "$dir" -DCMAKE_BUILD_TYPE=Debug -DZK_SANITIZE=address,undefined || return 1
+    check_linux_exports "$dir/bin/libqaxkrnl.so" || return 1
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
         run_ctest linux-asan "$dir" -j "$JOBS"
 }
@@ -87,7 +96,9 @@ leg_linux_m32() {
     configure_and_build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 \
         -DCMAKE_EXE_LINKER_FLAGS=-m32 -DCMAKE_SHARED_LINKER_FLAGS=-m32 || return 1
-    if ! host_runs -m32 "$dir"; then
+    check_linux_exports "$dir/bin/libqaxkrnl.so" || return 1
+    # Hosts whose kernel cannot run 32-bit programs run them under qemu.
+    if ! bash "$ROOT/scripts/i386-exec.sh"; then
         LEG_NOTE[linux-m32]="built; tests skipped (this host cannot run 32-bit programs)"
         echo "linux-m32 tests: skipped (this host cannot run 32-bit programs)"
         return 0
@@ -139,7 +150,10 @@ leg_win32() {
     check_exports "$dir/bin/qaxkrnl.dll" i686-w64-mingw32-objdump || return 1
 
     local reason
-    if ! reason=$(bash "$runner" prepare 2>&1 >"$dir/i386-root.log"); then
+    # wine needs a kernel that runs 32-bit programs itself: under qemu's
+    # user-mode emulation it cannot load its own kernel32.dll.
+    if ! reason=$(bash "$ROOT/scripts/i386-exec.sh" --native 2>&1 >/dev/null) ||
+        ! reason=$(bash "$runner" prepare 2>&1 >"$dir/i386-root.log"); then
         echo "win32 tests: skipped (32-bit wine unavailable: ${reason##*$'\n'})"
         LEG_NOTE[win32]="built and linked; tests skipped (32-bit wine unavailable)"
         return 0
@@ -179,6 +193,36 @@ leg_tsan() {
     done
     LEG_NOTE[tsan]="$((ran - failed)) of $ran test programs passed"
     [ "$failed" -eq 0 ]
+}
+
+leg_fuzz() {
+    local dir="$BUILD_ROOT/fuzz" seconds=${ZK_FUZZ_SECONDS:-20}
+    setup fuzz || return 1
+    configure_and_build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DZK_BUILD_FUZZ=ON \
+        -DZK_BUILD_TESTS=OFF -DZK_BUILD_BENCH=OFF -DZK_BUILD_EXAMPLES=OFF \
+        -DZK_BUILD_TOOLS=OFF || return 1
+    local program name log runs ran=0 failed=0
+    mkdir -p "$dir/artifacts"
+    for program in "$dir"/bin/fuzz_*; do
+        [ -x "$program" ] || continue
+        name=$(basename "$program")
+        log="$dir/$name.log"
+        mkdir -p "$dir/corpus/$name"
+        ran=$((ran + 1))
+        echo "--- $name ($seconds s)"
+        if "$program" -max_total_time="$seconds" -print_final_stats=1 \
+            -artifact_prefix="$dir/artifacts/$name-" "$dir/corpus/$name" >"$log" 2>&1; then
+            runs=$(awk -F: '/stat::number_of_executed_units/ { gsub(/ /, "", $2); print $2 }' "$log")
+            echo "$name: ${runs:-?} runs, no finding"
+        else
+            failed=$((failed + 1))
+            echo "$name: FINDING (log $log; reproducer in $dir/artifacts/)"
+            grep -E '^(==[0-9]+==ERROR|SUMMARY|.*runtime error)' "$log" | head -n 5
+        fi
+    done
+    LEG_NOTE[fuzz]="$((ran - failed)) of $ran targets ran $seconds s without a finding"
+    [ "$ran" -gt 0 ] && [ "$failed" -eq 0 ]
 }
 
 main() {

@@ -67,6 +67,12 @@ int64_t PerformanceFrequency() {
     return 1000000000LL;
 }
 
+uint64_t ProcessCpuTimeMicroseconds() {
+    timespec used{};
+    if (clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used) != 0) return 0;
+    return static_cast<uint64_t>(used.tv_sec) * 1000000u + static_cast<uint64_t>(used.tv_nsec) / 1000u;
+}
+
 void LocalTime(LocalDateTime* out) {
     if (!out) return;
     time_t now = time(nullptr);

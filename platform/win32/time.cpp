@@ -1,5 +1,5 @@
-// Clocks: the millisecond tick, sleeping, the performance counter and the
-// local calendar time.
+// Clocks: the millisecond tick, sleeping, the performance counter, the
+// process's CPU time and the local calendar time.
 #include "platform/platform.h"
 
 #include <windows.h>
@@ -22,6 +22,15 @@ int64_t PerformanceCounter() {
 int64_t PerformanceFrequency() {
     LARGE_INTEGER value;
     return QueryPerformanceFrequency(&value) ? value.QuadPart : 0;
+}
+
+uint64_t ProcessCpuTimeMicroseconds() {
+    FILETIME created, exited, kernel, user;
+    if (!GetProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user)) return 0;
+    auto ticks = [](const FILETIME& t) {
+        return (static_cast<uint64_t>(t.dwHighDateTime) << 32) | t.dwLowDateTime;
+    };
+    return (ticks(kernel) + ticks(user)) / 10u; // 100 ns units
 }
 
 void LocalTime(LocalDateTime* out) {

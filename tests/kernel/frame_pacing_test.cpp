@@ -35,98 +35,66 @@ struct ScriptedVblank {
     }
 };
 
-TEST(PeriodWait, EndsOneTickAfterThePeriodStart) {
-    ScriptedVblank vblank{{10, 10, 11}, {}};
-    uint32_t lastStart = 10;
-    EXPECT_EQ(vblank.Wait(lastStart, 1), 1);
-    EXPECT_EQ(lastStart, 11u);
-    EXPECT_EQ(vblank.waits, 2u);
-    EXPECT_EQ(vblank.blockingNotices, 1) << "the idle work runs once per blocking wait";
-}
-
-TEST(PeriodWait, AnOverrunFrameStartsTheNextAtOnceWithoutCatchingUp) {
-    ScriptedVblank vblank{{14}, {}};
-    uint32_t lastStart = 10;
-    EXPECT_EQ(vblank.Wait(lastStart, 1), 1);
-    EXPECT_EQ(lastStart, 14u);
-    EXPECT_EQ(vblank.waits, 0u);
-    EXPECT_EQ(vblank.blockingNotices, 0);
+TEST(PeriodWait, EndsAtTheFirstCountPastThePeriod) {
+    struct Case {
+        const char* what;
+        std::vector<uint32_t> counts;
+        uint32_t lastStart, length, endStart;
+        size_t waits;
+        int notices;
+    } cases[] = {
+        {"one tick after the start", {10, 10, 11}, 10, 1, 11, 2, 1},
+        {"overrun: next starts at once, no catching up", {14}, 10, 1, 14, 0, 0},
+        {"count below the start (timer restarted)", {3}, 500, 1, 3, 0, 0},
+        {"wrap: the end is count 0", {0xFFFFFFFFu, 0xFFFFFFFFu, 0u}, 0xFFFFFFFFu, 1, 0, 2, 1},
+        {"zero length records the count", {42}, 42, 0, 42, 0, 0},
+    };
+    for (const Case& c : cases) {
+        ScriptedVblank vblank{c.counts, {}};
+        uint32_t lastStart = c.lastStart;
+        EXPECT_EQ(vblank.Wait(lastStart, c.length), 1) << c.what;
+        EXPECT_EQ(lastStart, c.endStart) << c.what;
+        EXPECT_EQ(vblank.waits, c.waits) << c.what;
+        EXPECT_EQ(vblank.blockingNotices, c.notices)
+            << c.what << ": idle work once per blocking wait";
+    }
 }
 
 TEST(PeriodWait, AMessageReturnsZeroAndKeepsThePeriodStart) {
-    ScriptedVblank vblank{{10, 11}, {true}};
-    uint32_t lastStart = 10;
-    EXPECT_EQ(vblank.Wait(lastStart, 1), 0);
-    EXPECT_EQ(lastStart, 10u);
-    // The next call waits for the same period.
-    EXPECT_EQ(vblank.Wait(lastStart, 1), 1);
-    EXPECT_EQ(lastStart, 11u);
-}
-
-TEST(PeriodWait, CountBelowThePeriodStartMeansANewPeriod) {
-    // The timer restarted (or the count wrapped) since the period began.
-    ScriptedVblank vblank{{3}, {}};
-    uint32_t lastStart = 500;
-    EXPECT_EQ(vblank.Wait(lastStart, 1), 1);
-    EXPECT_EQ(lastStart, 3u);
-    EXPECT_EQ(vblank.waits, 0u);
-}
-
-TEST(PeriodWait, WrapAroundEndsWhenTheCountReachesZero) {
-    // lastStart 0xFFFFFFFF and one tick: the end wraps to 0.
-    ScriptedVblank vblank{{0xFFFFFFFFu, 0xFFFFFFFFu, 0u}, {}};
-    uint32_t lastStart = 0xFFFFFFFFu;
-    EXPECT_EQ(vblank.Wait(lastStart, 1), 1);
-    EXPECT_EQ(lastStart, 0u);
-    EXPECT_EQ(vblank.waits, 2u);
-}
-
-TEST(PeriodWait, WrapAroundGivesZeroForAMessage) {
-    ScriptedVblank vblank{{0xFFFFFFFFu, 0u}, {true}};
-    uint32_t lastStart = 0xFFFFFFFFu;
-    EXPECT_EQ(vblank.Wait(lastStart, 1), 0);
-    EXPECT_EQ(lastStart, 0xFFFFFFFFu);
-}
-
-TEST(PeriodWait, ZeroLengthRecordsTheCountWithoutWaiting) {
-    ScriptedVblank vblank{{42}, {}};
-    uint32_t lastStart = 42;
-    EXPECT_EQ(vblank.Wait(lastStart, 0), 1);
-    EXPECT_EQ(lastStart, 42u);
-    EXPECT_EQ(vblank.waits, 0u);
+    for (uint32_t start : {10u, 0xFFFFFFFFu}) {
+        ScriptedVblank vblank{{start, start + 1}, {true}};
+        uint32_t lastStart = start;
+        EXPECT_EQ(vblank.Wait(lastStart, 1), 0);
+        EXPECT_EQ(lastStart, start);
+        // The next call waits for the same period.
+        EXPECT_EQ(vblank.Wait(lastStart, 1), 1);
+        EXPECT_EQ(lastStart, start + 1);
+    }
 }
 
 // ---- the real timer -------------------------------------------------------------------
 
-TEST_F(LibraryTest, WaitVblankReturnsAfterTheNextTick) {
+TEST_F(LibraryTest, WaitVblankAndUnknownModesReturnAfterTheNextTick) {
     uint32_t before = zkGetVblankCount();
     EXPECT_EQ(zkWaitVblank(), 1u);
     EXPECT_GT(zkGetVblankCount(), before);
-}
-
-TEST_F(LibraryTest, WaitVblankExModeTwoReturnsOnEvenCounts) {
-    for (int i = 0; i < 6; ++i) {
-        EXPECT_EQ(zkWaitVblankEx(2), 1u);
-        // Read right at the wake-up, a whole tick before the next one.
-        uint32_t count = zkGetVblankCount();
-        EXPECT_EQ(count % 2, 0u) << "mode 2 woke on the odd count " << count;
-    }
-}
-
-TEST_F(LibraryTest, WaitVblankExModeTwoTakesOneOrTwoTicks) {
-    zkWaitVblank(); // start right after a tick
-    uint32_t before = zkGetVblankCount();
-    zkWaitVblankEx(2);
-    uint32_t after = zkGetVblankCount();
-    uint32_t expected = (before + 1) % 2 == 0 ? before + 1 : before + 2;
-    EXPECT_GE(after, expected);
-    EXPECT_LE(after, expected + 1) << "a tick may pass between the wake and the read";
-}
-
-TEST_F(LibraryTest, OtherModesBehaveAsModeOne) {
-    uint32_t before = zkGetVblankCount();
+    before = zkGetVblankCount();
     EXPECT_EQ(zkWaitVblankEx(7), 1u);
     EXPECT_GT(zkGetVblankCount(), before);
+}
+
+TEST_F(LibraryTest, WaitVblankExModeTwoWakesOnTheNextEvenCount) {
+    for (int i = 0; i < 6; ++i) {
+        zkWaitVblank(); // start right after a tick
+        uint32_t before = zkGetVblankCount();
+        EXPECT_EQ(zkWaitVblankEx(2), 1u);
+        // Read right at the wake-up, a whole tick before the next one.
+        uint32_t after = zkGetVblankCount();
+        EXPECT_EQ(after % 2, 0u) << "mode 2 woke on the odd count " << after;
+        uint32_t expected = (before + 1) % 2 == 0 ? before + 1 : before + 2;
+        EXPECT_GE(after, expected);
+        EXPECT_LE(after, expected + 1) << "a tick may pass between the wake and the read";
+    }
 }
 
 TEST_F(LibraryTest, DisplayFrequencyIsFixed) {

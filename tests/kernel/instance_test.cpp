@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr uint32_t kArena = 32u << 20;
+constexpr uint32_t kArena = zktest::kArenaSize;
 
 // A name no other run of the suite (another build leg running at the same
 // time) uses.

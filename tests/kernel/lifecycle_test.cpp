@@ -11,7 +11,7 @@ namespace {
 using zktest::LibraryTest;
 using zktest::TraceCapture;
 
-constexpr uint32_t kArena = 32u << 20;
+constexpr uint32_t kArena = zktest::kArenaSize;
 
 // State shared with the callbacks of one zkMain run.
 struct LoopRecord {
@@ -57,30 +57,39 @@ int32_t RunMain(const LoopRecord& setup) {
     return zkMain(InitStartsLibrary, RecordingFrame, TermStopsLibrary, 0);
 }
 
-TEST(FrameLoop, LoopCountIsRaisedBeforeEachFrame) {
-    LoopRecord setup;
-    setup.endAfter = 3;
-    EXPECT_EQ(RunMain(setup), 0);
-    EXPECT_EQ(g_loop.loopCounts, (std::vector<uint32_t>{1, 2, 3}));
-    EXPECT_EQ(g_loop.initCalls, 1);
-    EXPECT_EQ(g_loop.termCalls, 1);
+LoopRecord Loop(uint32_t endAfter, int initResult = 1, uint32_t quitAt = 0, uint32_t closeAt = 0,
+                uint32_t resetAt = 0) {
+    LoopRecord r;
+    r.endAfter = endAfter;
+    r.initResult = initResult;
+    r.quitAtFrame = quitAt;
+    r.closeAtFrame = closeAt;
+    r.resetAtFrame = resetAt;
+    return r;
 }
 
-TEST(FrameLoop, FrameEndMarkerRunsExactlyOneFrame) {
-    LoopRecord setup;
-    setup.endAfter = 1;
-    EXPECT_EQ(RunMain(setup), 0);
-    EXPECT_EQ(g_loop.loopCounts.size(), 1u);
-    EXPECT_EQ(g_loop.termCalls, 1);
-}
-
-TEST(FrameLoop, FailedInitSkipsFramesAndTermination) {
-    LoopRecord setup;
-    setup.initResult = 0;
-    EXPECT_EQ(RunMain(setup), -1);
-    EXPECT_EQ(g_loop.initCalls, 1);
-    EXPECT_TRUE(g_loop.loopCounts.empty());
-    EXPECT_EQ(g_loop.termCalls, 0);
+TEST(FrameLoop, LoopCountsAndEndingRules) {
+    struct Case {
+        const char* what;
+        LoopRecord setup;
+        int32_t result;
+        std::vector<uint32_t> counts; // loop count seen by each frame
+        int termCalls;
+    } cases[] = {
+        {"count raised before each frame", Loop(3), 0, {1, 2, 3}, 1},
+        {"frame-end marker runs exactly one frame", Loop(1), 0, {1}, 1},
+        {"failed init: no frame, no term", Loop(3, 0), -1, {}, 0},
+        {"WM_QUIT ends the loop after that frame", Loop(50, 1, 2), 0, {1, 2}, 1},
+        {"WM_CLOSE to the main window ends the loop", Loop(50, 1, 0, 1), 0, {1}, 1},
+        {"reset in a frame: the next frame sees 1", Loop(5, 1, 0, 0, 3), 0, {1, 2, 3, 1, 2}, 1},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(RunMain(c.setup), c.result) << c.what;
+        EXPECT_EQ(g_loop.loopCounts, c.counts) << c.what;
+        EXPECT_EQ(g_loop.initCalls, 1) << c.what;
+        EXPECT_EQ(g_loop.termCalls, c.termCalls) << c.what;
+        EXPECT_EQ(g_loop.mainWindowAtTerm, c.termCalls == 1) << c.what;
+    }
 }
 
 TEST(FrameLoop, ProcessEndRunsEvenWhenInitFails) {
@@ -98,33 +107,6 @@ TEST(FrameLoop, ProcessEndRunsEvenWhenInitFails) {
     EXPECT_EQ(zkGetVblankCount(), 0u);
     zkSleep(40);
     EXPECT_EQ(zkGetVblankCount(), 0u) << "the vblank timer still runs after process end";
-}
-
-TEST(FrameLoop, QuitMessageEndsTheLoopBeforeAnotherFrame) {
-    LoopRecord setup;
-    setup.quitAtFrame = 2;
-    setup.endAfter = 50;
-    EXPECT_EQ(RunMain(setup), 0);
-    EXPECT_EQ(g_loop.loopCounts.size(), 2u);
-    EXPECT_EQ(g_loop.termCalls, 1);
-}
-
-TEST(FrameLoop, CloseMessageToTheMainWindowEndsTheLoop) {
-    LoopRecord setup;
-    setup.closeAtFrame = 1;
-    setup.endAfter = 50;
-    EXPECT_EQ(RunMain(setup), 0);
-    EXPECT_EQ(g_loop.loopCounts.size(), 1u);
-    EXPECT_EQ(g_loop.termCalls, 1);
-    EXPECT_TRUE(g_loop.mainWindowAtTerm);
-}
-
-TEST(FrameLoop, ResetInsideAFrameMakesTheNextFrameSeeOne) {
-    LoopRecord setup;
-    setup.resetAtFrame = 3;
-    setup.endAfter = 5;
-    EXPECT_EQ(RunMain(setup), 0);
-    EXPECT_EQ(g_loop.loopCounts, (std::vector<uint32_t>{1, 2, 3, 1, 2}));
 }
 
 TEST(FrameLoop, FramesFollowTheVblankCount) {
@@ -256,11 +238,8 @@ TEST(Lifecycle, EveryTimerStartRestartsTheVblankCount) {
     EXPECT_EQ(zkEndProcess(), 0);
 }
 
-TEST_F(LibraryTest, ApplicationInstanceIsTheExecutableModule) {
+TEST_F(LibraryTest, ApplicationInstanceAndTickCount) {
     EXPECT_NE(zkGetApplicationInstance(), nullptr);
-}
-
-TEST_F(LibraryTest, TickCountAdvancesAcrossASleep) {
     uint32_t before = zkGetTickCount();
     zkSleep(30);
     EXPECT_GE(zkGetTickCount() - before, 15u);

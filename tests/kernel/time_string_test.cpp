@@ -32,13 +32,10 @@ TEST(Time, LocalTimeMatchesTheRuntimesLocalTime) {
     FAIL() << "no quiet second to compare in";
 }
 
-TEST(Strings, LengthCountsBytesBeforeTheTerminator) {
+TEST(Strings, LengthCountsBytesAndCompareUsesSignedBytes) {
     EXPECT_EQ(zkGetStringLength(""), 0u);
     EXPECT_EQ(zkGetStringLength("abc"), 3u);
     EXPECT_EQ(zkGetStringLength("\x82\xa0z"), 3u);
-}
-
-TEST(Strings, CompareUsesSignedBytes) {
     EXPECT_EQ(zkCompareString("abc", "abc"), 0);
     EXPECT_EQ(zkCompareString("abc", "abd"), -1);
     EXPECT_EQ(zkCompareString("abc", "ab"), 99);

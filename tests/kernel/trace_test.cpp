@@ -12,7 +12,9 @@ TEST(Trace, EachCallIsOneTextWithoutAddedLineEnd) {
     TraceCapture capture;
     zkTrace("value %d and %s", 42, "text");
     zkTrace("second\n");
-    EXPECT_EQ(capture.Lines(), (std::vector<std::string>{"value 42 and text", "second\n"}));
+    zkAssertFailed("game.cpp", 123); // reports file and line, and returns
+    EXPECT_EQ(capture.Lines(), (std::vector<std::string>{"value 42 and text", "second\n",
+                                                         "Assert Failed [game.cpp(123)]\n"}));
 }
 
 TEST(Trace, LongTextIsCutTo1023Characters) {
@@ -41,12 +43,6 @@ TEST(Trace, NestedCapturesRestoreThePreviousProcedure) {
     zkSetTraceProc(nullptr);
     zkTrace("to the debugger output\n");
     EXPECT_EQ(outer.Lines(), (std::vector<std::string>{"outer"}));
-}
-
-TEST(Trace, AssertFailedReportsFileAndLineAndContinues) {
-    TraceCapture capture;
-    zkAssertFailed("game.cpp", 123);
-    EXPECT_EQ(capture.Lines(), (std::vector<std::string>{"Assert Failed [game.cpp(123)]\n"}));
 }
 
 TEST(MemoryDump, TwentyBytesGiveAFullRowAShortRowAndTheRule) {
@@ -80,11 +76,8 @@ TEST(MemoryDump, TwentyBytesGiveAFullRowAShortRowAndTheRule) {
     EXPECT_EQ(capture.Text(), "41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50 ABCDEFGHIJKLMNOP\n"
                               "1f 7f 20 7e                                     .. ~\n" +
                                   std::string(64, '-') + "\n");
-}
-
-TEST(MemoryDump, ZeroBytesPrintOnlyTheRule) {
-    TraceCapture capture;
-    zkDumpMemory("x", 0);
+    capture.Clear();
+    zkDumpMemory("x", 0); // zero bytes: only the rule
     EXPECT_EQ(capture.Text(), std::string(64, '-') + "\n");
     EXPECT_EQ(capture.Lines().size(), 65u);
 }

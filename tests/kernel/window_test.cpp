@@ -7,7 +7,9 @@ namespace {
 
 using zktest::LibraryTest;
 
-constexpr uint32_t kArena = 32u << 20;
+using zktest::StartLibrary;
+using zktest::StopLibrary;
+constexpr uint32_t kArena = zktest::kArenaSize;
 constexpr uint32_t kProbeMessage = 0x0401; // WM_USER + 1
 
 TEST_F(LibraryTest, MainWindowIsHiddenUntilShown) {
@@ -51,25 +53,18 @@ TEST_F(LibraryTest, CreateMainWindowAddsAReference) {
 }
 
 TEST(MainWindow, TitleAfterBeginNamesTheWindowClass) {
-    // The class is registered under the name, so a second process level with
-    // another name gets a window of its own class.
-    ASSERT_EQ(zkBeginProcess(0), 0);
-    EXPECT_EQ(zkSetTitle(nullptr, "Caption only"), 0);
-    EXPECT_EQ(zkSetTitle("ZkWindowTestClass", nullptr), 0);
-    ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
-    EXPECT_NE(zkGetMainWindow(), nullptr);
-    EXPECT_EQ(zkTerminate(), 0);
-    EXPECT_EQ(zkEndProcess(), 0);
-}
-
-TEST(MainWindow, OverlongNamesAreCutAndStillWork) {
+    // The class is registered under the name, so a process level with another
+    // name gets a window of its own class; overlong names are cut and work.
     std::string longName(400, 'n');
-    ASSERT_EQ(zkBeginProcess(0), 0);
-    EXPECT_EQ(zkSetTitle(longName.c_str(), longName.c_str()), 0);
-    ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
-    EXPECT_NE(zkGetMainWindow(), nullptr);
-    EXPECT_EQ(zkTerminate(), 0);
-    EXPECT_EQ(zkEndProcess(), 0);
+    for (const char* name : {"ZkWindowTestClass", longName.c_str()}) {
+        ASSERT_EQ(zkBeginProcess(0), 0);
+        EXPECT_EQ(zkSetTitle(nullptr, "Caption only"), 0);
+        EXPECT_EQ(zkSetTitle(name, name == longName.c_str() ? name : nullptr), 0);
+        ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
+        EXPECT_NE(zkGetMainWindow(), nullptr);
+        EXPECT_EQ(zkTerminate(), 0);
+        EXPECT_EQ(zkEndProcess(), 0);
+    }
 }
 
 // ---- hooks ------------------------------------------------------------------------------
@@ -81,7 +76,7 @@ struct HookRecord {
     bool firstHandlesProbe = false;
     bool secondHandlesProbe = false;
     bool blockClose = false;
-    std::vector<zkAddr> probeCalls; // user values of the hooks that saw the probe
+    std::vector<zkAddr> probeCalls{}; // user values of the hooks that saw the probe
     int closeSeen = 0;
 };
 HookRecord g_hooks;
@@ -108,13 +103,6 @@ int ZK_CALL ProbeHook(zkNativeHandle, uint32_t message, zkAddr, zkSAddr, zkSAddr
 
 int ZK_CALL UnusedHook(zkNativeHandle, uint32_t, zkAddr, zkSAddr, zkSAddr*, zkAddr) {
     return 0;
-}
-
-int ZK_CALL StartLibrary() {
-    return zkInitializeEx(kArena, 1024) >= 0 ? 1 : 0;
-}
-void ZK_CALL StopLibrary() {
-    zkTerminate();
 }
 
 struct ProbeFrames {
@@ -154,39 +142,27 @@ TEST(WindowHooks, ChainRunsInOrderStopsAtTheFirstHandlerAndHoldsSixteen) {
     ASSERT_EQ(zkAddWindowHook(ProbeHook, 2), 0);
     ASSERT_EQ(zkAddWindowHook(ProbeHook, 3), 0);
 
+    auto run = [](HookRecord setup, uint32_t(ZK_CALL * frame)()) {
+        g_hooks = setup;
+        g_hooks.active = true;
+        ASSERT_EQ(zkMain(StartLibrary, frame, StopLibrary, 0), 0);
+    };
     // Nobody handles the probe: all three see it, in order of addition.
-    g_hooks = HookRecord{};
-    g_hooks.active = true;
-    ASSERT_EQ(zkMain(StartLibrary, ProbeFrames::Frame, StopLibrary, 0), 0);
+    run({}, ProbeFrames::Frame);
     EXPECT_EQ(g_hooks.probeCalls, (std::vector<zkAddr>{1, 2, 3}));
-
     // The second handles it: the third is not called.
-    g_hooks = HookRecord{};
-    g_hooks.active = true;
-    g_hooks.secondHandlesProbe = true;
-    ASSERT_EQ(zkMain(StartLibrary, ProbeFrames::Frame, StopLibrary, 0), 0);
+    run({.secondHandlesProbe = true}, ProbeFrames::Frame);
     EXPECT_EQ(g_hooks.probeCalls, (std::vector<zkAddr>{1, 2}));
-
     // The first handles it: only the first is called.
-    g_hooks = HookRecord{};
-    g_hooks.active = true;
-    g_hooks.firstHandlesProbe = true;
-    ASSERT_EQ(zkMain(StartLibrary, ProbeFrames::Frame, StopLibrary, 0), 0);
+    run({.firstHandlesProbe = true}, ProbeFrames::Frame);
     EXPECT_EQ(g_hooks.probeCalls, (std::vector<zkAddr>{1}));
-
     // A hook that handles WM_CLOSE keeps both the loop and the window.
-    g_hooks = HookRecord{};
-    g_hooks.active = true;
-    g_hooks.blockClose = true;
-    ASSERT_EQ(zkMain(StartLibrary, CloseFrames::Frame, StopLibrary, 0), 0);
+    run({.blockClose = true}, CloseFrames::Frame);
     EXPECT_EQ(g_hooks.closeSeen, 1);
     EXPECT_EQ(CloseFrames::frames, 4u);
     EXPECT_TRUE(CloseFrames::windowAliveAtEnd);
-
     // Unhandled, the same close ends the loop after the first frame.
-    g_hooks = HookRecord{};
-    g_hooks.active = true;
-    ASSERT_EQ(zkMain(StartLibrary, CloseFrames::Frame, StopLibrary, 0), 0);
+    run({}, CloseFrames::Frame);
     EXPECT_EQ(g_hooks.closeSeen, 1);
     EXPECT_EQ(CloseFrames::frames, 1u);
     g_hooks.active = false;

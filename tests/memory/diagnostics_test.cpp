@@ -5,27 +5,16 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <utility>
 #include <string>
 #include <vector>
 
 namespace zktest {
 namespace {
 
-class DiagnosticsTest : public LibraryTest {
-protected:
-    void TearDown() override {
-        for (MemoryPool* pool : pools_)
-            zkReleaseMemoryPool(pool);
-        LibraryTest::TearDown();
-    }
-    MemoryPool* Create(zkAddr base, uint32_t size, uint32_t maxBlocks) {
-        MemoryPool* pool = zkCreateMemoryPool(base, size, maxBlocks);
-        if (pool) pools_.push_back(pool);
-        return pool;
-    }
-    std::vector<MemoryPool*> pools_;
-};
+using DiagnosticsTest = PoolTest;
 
 std::string Line(const char* format, unsigned a, unsigned long long b, unsigned c) {
     char text[128];
@@ -46,14 +35,9 @@ TEST_F(DiagnosticsTest, LeakHuntListsTheBlocksAllocatedSinceTheCheckpoint) {
         Line("  {%u} block at 0x%08llx, %u bytes long.\n", second.number, second.address, 100),
         "Block Dump Complete. Count = 2 Total = 200 bytes.\n",
     };
-    {
+    for (uint32_t checkpoint : {3u, 35u}) { // 35 tests bit 3 as well
         TraceCapture trace;
-        EXPECT_EQ(zkDumpAllMemoryBlocks(3), 2u);
-        EXPECT_EQ(trace.Lines(), expected);
-    }
-    {
-        TraceCapture trace; // 35 tests bit 3 as well
-        EXPECT_EQ(zkDumpAllMemoryBlocks(35), 2u);
+        EXPECT_EQ(zkDumpAllMemoryBlocks(checkpoint), 2u);
         EXPECT_EQ(trace.Lines(), expected);
     }
     {
@@ -121,18 +105,12 @@ TEST_F(DiagnosticsTest, AFreshPool) {
     EXPECT_EQ(GapsOf(pool), (std::vector<Range>{{0x1000, 0x1000}}));
     EXPECT_TRUE(UsedOf(pool).empty());
     EXPECT_TRUE(CategoriesOf(pool).empty());
-    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 7), 1u);
-    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 2), 0x1000u);
-    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 3), 1u);
-    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 4), 0x1000u);
-    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 5), 0x2000u);
-    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 6), 0x1000u);
-    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 8), 4u);
-    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 9), 0u);
-    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 10), 0x1000u);
-    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 1), 0u); // system form only
-    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 11), 0u);
-    EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 0), 0u);
+    // Query codes 1 and 11+ are of the system form only; 0 is no query.
+    const std::pair<uint32_t, uint32_t> queries[] = {
+        {7, 1}, {2, 0x1000}, {3, 1},       {4, 0x1000}, {5, 0x2000}, {6, 0x1000},
+        {8, 4}, {9, 0},      {10, 0x1000}, {1, 0},      {11, 0},     {0, 0}};
+    for (auto [code, value] : queries)
+        EXPECT_EQ(zkQueryMemoryPoolInfo(pool, code), value) << "query " << code;
     MemoryInfo info{};
     zkGetMemoryPoolInfo(pool, &info);
     EXPECT_EQ(info.size, 0x1000u);
@@ -178,38 +156,43 @@ int32_t ZK_CALL StopRange(zkAddr, uint32_t, void* user) {
     auto* s = static_cast<StopAfter*>(user);
     return ++s->calls < s->allowed + 1 ? 1 : 0;
 }
-int32_t ZK_CALL StopCategory(zkAddr, uint32_t, uint32_t, void* user) {
-    return StopRange(0, 0, user);
-}
+// Category and block walks share one callback shape.
 int32_t ZK_CALL StopBlock(zkAddr, uint32_t, uint32_t, void* user) {
     return StopRange(0, 0, user);
 }
+constexpr auto StopCategory = StopBlock;
 
 TEST_F(DiagnosticsTest, AWalkStopsAfterTheCallThatReturnsZero) {
     MemoryPool* pool = Create(0x1000, 0x1000, 8);
     zkAllocMemoryPoolBlockEx(pool, 0x10, 0x100, ZK_ALLOC_BOTTOM); // 0x1000
     zkAllocMemoryPoolBlockEx(pool, 0x10, 0x100, ZK_ALLOC_BOTTOM); // 0x1100
     zkAllocMemoryPoolBlockEx(pool, 0x10, 0x100, ZK_ALLOC_BOTTOM); // 0x1200
-    StopAfter s;
-    EXPECT_EQ(zkEnumerateMemoryPoolBlocks(pool, StopBlock, &s), 1u);
-    EXPECT_EQ(s.calls, 1);
-    s = {0, 1};
-    EXPECT_EQ(zkEnumerateMemoryPoolBlocks(pool, StopBlock, &s), 2u);
-    s = {};
-    EXPECT_EQ(zkEnumerateMemoryPoolGaps(pool, StopRange, &s), 1u);
+    using WalkProc = uint32_t (*)(MemoryPool*, StopAfter*);
+    const WalkProc blocks = [](MemoryPool* p, StopAfter* s) {
+        return zkEnumerateMemoryPoolBlocks(p, StopBlock, s);
+    };
+    const WalkProc gaps = [](MemoryPool* p, StopAfter* s) {
+        return zkEnumerateMemoryPoolGaps(p, StopRange, s);
+    };
+    const WalkProc used = [](MemoryPool* p, StopAfter* s) {
+        return zkEnumerateMemoryPoolUsed(p, StopRange, s);
+    };
+    const WalkProc categories = [](MemoryPool* p, StopAfter* s) {
+        return zkEnumerateMemoryPoolCategory(p, StopCategory, s);
+    };
     // A stopped used or category walk reports nothing more, not even the
     // range from the stopping point to the end.
-    s = {};
-    EXPECT_EQ(zkEnumerateMemoryPoolUsed(pool, StopRange, &s), 1u);
-    EXPECT_EQ(s.calls, 1);
-    s = {0, 2};
-    EXPECT_EQ(zkEnumerateMemoryPoolUsed(pool, StopRange, &s), 3u);
-    s = {};
-    EXPECT_EQ(zkEnumerateMemoryPoolCategory(pool, StopCategory, &s), 1u);
-    EXPECT_EQ(s.calls, 1);
-    s = {0, 100};
-    EXPECT_EQ(zkEnumerateMemoryPoolUsed(pool, StopRange, &s), 3u);
-    EXPECT_EQ(zkEnumerateMemoryPoolGaps(pool, StopRange, &s), 3u);
+    const struct {
+        WalkProc walk;
+        int allowed;
+        uint32_t count;
+    } cases[] = {{blocks, 0, 1}, {blocks, 1, 2}, {gaps, 0, 1},   {gaps, 100, 3},
+                 {used, 0, 1},   {used, 2, 3},   {used, 100, 3}, {categories, 0, 1}};
+    for (const auto& c : cases) {
+        StopAfter s{0, c.allowed};
+        EXPECT_EQ(c.walk(pool, &s), c.count) << "allowed " << c.allowed;
+        EXPECT_EQ(s.calls, std::min<int>(c.allowed + 1, static_cast<int>(c.count)));
+    }
 }
 
 TEST_F(DiagnosticsTest, NullArgumentsGiveZeroAndCallNothing) {

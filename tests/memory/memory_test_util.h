@@ -3,7 +3,7 @@
 #ifndef ZK_TESTS_MEMORY_MEMORY_TEST_UTIL_H
 #define ZK_TESTS_MEMORY_MEMORY_TEST_UTIL_H
 
-#include <zk.h>
+#include "support/library_test.h"
 
 #include <cstdint>
 #include <vector>
@@ -30,53 +30,67 @@ inline uint64_t AddressOf(MemoryBlock* block) {
     return address;
 }
 
+inline int32_t ZK_CALL CollectRange(zkAddr start, uint32_t length, void* user) {
+    static_cast<std::vector<Range>*>(user)->push_back({start, length});
+    return 1;
+}
+
 inline std::vector<Range> GapsOf(MemoryPool* pool) {
     std::vector<Range> out;
-    zkEnumerateMemoryPoolGaps(
-        pool,
-        [](zkAddr start, uint32_t length, void* user) -> int32_t {
-            static_cast<std::vector<Range>*>(user)->push_back({start, length});
-            return 1;
-        },
-        &out);
+    zkEnumerateMemoryPoolGaps(pool, CollectRange, &out);
     return out;
 }
 
 inline std::vector<Range> UsedOf(MemoryPool* pool) {
     std::vector<Range> out;
-    zkEnumerateMemoryPoolUsed(
-        pool,
-        [](zkAddr start, uint32_t length, void* user) -> int32_t {
-            static_cast<std::vector<Range>*>(user)->push_back({start, length});
-            return 1;
-        },
-        &out);
+    zkEnumerateMemoryPoolUsed(pool, CollectRange, &out);
     return out;
+}
+
+inline int32_t ZK_CALL CollectCategory(zkAddr start, uint32_t length, uint32_t category,
+                                       void* user) {
+    static_cast<std::vector<Range>*>(user)->push_back({start, length, category});
+    return 1;
+}
+
+inline int32_t ZK_CALL CollectBlock(zkAddr address, uint32_t requested, uint32_t number,
+                                    void* user) {
+    static_cast<std::vector<BlockSeen>*>(user)->push_back({address, requested, number});
+    return 1;
 }
 
 inline std::vector<Range> CategoriesOf(MemoryPool* pool) {
     std::vector<Range> out;
-    zkEnumerateMemoryPoolCategory(
-        pool,
-        [](zkAddr start, uint32_t length, uint32_t category, void* user) -> int32_t {
-            static_cast<std::vector<Range>*>(user)->push_back({start, length, category});
-            return 1;
-        },
-        &out);
+    zkEnumerateMemoryPoolCategory(pool, CollectCategory, &out);
     return out;
 }
 
 inline std::vector<BlockSeen> BlocksOf(MemoryPool* pool) {
     std::vector<BlockSeen> out;
-    zkEnumerateMemoryPoolBlocks(
-        pool,
-        [](zkAddr address, uint32_t requested, uint32_t number, void* user) -> int32_t {
-            static_cast<std::vector<BlockSeen>*>(user)->push_back({address, requested, number});
-            return 1;
-        },
-        &out);
+    zkEnumerateMemoryPoolBlocks(pool, CollectBlock, &out);
     return out;
 }
+
+// The library fixture plus application pools released at tear-down.
+class PoolTest : public LibraryTest {
+protected:
+    MemoryPool* Create(zkAddr base, uint32_t size, uint32_t maxBlocks) {
+        MemoryPool* pool = zkCreateMemoryPool(base, size, maxBlocks);
+        if (pool) pools_.push_back(pool);
+        return pool;
+    }
+    // Fills the table of 15 application pools (fails the test if it cannot).
+    void CreateFifteenPools() {
+        for (int i = 0; i < 15; ++i)
+            ASSERT_NE(Create(0x1000, 0x1000, 4), nullptr) << i;
+    }
+    void TearDown() override {
+        for (MemoryPool* pool : pools_)
+            zkReleaseMemoryPool(pool);
+        LibraryTest::TearDown();
+    }
+    std::vector<MemoryPool*> pools_;
+};
 
 // The system-pool block that starts at address, as the block walk sees it.
 inline BlockSeen SystemBlockAt(const void* address) {

@@ -9,21 +9,6 @@
 namespace zktest {
 namespace {
 
-class PoolTest : public LibraryTest {
-protected:
-    MemoryPool* Create(zkAddr base, uint32_t size, uint32_t maxBlocks) {
-        MemoryPool* pool = zkCreateMemoryPool(base, size, maxBlocks);
-        if (pool) pools_.push_back(pool);
-        return pool;
-    }
-    void TearDown() override {
-        for (MemoryPool* pool : pools_)
-            zkReleaseMemoryPool(pool);
-        LibraryTest::TearDown();
-    }
-    std::vector<MemoryPool*> pools_;
-};
-
 TEST_F(PoolTest, BestFitPlacesAtTheBaseThenAfterTheAlignedEnd) {
     MemoryPool* pool = Create(0x1000, 0x1000, 16);
     ASSERT_NE(pool, nullptr);
@@ -122,13 +107,10 @@ TEST_F(PoolTest, ReleaseMergesGapBeforeBlockAndGapAfter) {
     zkFreeMemoryPoolBlock(pool, b);
     EXPECT_EQ(zkLockMemoryPoolBlock(b), nullptr);
     EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 7), 1u);
-}
-
-TEST_F(PoolTest, FreeingTheOnlyBlockRestoresTheWholeGap) {
-    MemoryPool* pool = Create(0x1000, 0x1000, 8);
-    MemoryBlock* a = zkAllocMemoryPoolBlockEx(pool, 0x10, 0x100, ZK_ALLOC_TOP);
-    ASSERT_EQ(AddressOf(a), 0x1F00u);
-    zkFreeMemoryPoolBlock(pool, a);
+    // Freeing the only block, placed at the top, restores the whole gap.
+    MemoryBlock* top = zkAllocMemoryPoolBlockEx(pool, 0x10, 0x100, ZK_ALLOC_TOP);
+    ASSERT_EQ(AddressOf(top), 0x1F00u);
+    zkFreeMemoryPoolBlock(pool, top);
     EXPECT_EQ(GapsOf(pool), (std::vector<Range>{{0x1000, 0x1000}}));
     EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 9), 0u);
 }
@@ -214,8 +196,7 @@ TEST_F(PoolTest, CreationRefusals) {
 }
 
 TEST_F(PoolTest, AtMostFifteenPoolsBesideTheSystemPool) {
-    for (int i = 0; i < 15; ++i)
-        ASSERT_NE(Create(0x1000 * (i + 1), 0x1000, 4), nullptr) << i;
+    CreateFifteenPools();
     EXPECT_EQ(zkCreateMemoryPool(0x100000, 0x1000, 4), nullptr);
     zkReleaseMemoryPool(pools_.back());
     pools_.pop_back();
@@ -236,8 +217,7 @@ TEST_F(PoolTest, CreateAndReleaseLeaveTheSystemPoolAsItWas) {
     EXPECT_EQ(zkQueryMemoryInfo(7), blocks);
     zkReleaseMemoryPool(pool); // a second release is ignored
     EXPECT_EQ(zkQueryMemoryInfo(7), blocks);
-    for (int i = 0; i < 15; ++i)
-        ASSERT_NE(Create(0x1000, 0x1000, 4), nullptr) << i;
+    CreateFifteenPools();
 }
 
 TEST_F(PoolTest, TheSystemPoolCannotBeReleasedThroughThePoolCall) {
@@ -247,16 +227,7 @@ TEST_F(PoolTest, TheSystemPoolCannotBeReleasedThroughThePoolCall) {
     zkReleaseMemoryPool(system);
     EXPECT_EQ(zkGetSystemMemoryPool(), system);
     EXPECT_EQ(zkQueryMemoryInfo(6), size);
-    void* p = zkMalloc(10);
-    EXPECT_NE(p, nullptr);
-    zkFree(p);
-    for (int i = 0; i < 15; ++i)
-        ASSERT_NE(Create(0x1000, 0x1000, 4), nullptr) << i;
-    EXPECT_EQ(zkCreateMemoryPool(0x1000, 0x1000, 4), nullptr);
-}
-
-TEST_F(PoolTest, PoolFunctionsWorkOnTheSystemPoolHandle) {
-    MemoryPool* system = zkGetSystemMemoryPool();
+    // Pool functions work on the system pool's handle.
     MemoryBlock* block = zkAllocMemoryPoolBlock(system, 10, 8);
     ASSERT_NE(block, nullptr);
     EXPECT_EQ(zkGetMemoryPoolBlockSize(block), 10u);
@@ -264,6 +235,8 @@ TEST_F(PoolTest, PoolFunctionsWorkOnTheSystemPoolHandle) {
     EXPECT_EQ(zkFindMemoryPoolBlock(system, reinterpret_cast<zkAddr>(address)), block);
     zkFreeMemoryPoolBlock(system, block);
     EXPECT_EQ(zkFindMemoryPoolBlock(system, reinterpret_cast<zkAddr>(address)), nullptr);
+    CreateFifteenPools();
+    EXPECT_EQ(zkCreateMemoryPool(0x1000, 0x1000, 4), nullptr);
 }
 
 int g_allocCalls = 0;
@@ -296,8 +269,7 @@ TEST_F(PoolTest, SystemHooksSeeDescriptorTablesButNotPoolBlocks) {
     EXPECT_EQ(zkCreateMemoryPool(0x1000, 0x1000, 8), nullptr); // the record goes back
     zkSetAllocHook(nullptr);
     zkSetFreeHook(nullptr);
-    for (int i = 0; i < 15; ++i)
-        ASSERT_NE(Create(0x1000, 0x1000, 4), nullptr) << i;
+    CreateFifteenPools();
 }
 
 TEST_F(PoolTest, HandlesOfAnotherPoolAreIgnored) {

@@ -105,17 +105,10 @@ TEST_F(SystemMemoryTest, HandleBlocksAreFreedByHandleOrByAddressWhileLocked) {
     zkUnlockMemory(nullptr);
 }
 
-TEST_F(SystemMemoryTest, DefaultModeNumbering) {
-    EXPECT_EQ(zkSetAllocMode(5), 0u);
-    EXPECT_EQ(zkSetAllocMode(2), 0u);
-    EXPECT_EQ(zkSetAllocMode(5), 2u); // unchanged
-    EXPECT_EQ(zkSetAllocMode(1), 2u);
-    EXPECT_EQ(zkSetAllocMode(0), 1u);
-    EXPECT_EQ(zkSetAllocMode(0), 0u);
-}
-
 TEST_F(SystemMemoryTest, DefaultModeSteersMallocButNotHandleBlocks) {
-    zkSetAllocMode(2);
+    EXPECT_EQ(zkSetAllocMode(5), 0u); // unknown: unchanged
+    EXPECT_EQ(zkSetAllocMode(2), 0u);
+    EXPECT_EQ(zkSetAllocMode(5), 2u);
     void* top = zkMalloc(100);
     EXPECT_EQ(reinterpret_cast<zkAddr>(top) + 128, End());
     // Handle blocks ignore the default mode even when ZK_ALLOC_DEFAULT is set.
@@ -126,19 +119,19 @@ TEST_F(SystemMemoryTest, DefaultModeSteersMallocButNotHandleBlocks) {
     void* fit = zkMallocEx(64, 0);
     EXPECT_LT(reinterpret_cast<zkAddr>(fit) + 0x100000, End());
     // A caller's own ZK_ALLOC_TOP works without any default mode.
-    zkSetAllocMode(0);
+    EXPECT_EQ(zkSetAllocMode(0), 2u);
     void* high = zkMallocEx(64, ZK_ALLOC_TOP);
     EXPECT_EQ(reinterpret_cast<zkAddr>(high) + 64, reinterpret_cast<zkAddr>(top));
     // Lowest address: the first fitting gap from the bottom.
-    zkSetAllocMode(1);
+    EXPECT_EQ(zkSetAllocMode(1), 0u);
     const std::vector<Range> gaps = GapsOf(zkGetSystemMemoryPool());
     ASSERT_FALSE(gaps.empty());
     void* low = zkMalloc(64);
     EXPECT_EQ(reinterpret_cast<zkAddr>(low), gaps.front().start);
-    zkFree(low);
-    zkFree(high);
-    zkFree(fit);
-    zkFree(top);
+    EXPECT_EQ(zkSetAllocMode(0), 1u);
+    EXPECT_EQ(zkSetAllocMode(0), 0u);
+    for (void* p : {low, high, fit, top})
+        zkFree(p);
 }
 
 std::vector<std::pair<uint32_t, uint32_t>> g_allocSeen;
@@ -259,11 +252,14 @@ TEST_F(SystemMemoryTest, ThreadsAllocateAndFreeAtTheSameTime) {
                     }
                 }
             }
-            for (void* p : mine) zkFree(p);
-            for (MemoryBlock* h : handles) zkFreeMemoryPoolBlock(pool, h);
+            for (void* p : mine)
+                zkFree(p);
+            for (MemoryBlock* h : handles)
+                zkFreeMemoryPoolBlock(pool, h);
         });
     }
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads)
+        thread.join();
     EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 7), 1u);
     EXPECT_EQ(zkQueryMemoryPoolInfo(pool, 3), 1u);
     zkReleaseMemoryPool(pool);

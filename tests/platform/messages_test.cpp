@@ -7,6 +7,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,14 +56,7 @@ TEST(Messages, PeekReturnsPostedMessagesInOrder) {
         EXPECT_EQ(m.wParam, i);
         EXPECT_EQ(m.lParam, -static_cast<zkSAddr>(i));
     }
-    zk::os::Message m{};
-    EXPECT_FALSE(zk::os::MessagePeek(&m));
-    EXPECT_FALSE(zk::os::MessagePeek(nullptr));
-    EXPECT_FALSE(zk::os::MessagePost(nullptr, kWmUser, 0, 0));
-}
-
-TEST(Messages, QuitIsAThreadMessageCarryingTheCode) {
-    Receiver r("ZkMsgQuit");
+    // Quit is a thread message carrying the code, queued behind the others.
     zk::os::MessagePost(r.window(), kWmUser, 0, 0);
     zk::os::MessagePostQuit(-7);
     zk::os::Message m{};
@@ -72,6 +66,9 @@ TEST(Messages, QuitIsAThreadMessageCarryingTheCode) {
     EXPECT_EQ(m.window, nullptr);
     EXPECT_EQ(m.message, kWmQuit);
     EXPECT_EQ(static_cast<int32_t>(m.wParam), -7);
+    EXPECT_FALSE(zk::os::MessagePeek(&m));
+    EXPECT_FALSE(zk::os::MessagePeek(nullptr));
+    EXPECT_FALSE(zk::os::MessagePost(nullptr, kWmUser, 0, 0));
 }
 
 TEST(Messages, QueuesBelongToThreads) {
@@ -126,58 +123,38 @@ TEST(WaitEventOrMessage, ReturnsAtOnceForWhatIsAlreadyThere) {
     zk::os::CloseHandle(e);
 }
 
-TEST(WaitEventOrMessage, WakesForAMessageFromAnotherThread) {
-    Receiver r("ZkWaitMessage");
-    Handle e = zk::os::EventCreate(false, false);
-    std::thread poster([&] {
+// Waits on waitOn while another thread does act a little later.
+WakeReason WaitWhileAnotherThread(Handle waitOn, const std::function<void()>& act) {
+    std::thread other([&] {
         zk::os::Sleep(20);
-        zk::os::MessagePost(r.window(), kWmUser, 42, 0);
+        act();
     });
-    EXPECT_EQ(zk::os::WaitEventOrMessage(e), WakeReason::Message);
-    poster.join();
+    WakeReason why = zk::os::WaitEventOrMessage(waitOn);
+    other.join();
+    return why;
+}
+
+TEST(WaitEventOrMessage, WakesForWhatAnotherThreadPostsOrSets) {
+    Receiver r("ZkWaitOther");
+    Handle e = zk::os::EventCreate(false, false);
+    Handle s = zk::os::SemaphoreCreate(0, 1);
     zk::os::Message m{};
+    auto post = [&] { zk::os::MessagePost(r.window(), kWmUser, 42, 0); };
+    EXPECT_EQ(WaitWhileAnotherThread(e, post), WakeReason::Message);
     ASSERT_TRUE(zk::os::MessagePeek(&m));
     EXPECT_EQ(m.wParam, 42u);
-    zk::os::CloseHandle(e);
-}
-
-TEST(WaitEventOrMessage, WakesForTheEventFromAnotherThread) {
-    Receiver r("ZkWaitEvent");
-    Handle e = zk::os::EventCreate(false, false);
-    std::thread setter([&] {
-        zk::os::Sleep(20);
-        zk::os::EventSet(e);
-    });
-    EXPECT_EQ(zk::os::WaitEventOrMessage(e), WakeReason::Event);
-    setter.join();
-    zk::os::Message m{};
+    EXPECT_EQ(WaitWhileAnotherThread(e, [&] { zk::os::EventSet(e); }), WakeReason::Event);
     EXPECT_FALSE(zk::os::MessagePeek(&m));
-    zk::os::CloseHandle(e);
-}
-
-TEST(WaitEventOrMessage, WakesForASemaphoreAndFailsForBadHandles) {
-    Receiver r("ZkWaitSemaphore");
-    Handle s = zk::os::SemaphoreCreate(0, 1);
-    std::thread releaser([&] {
-        zk::os::Sleep(20);
-        zk::os::SemaphoreRelease(s, 1);
-    });
-    EXPECT_EQ(zk::os::WaitEventOrMessage(s), WakeReason::Event);
-    releaser.join();
+    EXPECT_EQ(WaitWhileAnotherThread(s, [&] { zk::os::SemaphoreRelease(s, 1); }),
+              WakeReason::Event);
     EXPECT_EQ(zk::os::Wait(s, 0), zk::os::WaitResult::Timeout);
-    zk::os::CloseHandle(s);
+    // A null event waits for messages only.
+    EXPECT_EQ(WaitWhileAnotherThread(nullptr, post), WakeReason::Message);
+    ASSERT_TRUE(zk::os::MessagePeek(&m));
     int local = 0;
     EXPECT_EQ(zk::os::WaitEventOrMessage(&local), WakeReason::Failed);
-}
-
-TEST(WaitEventOrMessage, NullEventWaitsForMessagesOnly) {
-    Receiver r("ZkWaitNull");
-    std::thread poster([&] {
-        zk::os::Sleep(10);
-        zk::os::MessagePost(r.window(), kWmUser, 0, 0);
-    });
-    EXPECT_EQ(zk::os::WaitEventOrMessage(nullptr), WakeReason::Message);
-    poster.join();
+    zk::os::CloseHandle(s);
+    zk::os::CloseHandle(e);
 }
 
 TEST(WaitEventOrMessage, TimerTicksWakeTheWaitLikeAFramePacer) {

@@ -54,27 +54,21 @@ TEST(CommandLine, RoundTripsArgumentsWithSpaces) {
         EXPECT_EQ(back[i], argv[i]);
 }
 
-TEST(CommandLine, IsCutAtAnArgumentBoundary) {
+TEST(CommandLine, IsCutAtAnArgumentBoundaryOrInsideAnOverlongProgramName) {
     std::string longArg(3000, 'a');
     const char* argv[] = {"prog", longArg.c_str(), longArg.c_str(), "tail"};
     char line[4096];
-    uint32_t n = BuildCommandLine(4, argv, line, sizeof(line));
-    EXPECT_EQ(n, 4 + 1 + 3000u); // the second long argument would not fit whole
+    EXPECT_EQ(BuildCommandLine(4, argv, line, sizeof(line)), 4 + 1 + 3000u); // no whole third
     EXPECT_EQ(Split(line).size(), 2u);
-    // Exactly 4095 characters fit.
-    std::string fill(4095 - 5, 'b');
+    std::string fill(4095 - 5, 'b'); // exactly 4095 characters fit
     const char* exact[] = {"prog", fill.c_str()};
     EXPECT_EQ(BuildCommandLine(2, exact, line, sizeof(line)), 4095u);
-}
-
-TEST(CommandLine, TooLongProgramNameIsCut) {
     std::string name(5000, 'p');
-    const char* argv[] = {name.c_str(), "x"};
-    char line[4096];
-    EXPECT_EQ(BuildCommandLine(2, argv, line, sizeof(line)), 4095u);
+    const char* longName[] = {name.c_str(), "x"};
+    EXPECT_EQ(BuildCommandLine(2, longName, line, sizeof(line)), 4095u);
     EXPECT_EQ(std::strlen(line), 4095u);
     char tiny[1];
-    EXPECT_EQ(BuildCommandLine(2, argv, tiny, 1), 0u);
+    EXPECT_EQ(BuildCommandLine(2, longName, tiny, 1), 0u);
     EXPECT_EQ(tiny[0], '\0');
 }
 
@@ -128,15 +122,12 @@ TEST(VersionResource, FieldsComeFromTheFourParts) {
     EXPECT_EQ(zk::os::posix::BuildVersionResource(2, 3, 4, 5, blob, 91), 0u);
 }
 
-TEST(VersionResource, OtherModulesHaveNone) {
+TEST(VersionResource, OtherModulesHaveNoneAndModuleHandlesAreStable) {
     uint32_t size = 77;
     int local = 0;
     EXPECT_EQ(zk::os::ModuleVersionResource(nullptr, &size), nullptr);
     EXPECT_EQ(size, 0u);
     EXPECT_EQ(zk::os::ModuleVersionResource(&local, &size), nullptr);
-}
-
-TEST(Modules, HandlesAreStable) {
     EXPECT_NE(zk::os::LibraryModule(), nullptr);
     EXPECT_NE(zk::os::ExecutableModule(), nullptr);
     EXPECT_EQ(zk::os::ExecutableModule(), zk::os::ExecutableModule());
@@ -154,39 +145,28 @@ std::string UniqueName(const char* prefix) {
     return std::string(prefix) + "ZkTest.Instance." + std::to_string(getpid());
 }
 
-TEST(NamedMutex, SecondOpenReportsTheNameTaken) {
-    std::string name = UniqueName("");
-    bool existed = true;
-    zk::os::Handle first = zk::os::NamedMutexCreate(name.c_str(), &existed);
-    ASSERT_NE(first, nullptr);
-    EXPECT_FALSE(existed);
-    zk::os::Handle second = zk::os::NamedMutexCreate(name.c_str(), &existed);
-    ASSERT_NE(second, nullptr);
-    EXPECT_TRUE(existed);
-    zk::os::CloseHandle(second);
-    zk::os::CloseHandle(first); // releases the lock
-    zk::os::Handle third = zk::os::NamedMutexCreate(name.c_str(), &existed);
-    EXPECT_FALSE(existed);
-    zk::os::CloseHandle(third);
-    RemoveLockFile(name);
-    EXPECT_TRUE(zk::os::SystemSupportsGlobalNames());
-}
-
-TEST(NamedMutex, GlobalAndLocalNamesAreDistinct) {
+TEST(NamedMutex, SecondOpenReportsTheNameTakenPerNamespace) {
     std::string local = UniqueName("");
     std::string global = UniqueName("Global\\");
     bool existed = true;
-    zk::os::Handle a = zk::os::NamedMutexCreate(local.c_str(), &existed);
+    zk::os::Handle first = zk::os::NamedMutexCreate(local.c_str(), &existed);
+    ASSERT_NE(first, nullptr);
     EXPECT_FALSE(existed);
-    zk::os::Handle b = zk::os::NamedMutexCreate(global.c_str(), &existed);
-    EXPECT_FALSE(existed);
-    zk::os::Handle c = zk::os::NamedMutexCreate(UniqueName("Local\\").c_str(), &existed);
+    zk::os::Handle second = zk::os::NamedMutexCreate(local.c_str(), &existed);
+    ASSERT_NE(second, nullptr);
+    EXPECT_TRUE(existed);
+    zk::os::Handle other = zk::os::NamedMutexCreate(global.c_str(), &existed);
+    EXPECT_FALSE(existed); // global and local names are distinct
+    zk::os::Handle prefixed = zk::os::NamedMutexCreate(UniqueName("Local\\").c_str(), &existed);
     EXPECT_TRUE(existed); // "Local\" is the default namespace
-    zk::os::CloseHandle(c);
-    zk::os::CloseHandle(b);
-    zk::os::CloseHandle(a);
+    for (zk::os::Handle h : {prefixed, other, second, first})
+        zk::os::CloseHandle(h); // the last close releases the lock
+    zk::os::Handle third = zk::os::NamedMutexCreate(local.c_str(), &existed);
+    EXPECT_FALSE(existed);
+    zk::os::CloseHandle(third);
     RemoveLockFile(local);
     RemoveLockFile(global);
+    EXPECT_TRUE(zk::os::SystemSupportsGlobalNames());
 }
 
 TEST(NamedMutex, PathsAreSanitisedAndKeepNamesApart) {

@@ -22,13 +22,10 @@ template <typename Done> bool Eventually(Done done) {
     return done();
 }
 
-TEST(Semaphore, RefusesBadCounts) {
+TEST(Semaphore, BadCountsAndReleasesBeyondTheMaximumAreRefused) {
     EXPECT_EQ(zk::os::SemaphoreCreate(-1, 1), nullptr);
     EXPECT_EQ(zk::os::SemaphoreCreate(0, 0), nullptr);
     EXPECT_EQ(zk::os::SemaphoreCreate(3, 2), nullptr);
-}
-
-TEST(Semaphore, ReleaseBeyondMaximumFailsAndAddsNothing) {
     Handle s = zk::os::SemaphoreCreate(0, 2);
     ASSERT_NE(s, nullptr);
     EXPECT_FALSE(zk::os::SemaphoreRelease(s, 3));
@@ -58,27 +55,24 @@ TEST(Semaphore, ReleaseWakesABlockedWaiter) {
     zk::os::CloseHandle(s);
 }
 
-TEST(Event, ManualResetStaysSetUntilReset) {
-    Handle e = zk::os::EventCreate(true, false);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(zk::os::Wait(e, 0), WaitResult::Timeout);
-    zk::os::EventSet(e);
-    EXPECT_EQ(zk::os::Wait(e, 0), WaitResult::Signaled);
-    EXPECT_EQ(zk::os::Wait(e, kInfinite), WaitResult::Signaled);
-    zk::os::EventReset(e);
-    EXPECT_EQ(zk::os::Wait(e, 5), WaitResult::Timeout);
-    zk::os::CloseHandle(e);
-}
-
-TEST(Event, AutoResetStaysSetUntilOneWaitTakesIt) {
-    Handle e = zk::os::EventCreate(false, true);
-    EXPECT_EQ(zk::os::Wait(e, 0), WaitResult::Signaled);
-    EXPECT_EQ(zk::os::Wait(e, 0), WaitResult::Timeout);
-    zk::os::EventSet(e);
-    zk::os::EventSet(e); // a second set of a set event adds nothing
-    EXPECT_EQ(zk::os::Wait(e, 0), WaitResult::Signaled);
-    EXPECT_EQ(zk::os::Wait(e, 0), WaitResult::Timeout);
-    zk::os::CloseHandle(e);
+TEST(Event, ManualResetStaysSetUntilResetAutoResetUntilOneWaitTakesIt) {
+    Handle manual = zk::os::EventCreate(true, false);
+    ASSERT_NE(manual, nullptr);
+    EXPECT_EQ(zk::os::Wait(manual, 0), WaitResult::Timeout);
+    zk::os::EventSet(manual);
+    EXPECT_EQ(zk::os::Wait(manual, 0), WaitResult::Signaled);
+    EXPECT_EQ(zk::os::Wait(manual, kInfinite), WaitResult::Signaled);
+    zk::os::EventReset(manual);
+    EXPECT_EQ(zk::os::Wait(manual, 5), WaitResult::Timeout);
+    Handle automatic = zk::os::EventCreate(false, true);
+    EXPECT_EQ(zk::os::Wait(automatic, 0), WaitResult::Signaled);
+    EXPECT_EQ(zk::os::Wait(automatic, 0), WaitResult::Timeout);
+    zk::os::EventSet(automatic);
+    zk::os::EventSet(automatic); // a second set of a set event adds nothing
+    EXPECT_EQ(zk::os::Wait(automatic, 0), WaitResult::Signaled);
+    EXPECT_EQ(zk::os::Wait(automatic, 0), WaitResult::Timeout);
+    zk::os::CloseHandle(automatic);
+    zk::os::CloseHandle(manual);
 }
 
 TEST(Event, AutoResetReleasesOneWaiterPerSet) {

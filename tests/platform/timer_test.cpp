@@ -20,15 +20,12 @@ void CountTick(void* user) {
     if (n == ticks->killAt) zk::os::TimerKill(ticks->id);
 }
 
-TEST(Timer, Caps) {
+TEST(Timer, CapsAndRefusedArguments) {
     zk::os::TimerCaps caps{};
     ASSERT_TRUE(zk::os::TimerGetCaps(&caps));
     EXPECT_EQ(caps.minPeriod, 1u);
     EXPECT_EQ(caps.maxPeriod, 1000000u);
     EXPECT_FALSE(zk::os::TimerGetCaps(nullptr));
-}
-
-TEST(Timer, RefusesBadArguments) {
     Ticks ticks;
     EXPECT_EQ(zk::os::TimerStartPeriodic(0, 1, &CountTick, &ticks), 0u);
     EXPECT_EQ(zk::os::TimerStartPeriodic(16, 1, nullptr, &ticks), 0u);
@@ -104,25 +101,20 @@ TEST(Timer, SeveralRunAtOnceWithDistinctIds) {
     zk::os::TimerKill(idc);
 }
 
-TEST(TimerPacing, NextDeadlineIsPreviousPlusPeriod) {
+TEST(TimerPacing, NextDeadlineKeepsTheGridAndSkipsMissedTicks) {
     using zk::os::posix::NextTimerDeadline;
-    // On time or a little late: no drift, the grid stays.
+    // On time or late by less than a period: no drift, the grid stays.
     EXPECT_EQ(NextTimerDeadline(1000, 16, 1000), 1016);
     EXPECT_EQ(NextTimerDeadline(1000, 16, 1010), 1016);
-    EXPECT_EQ(NextTimerDeadline(1000, 16, 1020), 1016); // late by less than a period: due at once
+    EXPECT_EQ(NextTimerDeadline(1000, 16, 1020), 1016); // due at once
     int64_t deadline = 0;
     for (int i = 0; i < 1000; ++i)
         deadline = NextTimerDeadline(deadline, 16, deadline + 3);
     EXPECT_EQ(deadline, 16000);
-}
-
-TEST(TimerPacing, SkipsMissedTicksInsteadOfBursting) {
-    using zk::os::posix::NextTimerDeadline;
-    // 100 past the previous deadline: deadlines 1016..1096 were missed; the
-    // next is the last one already due (one tick now), then the grid goes on.
-    int64_t next = NextTimerDeadline(1000, 16, 1100);
-    EXPECT_EQ(next, 1096);
-    EXPECT_EQ(NextTimerDeadline(next, 16, 1100), 1112);
+    // 100 late: 1016..1096 were missed; the next is the last one already due
+    // (one tick now, no burst), then the grid goes on.
+    EXPECT_EQ(NextTimerDeadline(1000, 16, 1100), 1096);
+    EXPECT_EQ(NextTimerDeadline(1096, 16, 1100), 1112);
 }
 
 } // namespace

@@ -13,15 +13,37 @@
 
 namespace zktest {
 
-// Opens the process level and starts the library with a 32 MiB arena and 1024
-// block descriptors; at tear-down fails the test for every system-pool block
+// Stress suites scale their work down under ThreadSanitizer.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+
+// The arena and descriptor count every test starts the library with.
+constexpr uint32_t kArenaSize = 32u << 20;
+constexpr uint32_t kDescriptors = 1024;
+
+// initProc and termProc for zkMain runs: start the library, terminate it.
+inline int ZK_CALL StartLibrary() {
+    return zkInitializeEx(kArenaSize, kDescriptors) >= 0 ? 1 : 0;
+}
+inline void ZK_CALL StopLibrary() {
+    zkTerminate();
+}
+
+// Opens the process level and starts the library with kArenaSize and
+// kDescriptors; at tear-down fails the test for every system-pool block
 // it left behind (blocks of the library's own category excepted), then
 // terminates and ends the process level.
 class LibraryTest : public ::testing::Test {
 protected:
-    static constexpr uint32_t kArenaSize = 32u << 20;
-    static constexpr uint32_t kDescriptors = 1024;
-
     void SetUp() override;
     void TearDown() override;
 };

@@ -43,12 +43,9 @@ TEST_F(RequestTest, PoolOfTwo) {
     EXPECT_EQ(zkReleaseRequest(second), 0);
 }
 
-TEST_F(RequestTest, CountZeroLeavesNoRequests) {
+TEST_F(RequestTest, EachInitializeReplacesThePool) {
     ASSERT_EQ(zkInitializeRequest(0), 0);
     EXPECT_EQ(zkCreateRequest(), nullptr);
-}
-
-TEST_F(RequestTest, SecondInitializeReplacesThePool) {
     ASSERT_EQ(zkInitializeRequest(1), 0);
     ASSERT_NE(zkCreateRequest(), nullptr);
     EXPECT_EQ(zkCreateRequest(), nullptr);
@@ -100,12 +97,6 @@ TEST_F(RequestTest, NewRequestHasNothingPending) {
     EXPECT_EQ(zkReleaseRequest(request), 0);
 }
 
-TEST_F(RequestTest, NullRequest) {
-    EXPECT_EQ(zkReleaseRequest(nullptr), ZK_ERR_NULL_REQUEST);
-    EXPECT_EQ(zkWaitForRequestCompletion(nullptr), ZK_ERR_NULL_REQUEST);
-    EXPECT_EQ(zkIsRequestCompleted(nullptr), 0);
-}
-
 // ---- overlays: the request protocol without an operation -------------------------
 
 TEST_F(RequestTest, OverlayLoadsReportSuccess) {
@@ -137,13 +128,13 @@ TEST_F(RequestTest, OverlayBeginCompletesAtOnceAndEndReportsUnsupported) {
     EXPECT_EQ(zkReleaseRequest(request), 0);
 }
 
-TEST_F(RequestTest, OverlayWithNullRequest) {
+TEST_F(RequestTest, NullRequestOrEndWithoutBeginIsRefused) {
+    EXPECT_EQ(zkReleaseRequest(nullptr), ZK_ERR_NULL_REQUEST);
+    EXPECT_EQ(zkWaitForRequestCompletion(nullptr), ZK_ERR_NULL_REQUEST);
+    EXPECT_EQ(zkIsRequestCompleted(nullptr), 0);
     EXPECT_EQ(zkBeginLoadOverlay(nullptr, nullptr, nullptr), ZK_ERR_NULL_REQUEST);
     EXPECT_EQ(zkEndLoadOverlayForDebug(nullptr, nullptr), ZK_ERR_NULL_REQUEST);
     EXPECT_EQ(zkEndLoadOverlayForRelease(nullptr, nullptr), ZK_ERR_NULL_REQUEST);
-}
-
-TEST_F(RequestTest, OverlayEndWithoutBegin) {
     ASSERT_EQ(zkInitializeRequest(1), 0);
     Request* request = zkCreateRequest();
     ASSERT_NE(request, nullptr);

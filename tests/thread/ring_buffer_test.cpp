@@ -1,6 +1,6 @@
 // The ring buffer: regions handed out in up to two pieces, commits, the
 // output rules, and a producer and a consumer thread moving checked bytes.
-#include <zk.h>
+#include "support/library_test.h"
 
 #include <gtest/gtest.h>
 
@@ -38,81 +38,61 @@ protected:
     RingBuffer* ring_ = nullptr;
 };
 
-TEST_F(RingBufferTest, NewBufferIsAllFreeInOnePiece) {
-    Region w;
-    EXPECT_EQ(LockWrite(w), 16u);
-    EXPECT_EQ(w.first, storage_);
-    EXPECT_EQ(w.firstSize, 16u);
-    EXPECT_EQ(w.second, nullptr);
-    EXPECT_EQ(w.secondSize, 0u);
+// Checks all four outputs of a lock.
+void ExpectRegion(const Region& r, const void* first, uint32_t firstSize, const void* second,
+                  uint32_t secondSize) {
+    EXPECT_EQ(r.first, first);
+    EXPECT_EQ(r.firstSize, firstSize);
+    EXPECT_EQ(r.second, second);
+    EXPECT_EQ(r.secondSize, secondSize);
+}
 
-    Region r;
+TEST_F(RingBufferTest, NewBufferIsAllFreeInOnePiece) {
+    Region w, r;
+    EXPECT_EQ(LockWrite(w), 16u);
+    ExpectRegion(w, storage_, 16, nullptr, 0);
     EXPECT_EQ(LockRead(r), 0u);
-    EXPECT_EQ(r.first, nullptr);
-    EXPECT_EQ(r.firstSize, 0u);
-    EXPECT_EQ(r.second, nullptr);
-    EXPECT_EQ(r.secondSize, 0u);
+    ExpectRegion(r, nullptr, 0, nullptr, 0);
     EXPECT_EQ(zkGetRingBufferDataSize(ring_), 0u);
     EXPECT_EQ(zkGetRingBufferAddress(ring_), storage_);
 }
 
 TEST_F(RingBufferTest, WriteTenReadTenThenTheFreeRegionWraps) {
-    Region w;
+    Region w, r, again, r2;
     ASSERT_EQ(LockWrite(w), 16u);
     std::memcpy(w.first, "0123456789", 10);
     zkUnlockRingBufferForWrite(ring_, 10);
     EXPECT_EQ(zkGetRingBufferDataSize(ring_), 10u);
-
-    Region r;
     ASSERT_EQ(LockRead(r), 10u);
-    EXPECT_EQ(r.first, storage_);
-    EXPECT_EQ(r.firstSize, 10u);
-    EXPECT_EQ(r.second, nullptr);
+    ExpectRegion(r, storage_, 10, nullptr, 0);
     EXPECT_EQ(std::memcmp(r.first, "0123456789", 10), 0);
     zkUnlockRingBufferForRead(ring_, 10);
     EXPECT_EQ(zkGetRingBufferDataSize(ring_), 0u);
 
-    Region again;
     ASSERT_EQ(LockWrite(again), 16u);
-    EXPECT_EQ(again.first, storage_ + 10);
-    EXPECT_EQ(again.firstSize, 6u);
-    EXPECT_EQ(again.second, storage_);
-    EXPECT_EQ(again.secondSize, 10u);
-
+    ExpectRegion(again, storage_ + 10, 6, storage_, 10);
     // Bytes written across the end come back in two pieces in order.
     std::memcpy(again.first, "abcdef", 6);
     std::memcpy(again.second, "ghij", 4);
     zkUnlockRingBufferForWrite(ring_, 10);
-    Region r2;
     ASSERT_EQ(LockRead(r2), 10u);
-    EXPECT_EQ(r2.first, storage_ + 10);
-    EXPECT_EQ(r2.firstSize, 6u);
-    EXPECT_EQ(r2.second, storage_);
-    EXPECT_EQ(r2.secondSize, 4u);
+    ExpectRegion(r2, storage_ + 10, 6, storage_, 4);
     EXPECT_EQ(std::memcmp(r2.second, "ghij", 4), 0);
 }
 
 TEST_F(RingBufferTest, FullBuffer) {
-    Region w;
+    Region w, full, r, w2;
     ASSERT_EQ(LockWrite(w), 16u);
     zkUnlockRingBufferForWrite(ring_, 16);
-    Region full;
     EXPECT_EQ(LockWrite(full), 0u);
-    EXPECT_EQ(full.first, nullptr);
-    EXPECT_EQ(full.firstSize, 0u);
-    EXPECT_EQ(full.second, nullptr);
-    EXPECT_EQ(full.secondSize, 0u);
-    Region r;
+    ExpectRegion(full, nullptr, 0, nullptr, 0);
     EXPECT_EQ(LockRead(r), 16u);
-    EXPECT_EQ(r.first, storage_);
-    EXPECT_EQ(r.firstSize, 16u);
+    ExpectRegion(r, storage_, 16, nullptr, 0);
     EXPECT_EQ(zkGetRingBufferDataSize(ring_), 16u);
     // Reading all of it brings the offsets round to the start again.
     zkUnlockRingBufferForRead(ring_, 16);
-    Region w2;
     EXPECT_EQ(LockWrite(w2), 16u);
-    EXPECT_EQ(w2.first, storage_);
-    EXPECT_EQ(w2.second, nullptr);
+    ExpectRegion(w2, storage_, 16, nullptr, 0);
 }
 
 TEST_F(RingBufferTest, LockReservesNothing) {
@@ -202,18 +182,6 @@ TEST(RingBuffer, NoGuardNoRingBuffer) {
 
 // ---- one producer thread, one consumer thread ----------------------------------
 
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kThreadSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-constexpr bool kThreadSanitizer = true;
-#else
-constexpr bool kThreadSanitizer = false;
-#endif
-#else
-constexpr bool kThreadSanitizer = false;
-#endif
-
 // The byte at stream position i.
 inline unsigned char Pattern(uint64_t i) {
     return static_cast<unsigned char>((i * 0x9E3779B1u) >> 13 ^ (i >> 8));
@@ -226,59 +194,44 @@ struct Transfer {
     uint64_t received = 0;
 };
 
-// Produces in commits of changing sizes, so that pieces end everywhere.
-void ZK_CALL Produce(void* argument) {
+// Walks the stream in locks of changing sizes, so that pieces end everywhere:
+// the producer fills bytes with the pattern, the consumer counts mismatches.
+template <bool kWrite> void ZK_CALL Walk(void* argument) {
     Transfer* t = static_cast<Transfer*>(argument);
-    uint64_t position = 0;
-    uint32_t step = 1;
+    uint64_t position = 0, bad = 0;
+    uint32_t step = kWrite ? 1 : 3;
     while (position < t->total) {
-        void* first;
-        void* second;
-        uint32_t firstSize, secondSize;
-        uint32_t free = zkLockRingBufferForWrite(t->ring, &first, &firstSize, &second, &secondSize);
-        if (free == 0) {
+        void* piece[2];
+        uint32_t size[2];
+        uint32_t ready =
+            kWrite ? zkLockRingBufferForWrite(t->ring, &piece[0], &size[0], &piece[1], &size[1])
+                   : zkLockRingBufferForRead(t->ring, &piece[0], &size[0], &piece[1], &size[1]);
+        if (ready == 0) {
             std::this_thread::yield();
             continue;
         }
-        step = step * 5 % 1021 + 1;
-        uint64_t count = std::min<uint64_t>({free, step * 7ull, t->total - position});
-        uint64_t inFirst = std::min<uint64_t>(count, firstSize);
-        for (uint64_t k = 0; k < inFirst; ++k)
-            static_cast<unsigned char*>(first)[k] = Pattern(position + k);
-        for (uint64_t k = inFirst; k < count; ++k)
-            static_cast<unsigned char*>(second)[k - inFirst] = Pattern(position + k);
-        zkUnlockRingBufferForWrite(t->ring, static_cast<uint32_t>(count));
-        position += count;
-    }
-}
-
-void ZK_CALL Consume(void* argument) {
-    Transfer* t = static_cast<Transfer*>(argument);
-    uint64_t position = 0;
-    uint64_t bad = 0;
-    uint32_t step = 3;
-    while (position < t->total) {
-        void* first;
-        void* second;
-        uint32_t firstSize, secondSize;
-        uint32_t available =
-            zkLockRingBufferForRead(t->ring, &first, &firstSize, &second, &secondSize);
-        if (available == 0) {
-            std::this_thread::yield();
-            continue;
+        step = kWrite ? step * 5 % 1021 + 1 : step * 3 % 509 + 1;
+        uint32_t count = static_cast<uint32_t>(
+            std::min<uint64_t>({ready, step * (kWrite ? 7ull : 11ull), t->total - position}));
+        for (uint32_t k = 0; k < count; ++k) {
+            unsigned char* byte = k < size[0]
+                                      ? static_cast<unsigned char*>(piece[0]) + k
+                                      : static_cast<unsigned char*>(piece[1]) + (k - size[0]);
+            if (kWrite)
+                *byte = Pattern(position + k);
+            else
+                bad += *byte != Pattern(position + k);
         }
-        step = step * 3 % 509 + 1;
-        uint32_t count = std::min<uint32_t>(available, step * 11);
-        uint32_t inFirst = std::min(count, firstSize);
-        for (uint32_t k = 0; k < inFirst; ++k)
-            bad += static_cast<const unsigned char*>(first)[k] != Pattern(position + k);
-        for (uint32_t k = inFirst; k < count; ++k)
-            bad += static_cast<const unsigned char*>(second)[k - inFirst] != Pattern(position + k);
-        zkUnlockRingBufferForRead(t->ring, count);
+        if (kWrite)
+            zkUnlockRingBufferForWrite(t->ring, count);
+        else
+            zkUnlockRingBufferForRead(t->ring, count);
         position += count;
     }
-    t->mismatches.store(bad);
-    t->received = position;
+    if (!kWrite) {
+        t->mismatches.store(bad);
+        t->received = position;
+    }
 }
 
 void MoveThrough(uint32_t bufferSize, uint64_t total) {
@@ -291,8 +244,8 @@ void MoveThrough(uint32_t bufferSize, uint64_t total) {
     ThreadRecord* consumer = zkCreateThread(0);
     ASSERT_NE(producer, nullptr);
     ASSERT_NE(consumer, nullptr);
-    ASSERT_EQ(zkStartThread(consumer, Consume, &t), 0);
-    ASSERT_EQ(zkStartThread(producer, Produce, &t), 0);
+    ASSERT_EQ(zkStartThread(consumer, Walk<false>, &t), 0);
+    ASSERT_EQ(zkStartThread(producer, Walk<true>, &t), 0);
     EXPECT_EQ(zkReleaseThread(producer), 0);
     EXPECT_EQ(zkReleaseThread(consumer), 0);
     EXPECT_EQ(t.received, total);
@@ -304,15 +257,11 @@ void MoveThrough(uint32_t bufferSize, uint64_t total) {
 // 256 MiB in all (a quarter of it under ThreadSanitizer), most of it through
 // the larger buffers, where each lock hands out more bytes.
 constexpr uint64_t kMiB = 1ull << 20;
-constexpr uint64_t kScale = kThreadSanitizer ? 4 : 1;
+constexpr uint64_t kScale = zktest::kThreadSanitizer ? 4 : 1;
 
-TEST(RingBufferStress, SixtyOneBytes) {
+TEST(RingBufferStress, PrimeSizedBuffersMoveEveryByteInOrder) {
     MoveThrough(61, 16 * kMiB / kScale);
-}
-TEST(RingBufferStress, NineHundredNinetySevenBytes) {
     MoveThrough(997, 80 * kMiB / kScale);
-}
-TEST(RingBufferStress, FourThousandNinetyThreeBytes) {
     MoveThrough(4093, 160 * kMiB / kScale);
 }
 

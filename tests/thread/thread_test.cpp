@@ -81,36 +81,22 @@ TEST(ThreadTable, NullArguments) {
     EXPECT_EQ(zkReleaseThread(thread), 0);
 }
 
-TEST(Thread, NeverStartedIsNotRunning) {
+TEST(Thread, RunningFromStartUntilTheProcedureReturns) {
+    Gate gate;
     ThreadRecord* thread = zkCreateThread(64 * 1024);
     ASSERT_NE(thread, nullptr);
-    EXPECT_EQ(zkIsThreadRunning(thread), 0);
-    zkWaitForThread(thread); // nothing to wait for
-    EXPECT_EQ(zkReleaseThread(thread), 0);
-}
-
-TEST(Thread, RunningUntilTheProcedureReturns) {
-    Gate gate;
-    ThreadRecord* thread = zkCreateThread(0);
-    ASSERT_NE(thread, nullptr);
+    EXPECT_EQ(zkIsThreadRunning(thread), 0); // never started
+    zkWaitForThread(thread);                 // nothing to wait for
     ASSERT_EQ(zkStartThread(thread, WaitAtGate, &gate), 0);
     EXPECT_EQ(zkIsThreadRunning(thread), 1);
     gate.Open();
     zkWaitForThread(thread);
     EXPECT_EQ(zkIsThreadRunning(thread), 0);
-    EXPECT_EQ(zkReleaseThread(thread), 0);
-}
-
-TEST(Thread, IsRunningNoticesTheEnd) {
-    Gate gate;
-    ThreadRecord* thread = zkCreateThread(0);
-    ASSERT_NE(thread, nullptr);
+    // A poll notices the end, and the record can be started again after it.
     ASSERT_EQ(zkStartThread(thread, WaitAtGate, &gate), 0);
     gate.Open();
     while (zkIsThreadRunning(thread))
         zkSleep(1);
-    EXPECT_EQ(zkIsThreadRunning(thread), 0);
-    // The record can be started again after the poll saw the end.
     ASSERT_EQ(zkStartThread(thread, WaitAtGate, &gate), 0);
     gate.Open();
     EXPECT_EQ(zkReleaseThread(thread), 0);

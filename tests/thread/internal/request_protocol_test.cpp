@@ -149,7 +149,7 @@ TEST_F(RequestProtocol, CompletionOnAnotherThreadWakesTheEnd) {
     EXPECT_EQ(EndAdd(request_), ZK_ERR_REQUEST_STATE);
 }
 
-TEST_F(RequestProtocol, PollThenEndWithoutBlocking) {
+TEST_F(RequestProtocol, PollOrWaitThenEndWithoutBlocking) {
     TestExecutor executor;
     ASSERT_EQ(BeginAdd(executor, request_, 5, 6), 0);
     EXPECT_EQ(BeginAdd(executor, request_, 1, 1), ZK_ERR_REQUEST_STATE);
@@ -158,10 +158,7 @@ TEST_F(RequestProtocol, PollThenEndWithoutBlocking) {
     EXPECT_EQ(zkWaitForRequestCompletion(request_), 0);
     EXPECT_EQ(EndAdd(request_), 11);
     EXPECT_EQ(executor.Started(), 1u); // the refused Begin queued nothing
-}
 
-TEST_F(RequestProtocol, WaitForCompletionThenEnd) {
-    TestExecutor executor;
     ASSERT_EQ(BeginAdd(executor, request_, -7, 3), 0);
     EXPECT_EQ(zkWaitForRequestCompletion(request_), 0);
     EXPECT_EQ(zkIsRequestCompleted(request_), 1);

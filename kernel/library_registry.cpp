@@ -1,4 +1,4 @@
-// The library registry, version-resource reading and the version banners.
+// The library registry and the version banners.
 #include "kernel/library_registry.h"
 
 #include <zk/trace.h>
@@ -6,52 +6,6 @@
 #include <cstring>
 
 namespace zk {
-
-namespace {
-
-constexpr uint32_t kFixedInfoSignature = 0xFEEF04BDu;
-constexpr uint32_t kResourceHeaderSize = 6; // total length, value length, type
-constexpr uint32_t kFixedInfoWords = 6;     // signature .. product version low
-
-uint16_t ReadU16(const unsigned char* p) {
-    return static_cast<uint16_t>(p[0] | (p[1] << 8));
-}
-
-uint32_t ReadU32(const unsigned char* p) {
-    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
-           (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
-}
-
-void SplitVersion(uint32_t high, uint32_t low, uint16_t (&out)[4]) {
-    out[0] = static_cast<uint16_t>(high >> 16);
-    out[1] = static_cast<uint16_t>(high & 0xFFFFu);
-    out[2] = static_cast<uint16_t>(low >> 16);
-    out[3] = static_cast<uint16_t>(low & 0xFFFFu);
-}
-
-} // namespace
-
-bool ParseVersionResource(const void* bytes, uint32_t size, ModuleVersions* out) {
-    *out = ModuleVersions{};
-    if (!bytes) return false;
-    const unsigned char* base = static_cast<const unsigned char*>(bytes);
-    uint32_t offset = kResourceHeaderSize;
-    // The key: UTF-16 characters up to and including the terminator.
-    for (;;) {
-        if (offset + 2 > size) return false;
-        uint16_t character = ReadU16(base + offset);
-        offset += 2;
-        if (character == 0) break;
-    }
-    // The fixed information starts on the next 4-byte boundary of the resource.
-    offset = (offset + 3u) & ~3u;
-    if (offset > size || size - offset < kFixedInfoWords * 4) return false;
-    const unsigned char* info = base + offset;
-    if (ReadU32(info) != kFixedInfoSignature) return false;
-    SplitVersion(ReadU32(info + 8), ReadU32(info + 12), out->file);
-    SplitVersion(ReadU32(info + 16), ReadU32(info + 20), out->product);
-    return true;
-}
 
 LibraryRegistry& LibraryRegistry::Instance() {
     static LibraryRegistry registry;

@@ -5,6 +5,7 @@
 #ifndef ZK_KERNEL_LIBRARY_REGISTRY_H
 #define ZK_KERNEL_LIBRARY_REGISTRY_H
 
+#include "kernel/version_resource.h"
 #include "platform/platform.h"
 
 #include <cstdint>
@@ -18,15 +19,6 @@ struct LibraryRecord {
 };
 
 namespace zk {
-
-// The four-part versions of a version resource in the VS_VERSIONINFO layout.
-struct ModuleVersions {
-    uint16_t product[4];
-    uint16_t file[4];
-};
-// Reads the fixed file information of a version resource. False (versions
-// all 0) when the bytes are missing, too short or not a version resource.
-bool ParseVersionResource(const void* bytes, uint32_t size, ModuleVersions* out);
 
 class LibraryRegistry {
 public:

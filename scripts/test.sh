@@ -213,7 +213,7 @@ leg_fuzz() {
         echo "--- $name ($seconds s)"
         if "$program" -max_total_time="$seconds" -print_final_stats=1 \
             -artifact_prefix="$dir/artifacts/$name-" "$dir/corpus/$name" >"$log" 2>&1; then
-            runs=$(awk -F: '/stat::number_of_executed_units/ { gsub(/ /, "", $2); print $2 }' "$log")
+            runs=$(awk '/stat::number_of_executed_units/ { print $NF }' "$log")
             echo "$name: ${runs:-?} runs, no finding"
         else
             failed=$((failed + 1))

@@ -97,13 +97,19 @@ leg_linux_m32() {
         -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 \
         -DCMAKE_EXE_LINKER_FLAGS=-m32 -DCMAKE_SHARED_LINKER_FLAGS=-m32 || return 1
     check_linux_exports "$dir/bin/libqaxkrnl.so" || return 1
-    # Hosts whose kernel cannot run 32-bit programs run them under qemu.
-    if ! bash "$ROOT/scripts/i386-exec.sh"; then
+    # Hosts whose kernel cannot run 32-bit programs run them under qemu's
+    # user-mode emulation, which does not deliver a signal raised while other
+    # threads block in system calls: the interrupt tests are left to the
+    # native legs there.
+    if bash "$ROOT/scripts/i386-exec.sh" --native 2>/dev/null; then
+        run_ctest linux-m32 "$dir" -j "$JOBS"
+    elif bash "$ROOT/scripts/i386-exec.sh"; then
+        echo "linux-m32: under qemu-i386; interrupt (signal) tests excluded"
+        GTEST_FILTER='-CloseOnInterrupt.*:Interrupt.*' run_ctest linux-m32 "$dir" -j "$JOBS"
+    else
         LEG_NOTE[linux-m32]="built; tests skipped (this host cannot run 32-bit programs)"
         echo "linux-m32 tests: skipped (this host cannot run 32-bit programs)"
-        return 0
     fi
-    run_ctest linux-m32 "$dir" -j "$JOBS"
 }
 
 leg_win64() {

@@ -223,7 +223,10 @@ TEST_F(SystemMemoryTest, DescriptorsOfTheSystemPoolRunOut) {
         zkFree(p);
 }
 
-TEST_F(SystemMemoryTest, ThreadsAllocateAndFreeAtTheSameTime) {
+// The concurrency suites also run under ThreadSanitizer.
+using SystemMemoryConcurrency = SystemMemoryTest;
+
+TEST_F(SystemMemoryConcurrency, ThreadsAllocateAndFreeAtTheSameTime) {
     const zkAddr used = Used();
     const zkAddr blocks = zkQueryMemoryInfo(7);
     MemoryPool* pool = zkCreateMemoryPool(0x10000, 0x100000, 200);

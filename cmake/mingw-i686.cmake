@@ -2,19 +2,9 @@
 # library's own target. Tests run under 32-bit wine: `wine` must be able to
 # start 32-bit programs (the i386 wine packages), which scripts/test.sh
 # provides in a 32-bit chroot when the host has none.
-set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR i686)
-
 set(ZK_MINGW_PREFIX i686-w64-mingw32)
-set(CMAKE_C_COMPILER ${ZK_MINGW_PREFIX}-gcc-posix)
-set(CMAKE_CXX_COMPILER ${ZK_MINGW_PREFIX}-g++-posix)
-set(CMAKE_RC_COMPILER ${ZK_MINGW_PREFIX}-windres)
-
-set(CMAKE_FIND_ROOT_PATH /usr/${ZK_MINGW_PREFIX})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-common.cmake)
 
 # A cache entry, so that -DCMAKE_CROSSCOMPILING_EMULATOR=... takes precedence.
 set(CMAKE_CROSSCOMPILING_EMULATOR wine CACHE STRING "Runs the Windows programs")

@@ -1,19 +1,9 @@
 # Cross build for 64-bit Windows with MinGW-w64 (posix threads model).
 # Tests and programs run under wine64: ctest prefixes every test command with
 # the emulator.
-set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
-
 set(ZK_MINGW_PREFIX x86_64-w64-mingw32)
-set(CMAKE_C_COMPILER ${ZK_MINGW_PREFIX}-gcc-posix)
-set(CMAKE_CXX_COMPILER ${ZK_MINGW_PREFIX}-g++-posix)
-set(CMAKE_RC_COMPILER ${ZK_MINGW_PREFIX}-windres)
-
-set(CMAKE_FIND_ROOT_PATH /usr/${ZK_MINGW_PREFIX})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-common.cmake)
 
 # Debian installs the 64-bit loader outside PATH. A cache entry, so that
 # -DCMAKE_CROSSCOMPILING_EMULATOR=... on the command line takes precedence.

@@ -33,17 +33,18 @@ extern "C" ZK_API MemoryBlock* ZK_CALL zkFindMemoryPoolBlock(MemoryPool* pool, z
     return pool ? pool->FindByAddress(address) : nullptr;
 }
 
+// A block handle locks, unlocks and reports its size the same way whatever
+// pool it belongs to: these are the system forms under their pool names.
 extern "C" ZK_API void* ZK_CALL zkLockMemoryPoolBlock(MemoryBlock* block) {
-    if (!MemoryPool::Lock(block)) return nullptr;
-    return reinterpret_cast<void*>(block->address);
+    return zkLockMemory(block);
 }
 
 extern "C" ZK_API void ZK_CALL zkUnlockMemoryPoolBlock(MemoryBlock* block) {
-    MemoryPool::Unlock(block);
+    zkUnlockMemory(block);
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkGetMemoryPoolBlockSize(MemoryBlock* block) {
-    return block ? block->requestedSize : 0;
+    return zkGetMemoryBlockSize(block);
 }
 
 extern "C" ZK_API void ZK_CALL zkSetMemoryPoolAllocMode(MemoryPool* pool, uint32_t mode) {

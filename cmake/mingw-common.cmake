@@ -1,0 +1,13 @@
+# The part of the MinGW-w64 cross builds that both targets share. The target's
+# toolchain file sets CMAKE_SYSTEM_PROCESSOR and ZK_MINGW_PREFIX, then includes this.
+set(CMAKE_SYSTEM_NAME Windows)
+
+set(CMAKE_C_COMPILER ${ZK_MINGW_PREFIX}-gcc-posix)
+set(CMAKE_CXX_COMPILER ${ZK_MINGW_PREFIX}-g++-posix)
+set(CMAKE_RC_COMPILER ${ZK_MINGW_PREFIX}-windres)
+
+set(CMAKE_FIND_ROOT_PATH /usr/${ZK_MINGW_PREFIX})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)

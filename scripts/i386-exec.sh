@@ -6,7 +6,8 @@
 # has IA-32 emulation switched off runs them through qemu's user-mode
 # emulator: qemu-user-static is installed and registered with binfmt_misc for
 # 32-bit x86 ELF files (flag F, so it also works inside a chroot). Prints one
-# line saying which way 32-bit programs run; exits non-zero when neither works.
+# line saying which way 32-bit programs run; exits 1 when neither works, and 2
+# when no 32-bit program can even be compiled here (nothing was tried then).
 #
 #   scripts/i386-exec.sh            native, or else set up qemu
 #   scripts/i386-exec.sh --native   succeed only if the kernel itself runs them
@@ -21,15 +22,27 @@ BINFMT=/proc/sys/fs/binfmt_misc
 MAGIC='\x7fELF\x01\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x03\x00'
 MASK='\xff\xff\xff\xff\xff\xfe\xfe\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff'
 
+# The probe program is compiled once, before any run is tried: a host without
+# the 32-bit C library cannot compile it, which says nothing about whether
+# the kernel runs 32-bit programs.
+PROBE_DIR=$(mktemp -d)
+trap 'rm -rf "$PROBE_DIR"' EXIT
+PROBE="$PROBE_DIR/probe"
+
+compile_probe() {
+    bash "$(dirname "${BASH_SOURCE[0]}")/setup.sh" m32 >/dev/null || {
+        echo "i386: cannot install the 32-bit C library (g++-multilib)" >&2
+        return 1
+    }
+    printf 'int main(void) { return 0; }\n' >"$PROBE.c"
+    cc -m32 "$PROBE.c" -o "$PROBE" 2>"$PROBE_DIR/cc.log" || {
+        echo "i386: cannot compile a 32-bit program: $(head -n 1 "$PROBE_DIR/cc.log")" >&2
+        return 1
+    }
+}
+
 probe() {
-    local dir probe
-    dir=$(mktemp -d)
-    probe="$dir/probe"
-    printf 'int main(void) { return 0; }\n' >"$probe.c"
-    local status=1
-    if cc -m32 "$probe.c" -o "$probe" 2>/dev/null && "$probe" 2>/dev/null; then status=0; fi
-    rm -rf "$dir"
-    return $status
+    "$PROBE" 2>/dev/null
 }
 
 # A registered qemu would answer the probe too: switch it off while probing.
@@ -44,6 +57,7 @@ native_probe() {
     probe
 }
 
+compile_probe || exit 2
 if native_probe; then
     echo "i386: this host runs 32-bit programs natively"
     exit 0

@@ -101,7 +101,13 @@ leg_linux_m32() {
     # user-mode emulation, which does not deliver a signal raised while other
     # threads block in system calls: the interrupt tests are left to the
     # native legs there.
-    if bash "$ROOT/scripts/i386-exec.sh" --native 2>/dev/null; then
+    local how=0
+    bash "$ROOT/scripts/i386-exec.sh" --native 2>/dev/null || how=$?
+    if [ "$how" -eq 2 ]; then
+        echo "linux-m32: no 32-bit program can be compiled here (see scripts/i386-exec.sh)"
+        return 1
+    fi
+    if [ "$how" -eq 0 ]; then
         run_ctest linux-m32 "$dir" -j "$JOBS"
     elif bash "$ROOT/scripts/i386-exec.sh"; then
         echo "linux-m32: under qemu-i386; interrupt (signal) tests excluded"

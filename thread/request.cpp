@@ -64,7 +64,10 @@ RequestWriter::RequestWriter(::Request* request, uint32_t size) {
         status_ = ZK_ERR_NULL_REQUEST;
         return;
     }
-    if (request->cursor != request->frameCount || request->frameCount >= ::Request::kFrames) {
+    // A released request has no arena: it is refused like one whose state
+    // does not allow a new operation.
+    if (!request->manager || request->cursor != request->frameCount ||
+        request->frameCount >= ::Request::kFrames) {
         status_ = ZK_ERR_REQUEST_STATE;
         return;
     }

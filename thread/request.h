@@ -195,8 +195,9 @@ protected:
 };
 
 // Opened by a Begin function: pushes a pending frame of `size` bytes. Its
-// status is -55 for a null request, -56 when the request already has an open
-// operation (or all 4 frames are used), -5 when the arena is exhausted.
+// status is -55 for a null request, -56 when the request is released or
+// already has an open operation (or all 4 frames are used), -5 when the arena
+// is exhausted.
 // Going out of scope ends its use: the cursor steps back, the frame stays pending.
 class RequestWriter : public RequestCursor {
 public:

@@ -17,24 +17,16 @@ void Busy(double milliseconds) {
     }
 }
 
-TEST(PerformanceCounter, UsableBeforeInitialisation) {
-    EXPECT_GT(zkGetPerformanceFrequency(), 0.0);
+TEST(PerformanceCounter, CountsForwardAndResetStartsItAgain) {
+    EXPECT_GT(zkGetPerformanceFrequency(), 0.0); // usable before initialisation
     EXPECT_NE(zkResetPerformanceCounter(), 0);
     uint32_t a = zkGetPerformanceCounter();
-    Busy(1.0);
+    Busy(5.0);
     uint32_t b = zkGetPerformanceCounter();
     EXPECT_GT(b - a, 0u);
-    // 1 ms of spinning is far less than 2^31 counts at any frequency in use.
-    EXPECT_LT(b - a, 0x80000000u);
-}
-
-TEST_F(ProfilerTest, ResetStartsTheCounterAgain) {
-    Busy(5.0);
-    uint32_t before = zkGetPerformanceCounter();
+    EXPECT_LT(b - a, 0x80000000u); // 5 ms is far less than 2^31 counts
     EXPECT_NE(zkResetPerformanceCounter(), 0);
-    uint32_t after = zkGetPerformanceCounter();
-    // 5 ms passed before the reset: the reading after it is smaller.
-    EXPECT_LT(after, before);
+    EXPECT_LT(zkGetPerformanceCounter(), b); // 5 ms passed before the reset
 }
 
 TEST(ProfilerLifecycle, NeedsTheSystemPool) {
@@ -95,30 +87,6 @@ TEST_F(ProfilerTest, EveryUpdateReportsWithIntervalZero) {
     trace.Clear();
     zkUpdateAllProfilers();
     EXPECT_TRUE(trace.Lines().empty()) << trace.Text();
-}
-
-TEST_F(ProfilerTest, SwitchedOffProfilerDoesNotReport) {
-    zktest::TraceCapture trace;
-    ASSERT_EQ(zkInitializeProfiler(1, 0), 0);
-    zkSetProfileInterval(0);
-    zkSetProfileSwitch(0);
-    zkBeginProfile(0);
-    Busy(1.0);
-    zkEndProfile(0);
-    zkUpdateAllProfilers();
-    EXPECT_TRUE(trace.Lines().empty());
-    // Switching on clears the slots: what was measured while off is gone.
-    zkSetProfileSwitch(1);
-    zkUpdateAllProfilers();
-    EXPECT_TRUE(trace.Lines().empty()) << trace.Text();
-    zkBeginProfile(0);
-    Busy(1.0);
-    zkEndProfile(0);
-    zkUpdateAllProfilers();
-    ASSERT_EQ(trace.Lines().size(), 1u);
-    // An unnamed slot prints 15 blanks for its name.
-    const std::string start = "QaxKrnl : [000] " + std::string(15, ' ') + ": ";
-    EXPECT_EQ(trace.Lines()[0].rfind(start, 0), 0u) << trace.Lines()[0];
 }
 
 } // namespace

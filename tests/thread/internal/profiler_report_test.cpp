@@ -43,26 +43,43 @@ protected:
     zk::Profiler profiler_;
 };
 
-TEST_F(ProfilerReport, LineForSixtyFramesOfOneAndAHalfMilliseconds) {
-    profiler_.SetInterval(990); // reached by the 60th frame of 16.6 ms (996 ms)
-    profiler_.SetName(0, "draw");
-    for (int frame = 0; frame < 59; ++frame)
-        Frame(0, 1, 1.5);
-    EXPECT_TRUE(Lines().empty());
-    Frame(0, 1, 1.5);
-    ASSERT_EQ(Lines().size(), 1u);
-    EXPECT_EQ(Lines()[0],
-              "QaxKrnl : [000] draw           :   1.50 (msec) 9.04 (percent) 1 (calls)\n");
-}
-
-TEST_F(ProfilerReport, TwoPairsPerFrameReportTwoCalls) {
-    profiler_.SetInterval(990);
-    profiler_.SetName(2, "twice");
-    for (int frame = 0; frame < 60; ++frame)
-        Frame(2, 2, 0.25);
-    ASSERT_EQ(Lines().size(), 1u);
-    EXPECT_EQ(Lines()[0],
-              "QaxKrnl : [002] twice          :   0.50 (msec) 3.01 (percent) 2 (calls)\n");
+// Frames of one slot's pairs: the report comes on the frame that reaches the
+// interval (5000 ms by default, 301 frames of 16.6 ms being 4996.6 ms).
+TEST_F(ProfilerReport, ReportLineWhenTheIntervalIsReached) {
+    struct Case {
+        uint32_t interval, slot;
+        const char* name;
+        int pairs;
+        double ms;
+        int framesBefore;
+        const char* line;
+    } const cases[] = {
+        {990, 0, "draw", 1, 1.5, 59,
+         "QaxKrnl : [000] draw           :   1.50 (msec) 9.04 (percent) 1 (calls)\n"},
+        {990, 2, "twice", 2, 0.25, 59,
+         "QaxKrnl : [002] twice          :   0.50 (msec) 3.01 (percent) 2 (calls)\n"},
+        {1000, 1, nullptr, 1, 2.0, 60, // 61 frames are 1012.6 ms
+         "QaxKrnl : [001]                :   2.00 (msec) 12.05 (percent) 1 (calls)\n"},
+        {0xFFFFFFFF, 0, nullptr, 1, 1.0, 301,
+         "QaxKrnl : [000]                :   1.00 (msec) 6.02 (percent) 1 (calls)\n"},
+    };
+    for (const Case& c : cases) {
+        zkFree(profiler_.Slots()); // a fresh profiler for each case
+        profiler_.Forget();
+        ASSERT_EQ(profiler_.Initialize(4, &counter_), 0);
+        const size_t before = Lines().size();
+        if (c.interval != 0xFFFFFFFF) profiler_.SetInterval(c.interval);
+        if (c.name) profiler_.SetName(c.slot, c.name);
+        // Twice: the window starts again after each report.
+        for (int window = 1; window <= 2; ++window) {
+            for (int frame = 0; frame < c.framesBefore; ++frame)
+                Frame(c.slot, c.pairs, c.ms);
+            EXPECT_EQ(Lines().size(), before + window - 1) << c.line;
+            Frame(c.slot, c.pairs, c.ms);
+            ASSERT_EQ(Lines().size(), before + window) << c.line;
+            EXPECT_EQ(Lines().back(), c.line);
+        }
+    }
 }
 
 TEST_F(ProfilerReport, OnlySlotsThatMeasuredAnythingReportInSlotOrder) {
@@ -89,31 +106,6 @@ TEST_F(ProfilerReport, OnlySlotsThatMeasuredAnythingReportInSlotOrder) {
     EXPECT_EQ(profiler_.Slots()[0].calls, 60u);
     EXPECT_EQ(profiler_.Slots()[1].calls, 0u);
     EXPECT_EQ(profiler_.Slots()[3].total, 0);
-}
-
-TEST_F(ProfilerReport, FirstReportAfterFiveSecondsOfFrames) {
-    // 301 frames of 16.6 ms are 4996.6 ms; the 302nd reaches 5000.
-    for (int frame = 0; frame < 301; ++frame)
-        Frame(0, 1, 1.0);
-    EXPECT_TRUE(Lines().empty());
-    Frame(0, 1, 1.0);
-    ASSERT_EQ(Lines().size(), 1u);
-    EXPECT_EQ(Lines()[0],
-              "QaxKrnl : [000]                :   1.00 (msec) 6.02 (percent) 1 (calls)\n");
-    // The window starts again.
-    for (int frame = 0; frame < 301; ++frame)
-        Frame(0, 1, 1.0);
-    EXPECT_EQ(Lines().size(), 1u);
-    Frame(0, 1, 1.0);
-    EXPECT_EQ(Lines().size(), 2u);
-}
-
-TEST_F(ProfilerReport, IntervalOfOneSecond) {
-    profiler_.SetInterval(1000);
-    for (int frame = 0; frame < 600; ++frame)
-        Frame(0, 1, 2.0); // 9.96 s
-    // A report every 61 frames (1012.6 ms): 9 reports in 600 frames.
-    EXPECT_EQ(Lines().size(), 9u);
 }
 
 TEST_F(ProfilerReport, SwitchedOffStillMeasuresButDoesNotReport) {

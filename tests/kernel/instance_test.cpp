@@ -26,16 +26,23 @@ TEST(InstanceCheck, FirstProcessGetsZeroSecondGetsOneAndLosesItsWindow) {
 
     EXPECT_EQ(zkCheckMultipleInstances(ZK_INSTANCE_GLOBAL | ZK_INSTANCE_ACTIVATE), 0u);
     EXPECT_NE(zkGetMainWindow(), nullptr) << "the first instance keeps its window";
+    // A check under another name takes that name too and keeps the first.
+    const std::string other = name + "-other";
+    zkSetTitle(other.c_str(), nullptr);
+    EXPECT_EQ(zkCheckMultipleInstances(ZK_INSTANCE_GLOBAL | ZK_INSTANCE_ACTIVATE), 0u);
     EXPECT_EQ(zktest::RunChildProgram("instance_child", {name, "second"}), 0);
+    EXPECT_EQ(zktest::RunChildProgram("instance_child", {other, "second"}), 0);
 
     // A second check in the same process finds the mutex of the first.
     EXPECT_EQ(zkCheckMultipleInstances(ZK_INSTANCE_GLOBAL), 1u);
     EXPECT_EQ(zkGetMainWindow(), nullptr);
+    EXPECT_EQ(zktest::RunChildProgram("instance_child", {other, "second"}), 0);
     EXPECT_EQ(zkTerminate(), 0);
     EXPECT_EQ(zkEndProcess(), 0);
 
-    // Process end closed the mutex: the name is free again.
+    // Process end closed both mutexes: the names are free again.
     EXPECT_EQ(zktest::RunChildProgram("instance_child", {name, "first"}), 0);
+    EXPECT_EQ(zktest::RunChildProgram("instance_child", {other, "first"}), 0);
 }
 
 TEST(InstanceCheck, NamesWithoutTheGlobalPrefixAreCheckedToo) {

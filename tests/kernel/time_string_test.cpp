@@ -1,7 +1,9 @@
 // Local time, calendar seconds, string length and the signed-byte comparison.
 #include "support/library_test.h"
 
+#include <cstring>
 #include <ctime>
+#include <string>
 
 namespace {
 
@@ -39,11 +41,20 @@ TEST(Strings, LengthCountsBytesAndCompareUsesSignedBytes) {
     EXPECT_EQ(zkCompareString("abc", "abc"), 0);
     EXPECT_EQ(zkCompareString("abc", "abd"), -1);
     EXPECT_EQ(zkCompareString("abc", "ab"), 99);
-    EXPECT_EQ(zkCompareString("ab", "abc"), -99);
+    EXPECT_EQ(zkCompareString("ab", "abc"), 0) << "the walk ends with the first string";
     EXPECT_EQ(zkCompareString("x\xE0y", "xay"), -32 - 97);
     EXPECT_EQ(zkCompareString("xay", "x\xE0y"), 97 + 32);
     EXPECT_EQ(zkCompareString("ABC", "abc"), 'A' - 'a') << "case-sensitive";
     EXPECT_EQ(zkCompareString("", ""), 0);
+}
+
+TEST(Strings, CopyWithAStartPastTheLimitStaysInsideTheDestination) {
+    // The destination holds limit + 1 bytes; the rest is a guard.
+    char text[16];
+    std::memset(text, '#', sizeof(text));
+    EXPECT_EQ(zkCopyString(text, 7, 9, "xyz"), 7u);
+    EXPECT_EQ(text[7], '\0');
+    EXPECT_EQ(std::string(text + 8, 8), std::string(8, '#'));
 }
 
 } // namespace

@@ -14,13 +14,14 @@ constexpr uint32_t kArena = zktest::kArenaSize;
 
 enum InitMode { kStart, kFail, kStartThenFail, kNoStart };
 
-// State shared with the callbacks of one zkMain run.
+// State shared with the callbacks of one zkMain run. Frame numbers at which
+// a frame acts; 0 for never.
 struct LoopRecord {
     InitMode init = kStart;
     uint32_t endAfter = 3;                         // frames before returning ZK_FRAME_END
-    uint32_t quitAtFrame = 0;                      // frame that posts WM_QUIT
-    uint32_t closeAtFrame = 0;                     // frame that posts WM_CLOSE to the main window
-    uint32_t resetAtFrame = 0;                     // frame that resets the loop count
+    uint32_t quitAt = 0, closeAt = 0, resetAt = 0; // WM_QUIT, WM_CLOSE, loop count reset
+    uint32_t waitAt = 0; // a period wait cut short by a message, result in waitResult
+    int32_t waitResult = -1;
     std::vector<uint32_t> loopCounts{}, vblanks{}; // seen by each frame
     int termCalls = 0;
     bool mainWindowAtTerm = false;
@@ -38,11 +39,17 @@ uint32_t ZK_CALL Frame() {
     g_loop.loopCounts.push_back(zkGetLoopCount());
     g_loop.vblanks.push_back(zkGetVblankCount());
     uint32_t frame = static_cast<uint32_t>(g_loop.loopCounts.size());
-    if (frame == g_loop.quitAtFrame) zkPostQuitMessage(0);
-    if (frame == g_loop.closeAtFrame) {
-        EXPECT_EQ(zkPostWindowMessage(zkGetMainWindow(), ZK_WM_CLOSE, 0, 0), 0);
+    if (frame == g_loop.quitAt) zkPostQuitMessage(0);
+    if (frame == g_loop.closeAt) zkPostWindowMessage(zkGetMainWindow(), ZK_WM_CLOSE, 0, 0);
+    if (frame == g_loop.resetAt) zkResetLoopCount();
+    if (frame == g_loop.waitAt) {
+        // Line up with a fresh period first, so that the next wait has to
+        // block; the posted message then cuts it short.
+        for (int i = 0; i < 100 && zkWaitForPeriodStart() == 0; ++i)
+            continue;
+        zkPostWindowMessage(zkGetMainWindow(), 0x0400, 0, 0);
+        g_loop.waitResult = zkWaitForPeriodStart();
     }
-    if (frame == g_loop.resetAtFrame) zkResetLoopCount();
     // A safety net so that a loop that fails to end cannot hang the suite.
     return frame >= g_loop.endAfter || frame >= 200 ? ZK_FRAME_END : 0;
 }
@@ -65,10 +72,11 @@ TEST(FrameLoop, LoopCountsEndingRulesAndProcessEnd) {
         {"frame-end marker runs exactly one frame", {.endAfter = 1}, 0, {1}, true},
         {"failed init: no frame, no term", {.init = kFail}, -1, {}, false},
         {"started, then failed init", {.init = kStartThenFail}, -1, {}, false},
-        {"WM_QUIT ends after its frame", {.endAfter = 50, .quitAtFrame = 2}, 0, {1, 2}, true},
-        {"WM_CLOSE ends the loop", {.endAfter = 50, .closeAtFrame = 1}, 0, {1}, true},
-        {"reset: next sees 1", {.endAfter = 5, .resetAtFrame = 3}, 0, {1, 2, 3, 1, 2}, true},
+        {"WM_QUIT ends after its frame", {.endAfter = 50, .quitAt = 2}, 0, {1, 2}, true},
+        {"WM_CLOSE ends the loop", {.endAfter = 50, .closeAt = 1}, 0, {1}, true},
+        {"reset: next sees 1", {.endAfter = 5, .resetAt = 3}, 0, {1, 2, 3, 1, 2}, true},
         {"no initialisation: no window, no pacing", {.init = kNoStart}, 0, {1, 2, 3}, false},
+        {"a message cuts a period wait short", {.endAfter = 2, .waitAt = 1}, 0, {1, 2}, true},
     };
     for (const Case& c : cases) {
         g_loop = c.setup;
@@ -76,6 +84,7 @@ TEST(FrameLoop, LoopCountsEndingRulesAndProcessEnd) {
         EXPECT_EQ(g_loop.loopCounts, c.counts) << c.what;
         EXPECT_EQ(g_loop.termCalls, c.result == 0 ? 1 : 0) << c.what;
         EXPECT_EQ(g_loop.mainWindowAtTerm, c.paced) << c.what;
+        EXPECT_EQ(g_loop.waitResult, c.setup.waitAt ? 0 : -1) << c.what;
         for (size_t i = 1; c.paced && i < g_loop.vblanks.size(); ++i)
             EXPECT_GT(g_loop.vblanks[i], g_loop.vblanks[i - 1]) << c.what << ": a tick per frame";
         // Process end ran whatever happened: no window, and the timer stopped.
@@ -83,26 +92,6 @@ TEST(FrameLoop, LoopCountsEndingRulesAndProcessEnd) {
         zkSleep(20);
         EXPECT_EQ(zkGetVblankCount(), 0u) << c.what;
     }
-}
-
-TEST(FrameLoop, PeriodWaitInsideAFrameReturnsZeroForAMessage) {
-    static int32_t waitResult = -1;
-    struct Local {
-        static uint32_t ZK_CALL Frame() {
-            if (zkGetLoopCount() > 1) return ZK_FRAME_END;
-            // Line up with a fresh period first, so that the next wait has to
-            // block; the posted message then cuts it short.
-            int32_t lineUp = 0;
-            for (int i = 0; i < 100 && lineUp == 0; ++i)
-                lineUp = zkWaitForPeriodStart();
-            EXPECT_EQ(zkPostWindowMessage(zkGetMainWindow(), 0x0400, 0, 0), 0);
-            waitResult = zkWaitForPeriodStart();
-            return 0;
-        }
-    };
-    g_loop = {};
-    ASSERT_EQ(zkMain(Init, Local::Frame, Term, 0), 0);
-    EXPECT_EQ(waitResult, 0);
 }
 
 // ---- levels of lifetime -------------------------------------------------------------

@@ -1,7 +1,7 @@
 // The library's interface, pinned: every function the public headers declare
 // is listed here and its address taken, so an export that is declared but
 // missing from the library fails this program's link, and one that resolves
-// to nothing fails the test. Grouped by header.
+// to nothing fails the test. The names follow the order of the headers.
 #include <zk.h>
 
 #include <gtest/gtest.h>
@@ -20,65 +20,45 @@ struct Export {
 // clang-format off
 #define X(fn) {#fn, reinterpret_cast<void (*)()>(&fn)},
 const Export kExports[] = {
-    // zk/lifecycle.h
     X(zkBeginProcess) X(zkEndProcess) X(zkInitialize) X(zkInitializeEx) X(zkTerminate) X(zkMain)
     X(zkGetLoopCount) X(zkResetLoopCount) X(zkGetApplicationInstance) X(zkGetTickCount) X(zkSleep)
     X(zkExecute) X(zkEnableInterrupt) X(zkDisableInterrupt) X(zkInitializeDevice) X(zkTrace2)
     X(zkTerminateDevice) X(zkSkipLoadModule) X(zkReleaseOverlay) X(zkSetDisplayFrequency)
-    // zk/vblank.h
     X(zkWaitVblank) X(zkWaitVblankEx) X(zkGetVblankCount) X(zkGetDisplayFrequency)
     X(zkSetPeriodInterval) X(zkWaitForPeriodStart) X(zkAddVblankHandler) X(zkRemoveVblankHandler)
-    // zk/window.h
     X(zkSetTitle) X(zkCreateMainWindow) X(zkGetMainWindow) X(zkReleaseWindow)
     X(zkGetWindowNativeHandle) X(zkSetWindowVisibility) X(zkIsWindowVisible) X(zkAddWindowHook)
-    X(zkCheckMultipleInstances) X(zkPostWindowMessage) X(zkPostQuitMessage)
-    // zk/args.h
-    X(zkGetAppArgCount) X(zkGetAppArg) X(zkSetModuleDir) X(zkGetModuleDir) X(zkGetModulePath)
-    X(zkLoadModuleEx) X(zkLoadModule) X(zkUnloadModule) X(zkLoadDefaultModule)
-    // zk/trace.h
-    X(zkTrace) X(zkSetTraceProc) X(zkAssertFailed) X(zkDumpMemory) X(zkRegisterLibrary)
-    X(zkOutputLibraryVersion)
-    // zk/callbacks.h
-    X(zkAddIdleHandler) X(zkRemoveIdleHandler) X(zkAddEventCallback)
-    // zk/profiler.h
-    X(zkGetPerformanceCounter) X(zkGetPerformanceFrequency) X(zkResetPerformanceCounter)
-    X(zkInitializeProfiler) X(zkSetProfileSwitch) X(zkSetProfileInterval) X(zkBeginProfile)
-    X(zkEndProfile) X(zkSetProfileName) X(zkInitializeSystemProfiler) X(zkSetSystemProfileSwitch)
+    X(zkCheckMultipleInstances) X(zkPostWindowMessage) X(zkPostQuitMessage) X(zkGetAppArgCount)
+    X(zkGetAppArg) X(zkSetModuleDir) X(zkGetModuleDir) X(zkGetModulePath) X(zkLoadModuleEx)
+    X(zkLoadModule) X(zkUnloadModule) X(zkLoadDefaultModule) X(zkTrace) X(zkSetTraceProc)
+    X(zkAssertFailed) X(zkDumpMemory) X(zkRegisterLibrary) X(zkOutputLibraryVersion)
+    X(zkAddIdleHandler) X(zkRemoveIdleHandler) X(zkAddEventCallback) X(zkGetPerformanceCounter)
+    X(zkGetPerformanceFrequency) X(zkResetPerformanceCounter) X(zkInitializeProfiler)
+    X(zkSetProfileSwitch) X(zkSetProfileInterval) X(zkBeginProfile) X(zkEndProfile)
+    X(zkSetProfileName) X(zkInitializeSystemProfiler) X(zkSetSystemProfileSwitch)
     X(zkSetSystemProfileInterval) X(zkBeginSystemProfile) X(zkEndSystemProfile)
-    X(zkSetSystemProfileName) X(zkUpdateAllProfilers)
-    // zk/timeutil.h
-    X(zkGetTime) X(zkGetTimeSec) X(zkGetStringLength) X(zkCompareString)
-    // zk/memory.h
-    X(zkMalloc) X(zkMallocEx) X(zkAllocateSystemMemory) X(zkFree) X(zkFreeSystemMemory)
-    X(zkAllocMemoryBlock) X(zkFreeMemoryBlock) X(zkLockMemory) X(zkUnlockMemory)
-    X(zkGetMemoryBlockSize) X(zkGetSystemMemoryPool) X(zkSetAllocMode) X(zkSetAllocHook)
-    X(zkSetFreeHook) X(zkSetBreakAlloc) X(zkSetMemoryCheckpoint) X(zkFillMemory) X(zkZeroMemory)
-    X(zkCopyMemory) X(zkCopyString)
-    // zk/pool.h
-    X(zkCreateMemoryPool) X(zkReleaseMemoryPool) X(zkAllocMemoryPoolBlock)
-    X(zkAllocMemoryPoolBlockEx) X(zkFreeMemoryPoolBlock) X(zkFindMemoryPoolBlock)
-    X(zkLockMemoryPoolBlock) X(zkUnlockMemoryPoolBlock) X(zkGetMemoryPoolBlockSize)
-    X(zkSetMemoryPoolAllocMode) X(zkSetMemoryPoolCheckpoint) X(zkSetBreakPoolAlloc)
-    // zk/memdiag.h
-    X(zkGetMemoryInfo) X(zkGetMemoryPoolInfo) X(zkQueryMemoryInfo) X(zkQueryMemoryPoolInfo)
-    X(zkEnumerateMemoryBlocks) X(zkEnumerateMemoryPoolBlocks) X(zkEnumerateMemoryGaps)
-    X(zkEnumerateMemoryPoolGaps) X(zkEnumerateMemoryUsed) X(zkEnumerateMemoryPoolUsed)
-    X(zkEnumerateMemoryPoolCategory) X(zkDumpAllMemoryBlocks) X(zkDumpAllMemoryPoolBlocks)
-    X(zkDumpAllMemoryGaps) X(zkDumpAllMemoryPoolGaps) X(zkShowMemoryStatus)
-    // zk/thread.h
-    X(zkCreateThread) X(zkStartThread) X(zkWaitForThread) X(zkIsThreadRunning) X(zkReleaseThread)
-    // zk/semaphore.h
-    X(zkCreateSemaphore) X(zkReleaseSemaphore) X(zkWaitSemaphore) X(zkPollSemaphore)
-    X(zkSignalSemaphore)
-    // zk/ringbuffer.h
-    X(zkCreateRingBuffer) X(zkReleaseRingBuffer) X(zkGetRingBufferDataSize)
-    X(zkGetRingBufferAddress) X(zkLockRingBufferForRead) X(zkUnlockRingBufferForRead)
-    X(zkLockRingBufferForWrite) X(zkUnlockRingBufferForWrite)
-    // zk/request.h
+    X(zkSetSystemProfileName) X(zkUpdateAllProfilers) X(zkGetTime) X(zkGetTimeSec)
+    X(zkGetStringLength) X(zkCompareString) X(zkMalloc) X(zkMallocEx) X(zkAllocateSystemMemory)
+    X(zkFree) X(zkFreeSystemMemory) X(zkAllocMemoryBlock) X(zkFreeMemoryBlock) X(zkLockMemory)
+    X(zkUnlockMemory) X(zkGetMemoryBlockSize) X(zkGetSystemMemoryPool) X(zkSetAllocMode)
+    X(zkSetAllocHook) X(zkSetFreeHook) X(zkSetBreakAlloc) X(zkSetMemoryCheckpoint) X(zkFillMemory)
+    X(zkZeroMemory) X(zkCopyMemory) X(zkCopyString) X(zkCreateMemoryPool) X(zkReleaseMemoryPool)
+    X(zkAllocMemoryPoolBlock) X(zkAllocMemoryPoolBlockEx) X(zkFreeMemoryPoolBlock)
+    X(zkFindMemoryPoolBlock) X(zkLockMemoryPoolBlock) X(zkUnlockMemoryPoolBlock)
+    X(zkGetMemoryPoolBlockSize) X(zkSetMemoryPoolAllocMode) X(zkSetMemoryPoolCheckpoint)
+    X(zkSetBreakPoolAlloc) X(zkGetMemoryInfo) X(zkGetMemoryPoolInfo) X(zkQueryMemoryInfo)
+    X(zkQueryMemoryPoolInfo) X(zkEnumerateMemoryBlocks) X(zkEnumerateMemoryPoolBlocks)
+    X(zkEnumerateMemoryGaps) X(zkEnumerateMemoryPoolGaps) X(zkEnumerateMemoryUsed)
+    X(zkEnumerateMemoryPoolUsed) X(zkEnumerateMemoryPoolCategory) X(zkDumpAllMemoryBlocks)
+    X(zkDumpAllMemoryPoolBlocks) X(zkDumpAllMemoryGaps) X(zkDumpAllMemoryPoolGaps)
+    X(zkShowMemoryStatus) X(zkCreateThread) X(zkStartThread) X(zkWaitForThread) X(zkIsThreadRunning)
+    X(zkReleaseThread) X(zkCreateSemaphore) X(zkReleaseSemaphore) X(zkWaitSemaphore)
+    X(zkPollSemaphore) X(zkSignalSemaphore) X(zkCreateRingBuffer) X(zkReleaseRingBuffer)
+    X(zkGetRingBufferDataSize) X(zkGetRingBufferAddress) X(zkLockRingBufferForRead)
+    X(zkUnlockRingBufferForRead) X(zkLockRingBufferForWrite) X(zkUnlockRingBufferForWrite)
     X(zkInitializeRequest) X(zkCreateRequest) X(zkReleaseRequest) X(zkIsRequestCompleted)
-    X(zkWaitForRequestCompletion) X(zkUpdateAllRequests)
-    // zk/overlay.h
-    X(zkLoadOverlayForDebug) X(zkLoadOverlayForRelease) X(zkLoadOverlayFromMemoryForDebug)
+    X(zkWaitForRequestCompletion) X(zkUpdateAllRequests) X(zkLoadOverlayForDebug)
+    X(zkLoadOverlayForRelease) X(zkLoadOverlayFromMemoryForDebug)
     X(zkLoadOverlayFromMemoryForRelease) X(zkBeginLoadOverlay) X(zkEndLoadOverlayForDebug)
     X(zkEndLoadOverlayForRelease)
 };

@@ -5,7 +5,6 @@
 
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -18,14 +17,9 @@ using Strings = std::vector<std::string>;
 Strings RunSplit(const Strings& args) {
     if (zktest::RunChildProgram("args_child", args) != 0) return {"child failed"};
     std::ifstream in(zktest::ChildProgramPath("args_child") + ".args", std::ios::binary);
-    std::string all{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    Strings fields(1);
-    for (char c : all) {
-        if (c == '\0')
-            fields.emplace_back();
-        else
-            fields.back().push_back(c);
-    }
+    Strings fields;
+    for (std::string field; std::getline(in, field, '\0');)
+        fields.push_back(field);
     return fields;
 }
 

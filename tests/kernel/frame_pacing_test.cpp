@@ -82,13 +82,6 @@ TEST_F(LibraryTest, PeriodIntervalOtherThanOneSwitchesPacingOff) {
     }
 }
 
-TEST(Vblank, WaitsWithTheTimerStoppedReturnAtOnce) {
-    ASSERT_EQ(zkBeginProcess(0), 0);
-    EXPECT_EQ(zkWaitVblank() + zkWaitVblankEx(2) + zkWaitForPeriodStart(), 3);
-    EXPECT_EQ(zkGetVblankCount(), 0u);
-    EXPECT_EQ(zkEndProcess(), 0);
-}
-
 // ---- vblank handlers ----------------------------------------------------------------
 
 std::atomic<uint32_t> g_handlerCalls{0};

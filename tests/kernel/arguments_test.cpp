@@ -5,8 +5,6 @@
 
 #include <cstring>
 #include <fstream>
-#include <string>
-#include <vector>
 
 namespace {
 

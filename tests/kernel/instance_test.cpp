@@ -3,8 +3,6 @@
 #include "support/library_test.h"
 #include "support/process.h"
 
-#include <string>
-
 namespace {
 
 int RunInstance(const std::string& name, const char* which) {

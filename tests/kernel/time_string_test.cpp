@@ -4,8 +4,6 @@
 
 #include <cstring>
 #include <ctime>
-#include <string>
-#include <vector>
 
 namespace {
 

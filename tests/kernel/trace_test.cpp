@@ -2,8 +2,6 @@
 #include "support/library_test.h"
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -6,10 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <cstring>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -1,9 +1,6 @@
 // The main window: visibility, references, the close request, the hook chain.
 #include "support/library_test.h"
 
-#include <string>
-#include <vector>
-
 namespace {
 
 using zktest::LibraryTest;

@@ -29,15 +29,15 @@ TEST(CommandLine, SplitsQuotesTabsAndEmptyArgumentsAndStoresThirtyTwo) {
     Strings firstThirtyTwo = {"41", path};
     firstThirtyTwo.insert(firstThirtyTwo.end(), many.begin(), many.begin() + 31);
     firstThirtyTwo.push_back("null");
-    struct Case {
-        Strings given, split;
-    } cases[] = {
+    // clang-format off
+    struct Case { Strings given, split; } cases[] = {
         {{"a b", "c"}, {"3", path, "a b", "c", "null"}},     // a quoted space stays
         {{"\"ab\"cd", "e"}, {"3", path, "ab", "e", "null"}}, // text after a closing quote is lost
         {{"x\"y\"z", "p\tq"}, {"3", path, "x\"y\"z", "p\tq", "null"}}, // inner quotes and tabs stay
         {{"", "z"}, {"3", path, "", "z", "null"}}, // an empty quoted argument counts
         {many, firstThirtyTwo},                    // more than 32 are counted, not stored
     };
+    // clang-format on
     for (const Case& c : cases)
         EXPECT_EQ(RunSplit(c.given), c.split);
 }
@@ -60,10 +60,8 @@ protected:
 };
 
 TEST_F(ModulePath, ComposesRelativeRootedDeviceAndEmptyNames) {
-    struct Case {
-        const char *dir, *name, *path;
-        uint32_t result;
-    } cases[] = {
+    // clang-format off
+    struct Case { const char *dir, *name, *path; uint32_t result; } cases[] = {
         {"/", "a.bin", "/a.bin", 7},
         {"/", "", "", 1},
         {"/", "./", "", 1},
@@ -77,6 +75,7 @@ TEST_F(ModulePath, ComposesRelativeRootedDeviceAndEmptyNames) {
         {"host0:/data", "", "host0:/data", 12},
         {"dir\\\\", "m", "dir\\/m", 7}, // the separator written is always a slash
     };
+    // clang-format on
     for (const Case& c : cases) {
         zkSetModuleDir(c.dir);
         char out[300];

@@ -66,13 +66,11 @@ TEST(FrameLoop, LoopCountsEndingRulesAndProcessEnd) {
     ASSERT_TRUE(g_recorderAdded);
     constexpr zkAddr kFrame = ZK_LOOP_END_FRAME, kQuit = ZK_LOOP_END_QUIT,
                      kClose = ZK_LOOP_END_CLOSE, kNone = 0xFFFF;
-    struct Case {
-        const char* what;
-        LoopRecord setup;
-        zkAddr end;                   // the reason reported; kNone when no loop ran
-        std::vector<uint32_t> counts; // loop count seen by each frame
-        bool paced;                   // a main window and a running timer
-    } cases[] = {
+    // end: the reason reported, kNone when no loop ran; counts: the loop count
+    // each frame saw; paced: a main window and a running timer.
+    // clang-format off
+    struct Case { const char* what; LoopRecord setup; zkAddr end; std::vector<uint32_t> counts;
+                  bool paced; } cases[] = {
         {"count raised before each frame", {}, kFrame, {1, 2, 3}, true},
         {"frame-end marker runs exactly one frame", {.endAfter = 1}, kFrame, {1}, true},
         {"failed init: no frame, no term", {.init = kFail}, kNone, {}, false},
@@ -83,6 +81,7 @@ TEST(FrameLoop, LoopCountsEndingRulesAndProcessEnd) {
         {"no initialisation: no window, no pacing", {.init = kNoStart}, kFrame, {1, 2, 3}, false},
         {"a message cuts a period wait short", {.endAfter = 2, .waitAt = 1}, kFrame, {1, 2}, true},
     };
+    // clang-format on
     for (const Case& c : cases) {
         g_loop = c.setup;
         g_endReasons.clear();
@@ -127,8 +126,11 @@ TEST(Lifecycle, BannerFirstSecondStartRefusedRestartCountsAnew) {
     EXPECT_EQ(zkTerminate() + zkTerminate(), 0);
     EXPECT_EQ(zkGetVblankCount(), 0u);
     EXPECT_EQ(zkGetMainWindow(), nullptr);
-    // After a restart in the same process level the first period wait returns
-    // at once instead of waiting for the old count to come round again.
+    // A restart in the same process level registers the class under the new
+    // name (an overlong one is cut), and its first period wait returns at once
+    // instead of waiting for the old count to come round again.
+    const std::string longName(400, 'n');
+    EXPECT_EQ(zkSetTitle(longName.c_str(), longName.c_str()), 0);
     ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
     EXPECT_NE(zkGetMainWindow(), nullptr);
     EXPECT_EQ(zkWaitForPeriodStart(), 1);

@@ -27,30 +27,22 @@ TEST(Time, LocalTimeAndSecondsMatchTheRuntimeWithinTwelveBytes) {
 
 TEST(Strings, LengthAndCompareWalkUntilTheFirstStringEndsOnSignedBytes) {
     EXPECT_EQ(zkGetStringLength("") + zkGetStringLength("\x82\xa0z"), 3u);
-    struct Case {
-        const char *first, *second;
-        int32_t result;
-    } cases[] = {{"abc", "abc", 0},
-                 {"abc", "abd", -1},
-                 {"abc", "ab", 99},
-                 {"ab", "abc", 0},
-                 {"", "x", 0},
-                 {"ABC", "abc", 'A' - 'a'},
-                 {"x\xE0y", "xay", -32 - 97},
-                 {"xay", "x\xE0y", 97 + 32}};
+    // clang-format off
+    struct Case { const char *first, *second; int32_t result; } cases[] = {
+        {"abc", "abc", 0}, {"abc", "abd", -1}, {"abc", "ab", 99}, {"ab", "abc", 0}, {"", "x", 0},
+        {"ABC", "abc", 'A' - 'a'}, {"x\xE0y", "xay", -32 - 97}, {"xay", "x\xE0y", 97 + 32}};
+    // clang-format on
     for (const Case& c : cases)
         EXPECT_EQ(zkCompareString(c.first, c.second), c.result) << c.first << " vs " << c.second;
 }
 
 TEST(Strings, CopyStaysWithinLimitPlusOneBytes) {
-    struct Case {
-        uint32_t start;
-        const char* src;
-        uint32_t result;
-        const char* text; // the 16-byte destination afterwards; limit is 7
-    } cases[] = {{2, "abc", 5, "##abc\0##########"},
-                 {3, "defghij", 7, "###defg\0########"},
-                 {9, "xyz", 7, "#######\0########"}}; // a start past the limit only terminates
+    // text: the 16-byte destination afterwards; the limit is 7.
+    // clang-format off
+    struct Case { uint32_t start; const char* src; uint32_t result; const char* text; } cases[] = {
+        {2, "abc", 5, "##abc\0##########"}, {3, "defghij", 7, "###defg\0########"},
+        {9, "xyz", 7, "#######\0########"}}; // a start past the limit only terminates
+    // clang-format on
     for (const Case& c : cases) {
         char text[16];
         std::memset(text, '#', sizeof(text));

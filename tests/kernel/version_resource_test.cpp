@@ -60,13 +60,12 @@ TEST(VersionResource, ReadsBothVersionsAfterKeysOfEveryLength) {
 }
 
 TEST(VersionResource, CutOrLyingBlocksAreRefusedWithZeroVersions) {
-    struct Case {
-        const char* what;
-        int size; // bytes handed over, cut from the block; -1 keeps them all
-        int at;   // a byte overwritten with value, or -1
-        unsigned char value;
-        std::string key = "VS_VERSION_INFO";
-    };
+    // size: bytes handed over, cut from the block, -1 for all of them; at: a
+    // byte overwritten with value, or -1.
+    // clang-format off
+    struct Case { const char* what; int size, at; unsigned char value;
+                  std::string key = "VS_VERSION_INFO"; };
+    // clang-format on
     std::vector<Case> cases = {
         {"declared length inside the fixed information", -1, 0, 50},
         {"declared length shorter than the header", -1, 0, 3},

@@ -33,17 +33,6 @@ TEST_F(LibraryTest, MainWindowIsHiddenUntilShownAndLivesUntilItsLastRelease) {
     EXPECT_EQ(zkPostWindowMessage(nullptr, kProbeMessage, 0, 0), ZK_ERR_INVALID_HANDLE);
 }
 
-TEST(MainWindow, TitleAfterBeginNamesTheWindowClassAndOverlongNamesAreCut) {
-    std::string longName(400, 'n');
-    for (const char* name : {"ZkWindowTestClass", longName.c_str()}) {
-        ASSERT_EQ(zkBeginProcess(0), 0);
-        EXPECT_EQ(zkSetTitle(name, name), 0);
-        ASSERT_EQ(zkInitializeEx(zktest::kArenaSize, 1024), 0);
-        EXPECT_NE(zkGetMainWindow(), nullptr) << "a window of the class named " << name;
-        EXPECT_EQ(zkEndProcess(), 0);
-    }
-}
-
 // ---- hooks ------------------------------------------------------------------------------
 // Hooks cannot be removed; the hooks here act only while the test switches
 // them on, so that later windows pass through them untouched.
@@ -79,17 +68,15 @@ TEST(WindowHooks, ChainRunsInOrderStopsAtTheFirstHandlerAndHoldsSixteen) {
     EXPECT_EQ(zkAddWindowHook(nullptr, 0), ZK_ERR_INVALID_ARGUMENT);
     for (zkAddr user : {1, 2, 3})
         ASSERT_EQ(zkAddWindowHook(Hook, user), 0);
-    struct Case {
-        HookRun run;
-        std::vector<zkAddr> calls;
-        uint32_t frames;
-    } cases[] = {
+    // clang-format off
+    struct Case { HookRun run; std::vector<zkAddr> calls; uint32_t frames; } cases[] = {
         {{kProbeMessage, 0}, {1, 2, 3}, 4}, // nobody handles it: all, in order of addition
         {{kProbeMessage, 2}, {1, 2}, 4},    // the second handles it: the third is not called
         {{kProbeMessage, 1}, {1}, 4},
         {{ZK_WM_CLOSE, 3}, {1, 2, 3}, 4}, // a handled close keeps the loop and the window
         {{ZK_WM_CLOSE, 0}, {1, 2, 3}, 1}, // unhandled, it ends the loop after the first frame
     };
+    // clang-format on
     for (const Case& c : cases) {
         g_run = c.run;
         g_hooksActive = true;

@@ -62,12 +62,9 @@ protected:
 TEST_F(ModulePath, ComposesRelativeRootedDeviceAndEmptyNames) {
     // clang-format off
     struct Case { const char *dir, *name, *path; uint32_t result; } cases[] = {
-        {"/", "a.bin", "/a.bin", 7},
-        {"/", "", "", 1},
-        {"/", "./", "", 1},
-        {"host0:/data", "a.bin", "host0:/data/a.bin", 18},
+        {"/", "a.bin", "/a.bin", 7}, {"/", "", "", 1}, {"/", "./", "", 1},
+        {"host0:/data", "a.bin", "host0:/data/a.bin", 18}, {"hd:", ".\\a.bin", "hd:/a.bin", 10},
         {"host0:/data/", "./a.bin", "host0:/data/a.bin", 18}, // one trailing separator goes
-        {"host0:/data", ".\\a.bin", "host0:/data/a.bin", 18},
         {"host0:/data", "\\a.bin", "host0:/data/\\a.bin", 19}, // a backslash start is relative
         {"host0:/data", "hdd0:/a.bin", "hdd0:/a.bin", 12},
         {"host0:/data", "/a.bin", "/a.bin", 7},

@@ -5,9 +5,6 @@
 
 namespace {
 
-using zktest::StartLibrary;
-using zktest::StopLibrary;
-
 // The idle handler's record.
 std::vector<std::pair<zkAddr, uint32_t>> g_idle; // user value and loop count per call
 void ZK_CALL RecordIdle(zkAddr user) {
@@ -33,7 +30,7 @@ TEST(IdleHandlers, TableHoldsThirtyTwoAndTheLoopCallsThemOncePerWait) {
     zkRemoveIdleHandler(nullptr);
     // Frames far shorter than a tick: the loop waits before most frames, and
     // the handler runs at most once before each.
-    ASSERT_EQ(zkMain(StartLibrary, FiveFrames, StopLibrary, 0), 0);
+    ASSERT_EQ(zkMain(zktest::StartLibrary, FiveFrames, zktest::StopLibrary, 0), 0);
     ASSERT_GE(g_idle.size(), 1u);
     EXPECT_LE(g_idle.size(), 5u);
     for (size_t i = 0; i < g_idle.size(); ++i) {
@@ -42,7 +39,7 @@ TEST(IdleHandlers, TableHoldsThirtyTwoAndTheLoopCallsThemOncePerWait) {
     }
     zkRemoveIdleHandler(slots[5]);
     g_idle.clear();
-    ASSERT_EQ(zkMain(StartLibrary, FiveFrames, StopLibrary, 0), 0);
+    ASSERT_EQ(zkMain(zktest::StartLibrary, FiveFrames, zktest::StopLibrary, 0), 0);
     EXPECT_TRUE(g_idle.empty()) << "a removed handler is not called";
 }
 

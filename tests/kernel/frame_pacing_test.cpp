@@ -17,7 +17,8 @@ TEST(PeriodWait, EndsAtTheFirstCountPastThePeriodOrAtAMessage) {
     // with message set the first tick wait is woken by a message instead.
     // clang-format off
     struct Case { const char* what; std::vector<uint32_t> counts; uint32_t lastStart, length;
-                  int32_t result; uint32_t endStart; size_t waits; bool message = false; } cases[] = {
+                  int32_t result; uint32_t endStart; size_t waits; bool message = false; };
+    const Case cases[] = {
         {"one tick after the start", {10, 10, 11}, 10, 1, 1, 11, 2},
         {"overrun: next starts at once, no catching up", {14}, 10, 1, 1, 14, 0},
         {"count below the start (timer restarted)", {3}, 500, 1, 1, 3, 0},

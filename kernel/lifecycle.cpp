@@ -137,10 +137,7 @@ int32_t Terminate() {
 int32_t EndProcess() {
     KernelContext& k = Kernel();
     Terminate();
-    if (k.application.instanceMutex) {
-        os::CloseHandle(k.application.instanceMutex);
-        k.application.instanceMutex = nullptr;
-    }
+    CloseInstanceMutexes();
     if (k.begun) {
         if (k.windowClass) k.windowClass->Unregister();
         k.windowClass = nullptr;

@@ -31,11 +31,14 @@ extern "C" ZK_API uint32_t ZK_CALL zkGetStringLength(const char* text) {
 
 extern "C" ZK_API int32_t ZK_CALL zkCompareString(const char* first, const char* second) {
     if (!first || !second) return 0;
-    // Bytes compare as signed 8-bit values: 0x80 to 0xFF order before ASCII.
+    // The walk ends when the first string ends, so a first string that is a
+    // prefix of the second compares equal ("ab" against "abc" is 0, while
+    // "abc" against "ab" is 'c'). Bytes compare as signed 8-bit values: 0x80
+    // to 0xFF order before ASCII.
     for (uint32_t i = 0;; ++i) {
         signed char a = static_cast<signed char>(first[i]);
         signed char b = static_cast<signed char>(second[i]);
-        if (a != b) return static_cast<int32_t>(a) - static_cast<int32_t>(b);
         if (a == '\0') return 0;
+        if (a != b) return static_cast<int32_t>(a) - static_cast<int32_t>(b);
     }
 }

@@ -159,6 +159,12 @@ Window* CreateMainWindow() {
 
 namespace {
 
+// Every instance mutex a check took, whatever name it was taken under: each
+// stays held until process end, so a later check under another name (or one
+// that finds another instance) never frees a name this process holds.
+os::Handle g_instanceMutexes[kMaxInstanceMutexes];
+uint32_t g_instanceMutexCount = 0;
+
 uint32_t CheckMultipleInstances(uint32_t flags) {
     ApplicationInfo& app = Kernel().application;
     static constexpr char kGlobalPrefix[] = "Global\\";
@@ -177,6 +183,12 @@ uint32_t CheckMultipleInstances(uint32_t flags) {
 
     bool alreadyExisted = false;
     os::Handle mutex = os::NamedMutexCreate(name, &alreadyExisted);
+    // With every slot taken the new mutex cannot be kept: it counts as a
+    // mutex that could not be created.
+    if (mutex && !alreadyExisted && g_instanceMutexCount == kMaxInstanceMutexes) {
+        os::CloseHandle(mutex);
+        mutex = nullptr;
+    }
     if (mutex && alreadyExisted) {
         os::CloseHandle(mutex);
         mutex = nullptr;
@@ -192,16 +204,21 @@ uint32_t CheckMultipleInstances(uint32_t flags) {
             }
         }
     }
-    // A failed or refused check keeps the mutex an earlier check took, so that
-    // process end still closes it; a new mutex replaces (and closes) an older one.
-    if (mutex) {
-        if (app.instanceMutex) os::CloseHandle(app.instanceMutex);
-        app.instanceMutex = mutex;
-    }
+    if (mutex) g_instanceMutexes[g_instanceMutexCount++] = mutex;
+    app.instanceMutex = mutex;
     return mutex ? 0u : 1u;
 }
 
 } // namespace
+
+void CloseInstanceMutexes() {
+    for (uint32_t i = 0; i < g_instanceMutexCount; ++i) {
+        os::CloseHandle(g_instanceMutexes[i]);
+        g_instanceMutexes[i] = nullptr;
+    }
+    g_instanceMutexCount = 0;
+    Kernel().application.instanceMutex = nullptr;
+}
 
 } // namespace zk
 

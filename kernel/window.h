@@ -78,6 +78,13 @@ WindowClass& TheWindowClass();
 // none. Null when no window is free or the native window cannot be made.
 Window* CreateMainWindow();
 
+// Instance mutexes one process can hold at once (one per application name
+// checked); a check past that many answers 1, as when no mutex can be made.
+constexpr uint32_t kMaxInstanceMutexes = 8;
+
+// Closes every mutex the single-instance checks took; process end calls it.
+void CloseInstanceMutexes();
+
 // Whether the window's close was requested (WM_CLOSE reached the library).
 inline bool CloseRequested(const Window* window) {
     return window && window->closeRequested != 0;

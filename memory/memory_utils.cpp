@@ -33,7 +33,9 @@ extern "C" ZK_API void ZK_CALL zkCopyMemory(void* dest, const void* src, uint32_
 
 extern "C" ZK_API uint32_t ZK_CALL zkCopyString(char* dest, uint32_t limit, uint32_t start,
                                                 const char* src) {
-    uint32_t index = start;
+    // dest holds limit + 1 bytes: a start past the limit copies nothing and
+    // terminates at the limit.
+    uint32_t index = start < limit ? start : limit;
     if (src) {
         while (index < limit && *src)
             dest[index++] = *src++;

@@ -3,47 +3,37 @@
 #include "support/library_test.h"
 #include "support/process.h"
 
-#include <string>
-
 namespace {
 
-constexpr uint32_t kArena = zktest::kArenaSize;
-
-// A name no other run of the suite (another build leg running at the same
-// time) uses.
-std::string UniqueApplicationName() {
-    char name[64];
-    std::snprintf(name, sizeof(name), "ZkInstanceTest-%u-%d", zkGetTickCount(), zkGetTimeSec());
-    return name;
+int RunInstance(const std::string& name, const char* which) {
+    return zktest::RunChildProgram("instance_child", {name, which});
 }
 
-TEST(InstanceCheck, FirstProcessGetsZeroSecondGetsOneAndLosesItsWindow) {
-    const std::string name = UniqueApplicationName();
+TEST(InstanceCheck, EveryNameTakenStaysTakenUntilProcessEnd) {
+    // A name no other run of the suite (another build leg at the same time) uses.
+    const std::string name = "ZkInstanceTest-" + std::to_string(zkGetTickCount()) + "-" +
+                             std::to_string(zkGetTimeSec()),
+                      other = name + "-other";
     ASSERT_EQ(zkBeginProcess(0), 0);
     zkSetTitle(name.c_str(), name.c_str());
-    ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
-    ASSERT_NE(zkGetMainWindow(), nullptr);
-
+    ASSERT_EQ(zkInitializeEx(zktest::kArenaSize, 1024), 0);
     EXPECT_EQ(zkCheckMultipleInstances(ZK_INSTANCE_GLOBAL | ZK_INSTANCE_ACTIVATE), 0u);
     EXPECT_NE(zkGetMainWindow(), nullptr) << "the first instance keeps its window";
-    EXPECT_EQ(zktest::RunChildProgram("instance_child", {name, "second"}), 0);
-
-    // A second check in the same process finds the mutex of the first.
-    EXPECT_EQ(zkCheckMultipleInstances(ZK_INSTANCE_GLOBAL), 1u);
-    EXPECT_EQ(zkGetMainWindow(), nullptr);
-    EXPECT_EQ(zkTerminate(), 0);
-    EXPECT_EQ(zkEndProcess(), 0);
-
-    // Process end closed the mutex: the name is free again.
-    EXPECT_EQ(zktest::RunChildProgram("instance_child", {name, "first"}), 0);
-}
-
-TEST(InstanceCheck, NamesWithoutTheGlobalPrefixAreCheckedToo) {
-    const std::string name = UniqueApplicationName() + "-local";
-    ASSERT_EQ(zkBeginProcess(0), 0);
-    zkSetTitle(name.c_str(), nullptr);
-    EXPECT_EQ(zkCheckMultipleInstances(0), 0u);
+    // A check under another name takes that name too and keeps the first.
+    zkSetTitle(other.c_str(), nullptr);
+    EXPECT_EQ(zkCheckMultipleInstances(ZK_INSTANCE_ACTIVATE), 0u);
+    EXPECT_EQ(RunInstance(name, "second"), 0);
+    // A second check in the same process finds its own mutex.
     EXPECT_EQ(zkCheckMultipleInstances(0), 1u);
+    EXPECT_EQ(zkGetMainWindow(), nullptr);
+    EXPECT_EQ(RunInstance(name, "second"), 0);
+    EXPECT_EQ(zkEndProcess(), 0);
+    // Process end closed both mutexes: the names are free again (the second
+    // one was taken without the global prefix).
+    EXPECT_EQ(RunInstance(name, "first"), 0);
+    ASSERT_EQ(zkBeginProcess(0), 0);
+    zkSetTitle(other.c_str(), nullptr);
+    EXPECT_EQ(zkCheckMultipleInstances(0), 0u);
     EXPECT_EQ(zkEndProcess(), 0);
 }
 

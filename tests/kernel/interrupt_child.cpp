@@ -14,20 +14,15 @@ bool g_terminated = false;
 void ZK_CALL RecordEvent(uint32_t event, zkAddr data) {
     if (event == ZK_EVENT_LOOP_END) g_endReason = static_cast<uint32_t>(data);
 }
-
 int ZK_CALL Init() {
     return zkInitializeEx(8u << 20, 256) == 0 ? 1 : 0;
 }
-
 uint32_t ZK_CALL Frame() {
-    uint32_t frame = zkGetLoopCount();
-    if (frame == 3) std::raise(SIGINT);
-    return frame >= 300 ? ZK_FRAME_END : 0;
+    if (zkGetLoopCount() == 3) std::raise(SIGINT);
+    return zkGetLoopCount() >= 300 ? ZK_FRAME_END : 0;
 }
-
 void ZK_CALL Term() {
-    g_terminated = true;
-    zkTerminate();
+    g_terminated = zkTerminate() == 0;
 }
 
 } // namespace
@@ -35,7 +30,5 @@ void ZK_CALL Term() {
 int main() {
     zkAddEventCallback(RecordEvent);
     if (zkMain(Init, Frame, Term, 0) != 0) return 4;
-    if (!g_terminated) return 3;
-    if (g_endReason != ZK_LOOP_END_CLOSE) return 2;
-    return 0;
+    return !g_terminated ? 3 : g_endReason != ZK_LOOP_END_CLOSE ? 2 : 0;
 }

@@ -3,258 +3,140 @@
 
 #include "zk_version.h"
 
-#include <string>
-#include <vector>
-
 namespace {
-
-using zktest::LibraryTest;
-using zktest::TraceCapture;
 
 constexpr uint32_t kArena = zktest::kArenaSize;
 
-// State shared with the callbacks of one zkMain run.
+enum InitMode { kStart, kFail, kStartThenFail, kNoStart };
+
+// State shared with the callbacks of one zkMain run. Frame numbers at which
+// a frame acts; 0 for never.
 struct LoopRecord {
-    std::vector<uint32_t> loopCounts; // zkGetLoopCount() seen by each frame
-    int initCalls = 0;
+    InitMode init = kStart;
+    uint32_t endAfter = 3;                         // frames before returning ZK_FRAME_END
+    uint32_t quitAt = 0, closeAt = 0, resetAt = 0; // WM_QUIT, WM_CLOSE, loop count reset
+    uint32_t waitAt = 0; // a period wait cut short by a message, result in waitResult
+    int32_t waitResult = -1;
+    std::vector<uint32_t> loopCounts{}, vblanks{}; // seen by each frame
     int termCalls = 0;
-    int initResult = 1;
-    uint32_t endAfter = 3;     // frames before returning ZK_FRAME_END
-    uint32_t quitAtFrame = 0;  // frame that posts WM_QUIT
-    uint32_t closeAtFrame = 0; // frame that posts WM_CLOSE to the main window
-    uint32_t resetAtFrame = 0; // frame that resets the loop count
     bool mainWindowAtTerm = false;
 };
 LoopRecord g_loop;
 
-int ZK_CALL InitStartsLibrary() {
-    ++g_loop.initCalls;
-    if (g_loop.initResult == 0) return 0;
-    return zkInitializeEx(kArena, 1024) >= 0 ? 1 : 0;
+// Why each loop ended, as the frame loop's end event reports it.
+std::vector<zkAddr> g_endReasons;
+void ZK_CALL RecordEnd(uint32_t event, zkAddr data) {
+    if (event == ZK_EVENT_LOOP_END) g_endReasons.push_back(data);
+}
+const bool g_recorderAdded = zkAddEventCallback(RecordEnd) == 0;
+
+int ZK_CALL Init() {
+    if (g_loop.init == kFail) return 0;
+    if (g_loop.init == kNoStart) return 1;
+    bool started = zkInitializeEx(kArena, 1024) == 0 && zkGetMainWindow() != nullptr;
+    return g_loop.init == kStart && started ? 1 : 0;
 }
 
-uint32_t ZK_CALL RecordingFrame() {
+uint32_t ZK_CALL Frame() {
     g_loop.loopCounts.push_back(zkGetLoopCount());
+    g_loop.vblanks.push_back(zkGetVblankCount());
     uint32_t frame = static_cast<uint32_t>(g_loop.loopCounts.size());
-    if (frame == g_loop.quitAtFrame) zkPostQuitMessage(0);
-    if (frame == g_loop.closeAtFrame) {
-        EXPECT_EQ(zkPostWindowMessage(zkGetMainWindow(), ZK_WM_CLOSE, 0, 0), 0);
+    if (frame == g_loop.quitAt) zkPostQuitMessage(0);
+    if (frame == g_loop.closeAt) zkPostWindowMessage(zkGetMainWindow(), ZK_WM_CLOSE, 0, 0);
+    if (frame == g_loop.resetAt) zkResetLoopCount();
+    if (frame == g_loop.waitAt) {
+        // Line up with a fresh period first, so that the next wait has to
+        // block; the posted message then cuts it short.
+        for (int i = 0; i < 100 && zkWaitForPeriodStart() == 0; ++i)
+            continue;
+        zkPostWindowMessage(zkGetMainWindow(), 0x0400, 0, 0);
+        g_loop.waitResult = zkWaitForPeriodStart();
     }
-    if (frame == g_loop.resetAtFrame) zkResetLoopCount();
     // A safety net so that a loop that fails to end cannot hang the suite.
-    if (frame >= 200) return ZK_FRAME_END;
-    return frame >= g_loop.endAfter ? ZK_FRAME_END : 0;
+    return frame >= g_loop.endAfter || frame >= 200 ? ZK_FRAME_END : 0;
 }
 
-void ZK_CALL TermStopsLibrary() {
+void ZK_CALL Term() {
     ++g_loop.termCalls;
     g_loop.mainWindowAtTerm = zkGetMainWindow() != nullptr;
     zkTerminate();
 }
 
-int32_t RunMain(const LoopRecord& setup) {
-    g_loop = setup;
-    return zkMain(InitStartsLibrary, RecordingFrame, TermStopsLibrary, 0);
-}
-
-LoopRecord Loop(uint32_t endAfter, int initResult = 1, uint32_t quitAt = 0, uint32_t closeAt = 0,
-                uint32_t resetAt = 0) {
-    LoopRecord r;
-    r.endAfter = endAfter;
-    r.initResult = initResult;
-    r.quitAtFrame = quitAt;
-    r.closeAtFrame = closeAt;
-    r.resetAtFrame = resetAt;
-    return r;
-}
-
-TEST(FrameLoop, LoopCountsAndEndingRules) {
-    struct Case {
-        const char* what;
-        LoopRecord setup;
-        int32_t result;
-        std::vector<uint32_t> counts; // loop count seen by each frame
-        int termCalls;
-    } cases[] = {
-        {"count raised before each frame", Loop(3), 0, {1, 2, 3}, 1},
-        {"frame-end marker runs exactly one frame", Loop(1), 0, {1}, 1},
-        {"failed init: no frame, no term", Loop(3, 0), -1, {}, 0},
-        {"WM_QUIT ends the loop after that frame", Loop(50, 1, 2), 0, {1, 2}, 1},
-        {"WM_CLOSE to the main window ends the loop", Loop(50, 1, 0, 1), 0, {1}, 1},
-        {"reset in a frame: the next frame sees 1", Loop(5, 1, 0, 0, 3), 0, {1, 2, 3, 1, 2}, 1},
+TEST(FrameLoop, LoopCountsEndingRulesAndProcessEnd) {
+    ASSERT_TRUE(g_recorderAdded);
+    constexpr zkAddr kFrame = ZK_LOOP_END_FRAME, kQuit = ZK_LOOP_END_QUIT,
+                     kClose = ZK_LOOP_END_CLOSE, kNone = 0xFFFF;
+    // end: the reason reported, kNone when no loop ran; counts: the loop count
+    // each frame saw; paced: a main window and a running timer.
+    // clang-format off
+    struct Case { const char* what; LoopRecord setup; zkAddr end; std::vector<uint32_t> counts;
+                  bool paced; } cases[] = {
+        {"count raised before each frame", {}, kFrame, {1, 2, 3}, true},
+        {"frame-end marker runs exactly one frame", {.endAfter = 1}, kFrame, {1}, true},
+        {"failed init: no frame, no term", {.init = kFail}, kNone, {}, false},
+        {"started, then failed init", {.init = kStartThenFail}, kNone, {}, false},
+        {"WM_QUIT ends after its frame", {.endAfter = 50, .quitAt = 2}, kQuit, {1, 2}, true},
+        {"WM_CLOSE ends the loop", {.endAfter = 50, .closeAt = 1}, kClose, {1}, true},
+        {"reset: next sees 1", {.endAfter = 5, .resetAt = 3}, kFrame, {1, 2, 3, 1, 2}, true},
+        {"no initialisation: no window, no pacing", {.init = kNoStart}, kFrame, {1, 2, 3}, false},
+        {"a message cuts a period wait short", {.endAfter = 2, .waitAt = 1}, kFrame, {1, 2}, true},
     };
+    // clang-format on
     for (const Case& c : cases) {
-        EXPECT_EQ(RunMain(c.setup), c.result) << c.what;
+        g_loop = c.setup;
+        g_endReasons.clear();
+        EXPECT_EQ(zkMain(Init, Frame, Term, 0), c.end == kNone ? -1 : 0) << c.what;
+        EXPECT_EQ(g_endReasons, c.end == kNone ? std::vector<zkAddr>{} : std::vector{c.end})
+            << c.what;
         EXPECT_EQ(g_loop.loopCounts, c.counts) << c.what;
-        EXPECT_EQ(g_loop.initCalls, 1) << c.what;
-        EXPECT_EQ(g_loop.termCalls, c.termCalls) << c.what;
-        EXPECT_EQ(g_loop.mainWindowAtTerm, c.termCalls == 1) << c.what;
+        EXPECT_EQ(g_loop.termCalls, c.end == kNone ? 0 : 1) << c.what;
+        EXPECT_EQ(g_loop.mainWindowAtTerm, c.paced) << c.what;
+        EXPECT_EQ(g_loop.waitResult, c.setup.waitAt ? 0 : -1) << c.what;
+        for (size_t i = 1; c.paced && i < g_loop.vblanks.size(); ++i)
+            EXPECT_GT(g_loop.vblanks[i], g_loop.vblanks[i - 1]) << c.what << ": a tick per frame";
+        // Process end ran whatever happened: no window, and the timer stopped.
+        EXPECT_EQ(zkGetMainWindow(), nullptr) << c.what;
+        zkSleep(20);
+        EXPECT_EQ(zkGetVblankCount(), 0u) << c.what;
     }
-}
-
-TEST(FrameLoop, ProcessEndRunsEvenWhenInitFails) {
-    // initProc starts the library and then gives up: process end still stops
-    // the timer and releases the main window.
-    struct Local {
-        static int ZK_CALL StartThenFail() {
-            EXPECT_EQ(zkInitializeEx(kArena, 1024), 0);
-            EXPECT_NE(zkGetMainWindow(), nullptr);
-            return 0;
-        }
-    };
-    EXPECT_EQ(zkMain(Local::StartThenFail, RecordingFrame, TermStopsLibrary, 0), -1);
-    EXPECT_EQ(zkGetMainWindow(), nullptr);
-    EXPECT_EQ(zkGetVblankCount(), 0u);
-    zkSleep(40);
-    EXPECT_EQ(zkGetVblankCount(), 0u) << "the vblank timer still runs after process end";
-}
-
-TEST(FrameLoop, FramesFollowTheVblankCount) {
-    // With pacing on, every frame starts in a later tick than the one before.
-    static std::vector<uint32_t> vblanks;
-    vblanks.clear();
-    struct Local {
-        static uint32_t ZK_CALL Frame() {
-            vblanks.push_back(zkGetVblankCount());
-            return vblanks.size() >= 6 ? ZK_FRAME_END : 0;
-        }
-    };
-    ASSERT_EQ(zkMain(InitStartsLibrary, Local::Frame, TermStopsLibrary, 0), 0);
-    ASSERT_EQ(vblanks.size(), 6u);
-    for (size_t i = 1; i < vblanks.size(); ++i)
-        EXPECT_GT(vblanks[i], vblanks[i - 1]);
-}
-
-TEST(FrameLoop, PeriodWaitInsideAFrameReturnsZeroForAMessage) {
-    static int32_t waitResult = -1;
-    struct Local {
-        static uint32_t ZK_CALL Frame() {
-            if (zkGetLoopCount() == 1) {
-                // Line up with a fresh period first, so that the next wait has
-                // to block; the posted message then cuts it short.
-                int32_t lineUp = 0;
-                for (int i = 0; i < 100 && lineUp == 0; ++i)
-                    lineUp = zkWaitForPeriodStart();
-                EXPECT_EQ(lineUp, 1);
-                EXPECT_EQ(zkPostWindowMessage(zkGetMainWindow(), 0x0400, 0, 0), 0);
-                waitResult = zkWaitForPeriodStart();
-                return 0;
-            }
-            return ZK_FRAME_END;
-        }
-    };
-    ASSERT_EQ(zkMain(InitStartsLibrary, Local::Frame, TermStopsLibrary, 0), 0);
-    EXPECT_EQ(waitResult, 0);
-}
-
-TEST(FrameLoop, LoopWithoutInitialisationStillRunsFrames) {
-    // No zkInitialize: no timer and no window. The waits return at once and
-    // the frames still run in order.
-    struct Local {
-        static int ZK_CALL Init() { return 1; }
-        static uint32_t ZK_CALL Frame() { return zkGetLoopCount() >= 4 ? ZK_FRAME_END : 0; }
-        static void ZK_CALL Term() {}
-    };
-    EXPECT_EQ(zkMain(Local::Init, Local::Frame, Local::Term, 0), 0);
-    EXPECT_EQ(zkGetLoopCount(), 4u);
 }
 
 // ---- levels of lifetime -------------------------------------------------------------
 
-TEST(Lifecycle, BannerIsTheFirstTraceOfInitialisation) {
-    TraceCapture capture;
-    ASSERT_EQ(zkBeginProcess(0), 0);
-    EXPECT_TRUE(capture.Lines().empty()) << "process begin prints nothing";
+TEST(Lifecycle, BannerFirstSecondStartRefusedRestartCountsAnew) {
+    // Initialisation without a process level performs the begin steps.
+    ASSERT_EQ(zkEndProcess(), 0);
+    zktest::TraceCapture capture;
     ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
-    std::vector<std::string> lines = capture.Lines();
-    ASSERT_GE(lines.size(), 2u);
-    char expected[96];
-    std::snprintf(expected, sizeof(expected), "QAX Kernel Library %u.%u.%u.%u\n", ZK_VERSION_MAJOR,
+    EXPECT_GE(zkGetAppArgCount(), 1u);
+    char banner[96];
+    std::snprintf(banner, sizeof(banner), "QAX Kernel Library %u.%u.%u.%u\n", ZK_VERSION_MAJOR,
                   ZK_VERSION_MINOR, ZK_VERSION_BUILD, ZK_VERSION_REVISION);
-    EXPECT_EQ(lines[0], expected);
-    EXPECT_EQ(lines[1].rfind("    ", 0), 0u);
-    EXPECT_GT(lines[1].size(), 5u);
-    EXPECT_EQ(lines[1].back(), '\n');
-    EXPECT_EQ(zkTerminate(), 0);
-    EXPECT_EQ(zkEndProcess(), 0);
-}
-
-TEST(Lifecycle, SecondInitialisationIsRefusedWithoutSideEffects) {
-    ASSERT_EQ(zkBeginProcess(0), 0);
-    ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
+    EXPECT_EQ(capture.Lines().at(0), banner);
     Window* mainWindow = zkGetMainWindow();
     ASSERT_NE(mainWindow, nullptr);
-    {
-        TraceCapture capture;
-        EXPECT_EQ(zkInitializeEx(kArena, 1024), ZK_ERR_NOT_SUPPORTED);
-        EXPECT_TRUE(capture.Lines().empty()) << "a refused initialisation prints no banner";
-    }
+    EXPECT_EQ(zkInitializeEx(kArena, 1024), ZK_ERR_NOT_SUPPORTED);
+    EXPECT_EQ(capture.Lines().size(), 2u) << "only the banner and notice; a refusal prints none";
     EXPECT_EQ(zkGetMainWindow(), mainWindow);
-    EXPECT_EQ(zkTerminate(), 0);
-    // After termination the library can be started again in the same process level.
-    EXPECT_EQ(zkInitializeEx(kArena, 1024), 0);
-    EXPECT_NE(zkGetMainWindow(), nullptr);
-    EXPECT_EQ(zkTerminate(), 0);
-    EXPECT_EQ(zkEndProcess(), 0);
-}
-
-TEST(Lifecycle, TerminateTwiceThenEndProcessIsHarmless) {
-    ASSERT_EQ(zkBeginProcess(0), 0);
-    ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
-    EXPECT_EQ(zkTerminate(), 0);
-    EXPECT_EQ(zkGetMainWindow(), nullptr);
-    EXPECT_EQ(zkTerminate(), 0);
-    EXPECT_EQ(zkEndProcess(), 0);
-    EXPECT_EQ(zkEndProcess(), 0);
-}
-
-TEST(Lifecycle, InitialiseWithoutBeginPerformsTheBeginSteps) {
-    ASSERT_EQ(zkEndProcess(), 0);
-    ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
-    EXPECT_NE(zkGetMainWindow(), nullptr);
-    EXPECT_GE(zkGetAppArgCount(), 1u);
-    EXPECT_EQ(zkTerminate(), 0);
-    EXPECT_EQ(zkEndProcess(), 0);
-}
-
-TEST(Lifecycle, EveryTimerStartRestartsTheVblankCount) {
-    ASSERT_EQ(zkBeginProcess(0), 0);
-    EXPECT_EQ(zkGetVblankCount(), 0u);
-    ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
-    // Move the period start well up the count.
-    constexpr uint32_t kTicks = 30;
+    constexpr uint32_t kTicks = 30; // move the period start well up the count
     for (int guard = 0; guard < 1000 && zkGetVblankCount() < kTicks; ++guard)
         zkWaitForPeriodStart();
     ASSERT_GE(zkGetVblankCount(), kTicks);
-    EXPECT_EQ(zkTerminate(), 0);
+    // Terminating twice is harmless and stops the count.
+    EXPECT_EQ(zkTerminate() + zkTerminate(), 0);
     EXPECT_EQ(zkGetVblankCount(), 0u);
-    // After a restart the count starts again below the old period start: the
-    // first period wait returns at once instead of waiting for the old count
-    // to come round again, and pacing goes on from the new count.
+    EXPECT_EQ(zkGetMainWindow(), nullptr);
+    // A restart in the same process level registers the class under the new
+    // name (an overlong one is cut), and its first period wait returns at once
+    // instead of waiting for the old count to come round again.
+    const std::string longName(400, 'n');
+    EXPECT_EQ(zkSetTitle(longName.c_str(), longName.c_str()), 0);
     ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
+    EXPECT_NE(zkGetMainWindow(), nullptr);
     EXPECT_EQ(zkWaitForPeriodStart(), 1);
     EXPECT_LT(zkGetVblankCount(), kTicks);
-    EXPECT_EQ(zkTerminate(), 0);
-    EXPECT_EQ(zkEndProcess(), 0);
-}
-
-TEST_F(LibraryTest, ApplicationInstanceAndTickCount) {
-    EXPECT_NE(zkGetApplicationInstance(), nullptr);
-    uint32_t before = zkGetTickCount();
-    zkSleep(30);
-    EXPECT_GE(zkGetTickCount() - before, 15u);
-}
-
-TEST(Stubs, DoNothingExportsReturnZero) {
-    EXPECT_EQ(zkExecute(), 0);
-    EXPECT_EQ(zkEnableInterrupt(), 0);
-    EXPECT_EQ(zkDisableInterrupt(), 0);
-    EXPECT_EQ(zkInitializeDevice(), 0);
-    zkTrace2();
-    zkTerminateDevice();
-    zkSkipLoadModule();
-    zkReleaseOverlay();
-    zkSetDisplayFrequency();
+    EXPECT_EQ(zkEndProcess() + zkEndProcess(), 0);
+    EXPECT_EQ(zkGetMainWindow(), nullptr);
 }
 
 } // namespace

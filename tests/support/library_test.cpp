@@ -1,23 +1,16 @@
 #include "support/library_test.h"
 
 #include <atomic>
-#include <cstdio>
 
 namespace zktest {
 
 namespace {
 
-struct LeftBehind {
-    std::vector<std::string> blocks;
-};
-
 int32_t ZK_CALL CollectForeignBlock(zkAddr start, uint32_t length, uint32_t category, void* user) {
-    if (category != ZK_CATEGORY_LIBRARY) {
-        char text[96];
-        std::snprintf(text, sizeof(text), "block at %#llx, %u bytes, category %u",
-                      static_cast<unsigned long long>(start), length, category);
-        static_cast<LeftBehind*>(user)->blocks.emplace_back(text);
-    }
+    if (category != ZK_CATEGORY_LIBRARY)
+        static_cast<std::vector<std::string>*>(user)->push_back(
+            "block at " + std::to_string(start) + ", " + std::to_string(length) +
+            " bytes, category " + std::to_string(category));
     return 1;
 }
 
@@ -31,13 +24,11 @@ void LibraryTest::SetUp() {
 }
 
 void LibraryTest::TearDown() {
-    MemoryPool* systemPool = zkGetSystemMemoryPool();
-    if (systemPool) {
-        LeftBehind left;
+    std::vector<std::string> left;
+    if (MemoryPool* systemPool = zkGetSystemMemoryPool())
         zkEnumerateMemoryPoolCategory(systemPool, CollectForeignBlock, &left);
-        for (const std::string& block : left.blocks)
-            ADD_FAILURE() << "the test left a system-pool block behind: " << block;
-    }
+    for (const std::string& block : left)
+        ADD_FAILURE() << "the test left a system-pool block behind: " << block;
     EXPECT_EQ(zkTerminate(), 0);
     EXPECT_EQ(zkEndProcess(), 0);
 }
@@ -65,9 +56,8 @@ std::vector<std::string> TraceCapture::Lines() const {
 }
 
 std::string TraceCapture::Text() const {
-    std::lock_guard<std::mutex> guard(mutex_);
     std::string all;
-    for (const std::string& line : lines_)
+    for (const std::string& line : Lines())
         all += line;
     return all;
 }

@@ -54,9 +54,7 @@ class TraceCapture {
 public:
     TraceCapture();
     ~TraceCapture();
-    TraceCapture(const TraceCapture&) = delete;
-    TraceCapture& operator=(const TraceCapture&) = delete;
-
+    // Not copyable (it holds a mutex): it stands for one installed procedure.
     std::vector<std::string> Lines() const;
     // All texts joined.
     std::string Text() const;

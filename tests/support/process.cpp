@@ -6,7 +6,6 @@
 #include "support/process.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <system_error>
 
@@ -17,14 +16,7 @@
 namespace zktest {
 
 namespace {
-
 std::string g_programPath;
-
-bool EndsWith(const std::string& text, const char* suffix) {
-    size_t length = std::strlen(suffix);
-    return text.size() >= length && text.compare(text.size() - length, length, suffix) == 0;
-}
-
 } // namespace
 
 void SetTestProgramPath(const char* argv0) {
@@ -40,25 +32,20 @@ std::string ChildProgramPath(const std::string& name) {
     std::string directory = cut == std::string::npos ? "." : g_programPath.substr(0, cut);
     char separator = cut == std::string::npos ? '/' : g_programPath[cut];
     std::string path = directory + separator + name;
-    if (EndsWith(g_programPath, ".exe") || EndsWith(g_programPath, ".EXE")) path += ".exe";
+    if (g_programPath.ends_with(".exe") || g_programPath.ends_with(".EXE")) path += ".exe";
     return path;
 }
 
 #if defined(_WIN32)
 
-namespace {
-std::string QuoteForCommandLine(const std::string& arg) {
-    if (arg.empty() || arg.find(' ') != std::string::npos) return "\"" + arg + "\"";
-    return arg;
-}
-} // namespace
-
 int RunChildProgram(const std::string& name, const std::vector<std::string>& args) {
+    auto quote = [](const std::string& arg) {
+        return arg.empty() || arg.find(' ') != std::string::npos ? "\"" + arg + "\"" : arg;
+    };
     std::string path = ChildProgramPath(name);
-    std::vector<std::string> quoted;
-    quoted.push_back(QuoteForCommandLine(path));
+    std::vector<std::string> quoted{quote(path)};
     for (const std::string& arg : args)
-        quoted.push_back(QuoteForCommandLine(arg));
+        quoted.push_back(quote(arg));
     std::vector<const char*> argv;
     for (const std::string& arg : quoted)
         argv.push_back(arg.c_str());

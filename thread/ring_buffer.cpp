@@ -26,13 +26,12 @@ struct RingBuffer {
     uint32_t LockForWrite(void** first, uint32_t* firstSize, void** second, uint32_t* secondSize) {
         return HandOut(writeOffset, size - DataSize(), first, firstSize, second, secondSize);
     }
+    // A count above the bytes now readable [free] is refused: nothing moves.
     void UnlockForRead(uint32_t count) {
-        readOffset = Advance(readOffset, count);
-        ChangeDataSize(0u - count);
+        if (Commit(count, false)) readOffset = Advance(readOffset, count);
     }
     void UnlockForWrite(uint32_t count) {
-        writeOffset = Advance(writeOffset, count);
-        ChangeDataSize(count);
+        if (Commit(count, true)) writeOffset = Advance(writeOffset, count);
     }
 
     uint32_t inUse = 0;
@@ -50,11 +49,14 @@ private:
         uint32_t next = offset + count;
         return next >= size ? next - size : next;
     }
-    // Adds delta (modulo 2^32, so a consumer passes the negated count).
-    void ChangeDataSize(uint32_t delta) {
+    // Under the guard: adds (produced) or takes away count bytes when they are
+    // there to take; false, and nothing changed, otherwise.
+    bool Commit(uint32_t count, bool produced) {
         zkWaitSemaphore(guard);
-        dataSize += delta;
+        bool fits = count <= (produced ? size - dataSize : dataSize);
+        if (fits) dataSize = produced ? dataSize + count : dataSize - count;
         zkSignalSemaphore(guard);
+        return fits;
     }
 };
 

@@ -107,6 +107,19 @@ TEST_F(RingBufferTest, LockReservesNothing) {
     EXPECT_EQ(r1.first, r2.first);
 }
 
+TEST_F(RingBufferTest, UnlockCountsBeyondTheRegionAreRefused) {
+    Region w, r, w2;
+    ASSERT_EQ(LockWrite(w), 16u);
+    zkUnlockRingBufferForWrite(ring_, 4);
+    zkUnlockRingBufferForRead(ring_, 40); // only 4 bytes to read
+    zkUnlockRingBufferForWrite(ring_, 13); // only 12 bytes free
+    EXPECT_EQ(zkGetRingBufferDataSize(ring_), 4u);
+    EXPECT_EQ(LockRead(r), 4u);
+    ExpectRegion(r, storage_, 4, nullptr, 0);
+    EXPECT_EQ(LockWrite(w2), 12u);
+    ExpectRegion(w2, storage_ + 4, 12, nullptr, 0);
+}
+
 TEST_F(RingBufferTest, OutputsClearedWhenOnePointerIsMissing) {
     Region w;
     ASSERT_EQ(LockWrite(w), 16u);

@@ -37,9 +37,9 @@ private:
     void LeaveWait();
 
     uint32_t timerId_ = 0;
-    std::atomic<os::Handle> event_{nullptr}; // auto-reset, set on every tick
-    std::atomic<uint32_t> lifetime_{0};      // changes at every Stop
-    std::atomic<uint32_t> waiting_{0};       // threads inside WaitVblank
+    std::atomic<os::Handle> event_{nullptr};   // auto-reset, set on every tick
+    std::atomic<uint32_t> lifetime_{0};        // changes at every Stop
+    std::atomic<uint32_t> waiting_{0};         // threads inside WaitVblank
     std::atomic<os::Handle> retired_{nullptr}; // a stopped timer's event, still waited on
     std::atomic<uint32_t> vblankCount_{0};
     uint32_t resolution_ = 0;

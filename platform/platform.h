@@ -50,10 +50,10 @@ void DebugOutput(const char* text);
 // ---------------------------------------------------------------------------
 // Time
 
-uint32_t TickCount();               // milliseconds, wraps
+uint32_t TickCount(); // milliseconds, wraps
 void Sleep(uint32_t milliseconds);
-int64_t PerformanceCounter();       // monotonic
-int64_t PerformanceFrequency();     // counts per second
+int64_t PerformanceCounter();   // monotonic
+int64_t PerformanceFrequency(); // counts per second
 // CPU time the whole process has used so far (user and system, all threads).
 uint64_t ProcessCpuTimeMicroseconds();
 struct LocalDateTime {
@@ -187,8 +187,7 @@ WakeReason WaitEventOrMessage(Handle event);
 // Windows
 
 // The library's window procedure, called for every message of its class.
-using WindowProcedure = zkSAddr (*)(Handle window, uint32_t message, zkAddr wParam,
-                                    zkSAddr lParam);
+using WindowProcedure = zkSAddr (*)(Handle window, uint32_t message, zkAddr wParam, zkSAddr lParam);
 
 // Registers a class named name: styles CS_VREDRAW|CS_HREDRAW|CS_DBLCLKS, the
 // default window procedure, one pointer-sized class and window extra word

@@ -78,18 +78,18 @@ enum class Kind : uint32_t { Free = 0, Semaphore, Event, Thread, NamedMutex };
 
 struct alignas(64) Object {
     // The hot line: what waits and signals touch.
-    std::atomic<int32_t> word;       // semaphore units, event set (1), thread ended (1)
-    std::atomic<uint32_t> wake;      // wake sequence: the futex sleepers wait on
-    std::atomic<uint32_t> sleepers;  // threads that may sleep on wake (never reset)
-    std::atomic<uint32_t> watchers;  // queues waiting on it in WaitEventOrMessage
+    std::atomic<int32_t> word;        // semaphore units, event set (1), thread ended (1)
+    std::atomic<uint32_t> wake;       // wake sequence: the futex sleepers wait on
+    std::atomic<uint32_t> sleepers;   // threads that may sleep on wake (never reset)
+    std::atomic<uint32_t> watchers;   // queues waiting on it in WaitEventOrMessage
     std::atomic<uint32_t> generation; // changes when the handle is closed
-    std::atomic<uint32_t> open;      // 1 while the handle is open
+    std::atomic<uint32_t> open;       // 1 while the handle is open
     std::atomic<Kind> kind;
     int32_t maximum;
     bool manualReset;
     // Taking, giving back and threads.
-    Object* link;               // free-list link while free (pool lock)
-    std::atomic<uint32_t> refs; // the handle, plus the running thread for a thread
+    Object* link;                  // free-list link while free (pool lock)
+    std::atomic<uint32_t> refs;    // the handle, plus the running thread for a thread
     std::atomic<uint32_t> resumed; // thread: start gate (a futex word)
     std::atomic<pid_t> tid;
     std::atomic<int32_t> priority;

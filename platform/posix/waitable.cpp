@@ -224,9 +224,10 @@ WaitResult Wait(Handle object, uint32_t timeoutMilliseconds) {
         // On a timeout the state is tested once more: a signal that raced the
         // timeout is taken rather than lost.
         if (!FutexWait(&o->wake, wake, deadline)) {
-            result = o->generation.load(std::memory_order_seq_cst) != generation ? WaitResult::Failed
-                     : ObjectTryTake(o)                                           ? WaitResult::Signaled
-                                                                                  : WaitResult::Timeout;
+            result = o->generation.load(std::memory_order_seq_cst) != generation
+                         ? WaitResult::Failed
+                     : ObjectTryTake(o) ? WaitResult::Signaled
+                                        : WaitResult::Timeout;
             break;
         }
     }

@@ -1,7 +1,11 @@
 // Counting semaphores for applications: a fixed table of 128 records, each
-// holding one operating-system semaphore. Records are taken and given back
-// under the library lock (inside RecordTable); the semaphore operations
-// themselves run unlocked on any thread.
+// holding one platform semaphore. Records are taken and given back under the
+// library lock (inside RecordTable); the semaphore operations themselves run
+// unlocked on any thread, and while a unit is there, or no thread sleeps, a
+// wait or a signal is one atomic step in user space on both backends.
+//
+// Releasing a semaphore that threads wait on ends their waits: each returns
+// from zkWaitSemaphore without a unit, and the release does not wait for them.
 #include "thread/record_table.h"
 
 #include <zk/semaphore.h>

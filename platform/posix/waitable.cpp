@@ -25,6 +25,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 
 namespace zk::os::posix {

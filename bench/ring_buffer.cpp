@@ -1,9 +1,21 @@
-// Ring buffer throughput: a producer thread and a consumer thread pass 1 GiB
-// of checked bytes through a 64 KiB ring buffer. The baseline, measured in the
-// same run, moves the same bytes through a 64 KiB buffer on one thread with
-// the same copy in and comparison out, without the ring buffer.
+// Ring buffer throughput: a producer thread and a consumer thread pass a stream
+// of checked bytes through a 64 KiB ring in chunks of 64 B, 1 KiB and 16 KiB.
+//
+// Peers measured in the same run, with the same loop on each side (wait until
+// a whole chunk fits [is there], copy the chunk in [compare it out], commit):
+// the JACK ring buffer (jack_ringbuffer_*, when ZK_BENCH_JACK is defined) and
+// boost's lock-free spsc_queue<char> (when ZK_BENCH_BOOST is defined). Each
+// figure is GB/s; the ratios are the library's over each peer's.
 #include <zk.h>
 
+#if defined(ZK_BENCH_JACK)
+#include <jack/ringbuffer.h>
+#endif
+#if defined(ZK_BENCH_BOOST)
+#include <boost/lockfree/spsc_queue.hpp>
+#endif
+
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -12,9 +24,9 @@
 
 namespace {
 
-constexpr uint64_t kTotal = 1ull << 30;
 constexpr uint32_t kRingSize = 64 * 1024;
-// The stream repeats with an odd period, so pieces never line up with it.
+constexpr uint64_t kTotal = 256ull << 20; // bytes per measurement
+// The stream repeats with an odd period, so chunks never line up with it.
 constexpr uint32_t kPeriod = (1u << 20) + 4099;
 
 std::vector<unsigned char> g_pattern;
@@ -23,108 +35,165 @@ const unsigned char* PatternAt(uint64_t position) {
     return &g_pattern[position % kPeriod];
 }
 
-struct Transfer {
+// The library's ring buffer.
+struct LibraryRing {
     RingBuffer* ring;
-    uint64_t mismatches = 0;
+    // Copies the chunk into the region when it has room; false otherwise.
+    bool Put(const unsigned char* chunk, uint32_t n) {
+        void *first, *second;
+        uint32_t firstSize, secondSize;
+        if (zkLockRingBufferForWrite(ring, &first, &firstSize, &second, &secondSize) < n)
+            return false;
+        uint32_t head = firstSize < n ? firstSize : n;
+        std::memcpy(first, chunk, head);
+        if (head < n) std::memcpy(second, chunk + head, n - head);
+        zkUnlockRingBufferForWrite(ring, n);
+        return true;
+    }
+    // Compares the next chunk with expected when it is there; -1 when it is not.
+    int Take(const unsigned char* expected, uint32_t n) {
+        void *first, *second;
+        uint32_t firstSize, secondSize;
+        if (zkLockRingBufferForRead(ring, &first, &firstSize, &second, &secondSize) < n) return -1;
+        uint32_t head = firstSize < n ? firstSize : n;
+        int bad = std::memcmp(first, expected, head) != 0;
+        if (head < n) bad |= std::memcmp(second, expected + head, n - head) != 0;
+        zkUnlockRingBufferForRead(ring, n);
+        return bad;
+    }
 };
 
-void CopyIn(void* to, uint32_t size, uint64_t& position) {
-    std::memcpy(to, PatternAt(position), size);
-    position += size;
-}
+#if defined(ZK_BENCH_JACK)
+struct JackRing {
+    jack_ringbuffer_t* ring;
+    bool Put(const unsigned char* chunk, uint32_t n) {
+        if (jack_ringbuffer_write_space(ring) < n) return false;
+        jack_ringbuffer_data_t v[2];
+        jack_ringbuffer_get_write_vector(ring, v);
+        size_t head = v[0].len < n ? v[0].len : n;
+        std::memcpy(v[0].buf, chunk, head);
+        if (head < n) std::memcpy(v[1].buf, chunk + head, n - head);
+        jack_ringbuffer_write_advance(ring, n);
+        return true;
+    }
+    int Take(const unsigned char* expected, uint32_t n) {
+        if (jack_ringbuffer_read_space(ring) < n) return -1;
+        jack_ringbuffer_data_t v[2];
+        jack_ringbuffer_get_read_vector(ring, v);
+        size_t head = v[0].len < n ? v[0].len : n;
+        int bad = std::memcmp(v[0].buf, expected, head) != 0;
+        if (head < n) bad |= std::memcmp(v[1].buf, expected + head, n - head) != 0;
+        jack_ringbuffer_read_advance(ring, n);
+        return bad;
+    }
+};
+#endif
 
-uint64_t CheckOut(const void* from, uint32_t size, uint64_t& position) {
-    uint64_t bad = std::memcmp(from, PatternAt(position), size) != 0;
-    position += size;
-    return bad;
-}
+#if defined(ZK_BENCH_BOOST)
+struct BoostRing {
+    boost::lockfree::spsc_queue<char, boost::lockfree::capacity<kRingSize>>* queue;
+    char out[16 * 1024];
+    bool Put(const unsigned char* chunk, uint32_t n) {
+        if (queue->write_available() < n) return false;
+        queue->push(reinterpret_cast<const char*>(chunk), n);
+        return true;
+    }
+    int Take(const unsigned char* expected, uint32_t n) {
+        if (queue->read_available() < n) return -1;
+        queue->pop(out, n);
+        return std::memcmp(out, expected, n) != 0;
+    }
+};
+#endif
 
-void ZK_CALL Produce(void* argument) {
-    Transfer* t = static_cast<Transfer*>(argument);
-    uint64_t position = 0;
-    while (position < kTotal) {
-        void *first, *second;
-        uint32_t firstSize, secondSize;
-        uint32_t free = zkLockRingBufferForWrite(t->ring, &first, &firstSize, &second, &secondSize);
-        if (free == 0) {
-            std::this_thread::yield();
+// A side that finds no room [no data] spins a little before it yields the
+// processor, the same for every ring.
+struct Backoff {
+    int spins = 0;
+    void Idle() {
+        if (++spins < 128) {
+#if defined(__x86_64__) || defined(__i386__)
+            __builtin_ia32_pause();
+#endif
+            return;
+        }
+        spins = 0;
+        std::this_thread::yield();
+    }
+};
+
+// Moves kTotal bytes through ring in chunks of n; returns GB/s, counts mismatches.
+template <typename Ring> double Run(Ring& ring, uint32_t n, uint64_t* mismatches) {
+    auto start = std::chrono::steady_clock::now();
+    std::thread producer([&] {
+        Backoff backoff;
+        for (uint64_t position = 0; position < kTotal;) {
+            if (ring.Put(PatternAt(position), n))
+                position += n;
+            else
+                backoff.Idle();
+        }
+    });
+    uint64_t bad = 0;
+    Backoff backoff;
+    for (uint64_t position = 0; position < kTotal;) {
+        int r = ring.Take(PatternAt(position), n);
+        if (r < 0) {
+            backoff.Idle();
             continue;
         }
-        uint64_t left = kTotal - position;
-        if (firstSize > left)
-            firstSize = static_cast<uint32_t>(left), secondSize = 0;
-        else if (firstSize + secondSize > left)
-            secondSize = static_cast<uint32_t>(left - firstSize);
-        CopyIn(first, firstSize, position);
-        if (secondSize) CopyIn(second, secondSize, position);
-        zkUnlockRingBufferForWrite(t->ring, firstSize + secondSize);
+        bad += static_cast<uint64_t>(r);
+        position += n;
     }
-}
-
-void ZK_CALL Consume(void* argument) {
-    Transfer* t = static_cast<Transfer*>(argument);
-    uint64_t position = 0;
-    while (position < kTotal) {
-        void *first, *second;
-        uint32_t firstSize, secondSize;
-        uint32_t available =
-            zkLockRingBufferForRead(t->ring, &first, &firstSize, &second, &secondSize);
-        if (available == 0) {
-            std::this_thread::yield();
-            continue;
-        }
-        t->mismatches += CheckOut(first, firstSize, position);
-        if (secondSize) t->mismatches += CheckOut(second, secondSize, position);
-        zkUnlockRingBufferForRead(t->ring, available);
-    }
-}
-
-double Seconds(std::chrono::steady_clock::time_point since) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+    producer.join();
+    *mismatches += bad;
+    double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return static_cast<double>(kTotal) / 1e9 / seconds;
 }
 
 } // namespace
 
 int main() {
-    g_pattern.resize(kPeriod + kRingSize);
+    g_pattern.resize(kPeriod + 16 * 1024);
     for (size_t i = 0; i < g_pattern.size(); ++i)
         g_pattern[i] = static_cast<unsigned char>(((i % kPeriod) * 2654435761u) >> 11);
 
-    // Baseline: the same bytes copied into one 64 KiB buffer and compared out.
-    std::vector<unsigned char> plain(kRingSize);
-    uint64_t baselineBad = 0;
-    auto start = std::chrono::steady_clock::now();
-    for (uint64_t in = 0, out = 0; in < kTotal;) {
-        CopyIn(plain.data(), kRingSize, in);
-        baselineBad += CheckOut(plain.data(), kRingSize, out);
-    }
-    double baseline = Seconds(start);
-
     std::vector<unsigned char> storage(kRingSize);
-    Transfer t;
-    t.ring = zkCreateRingBuffer(storage.data(), kRingSize);
-    ThreadRecord* producer = zkCreateThread(0);
-    ThreadRecord* consumer = zkCreateThread(0);
-    if (!t.ring || !producer || !consumer) {
-        std::fprintf(stderr, "could not set up the ring buffer and its threads\n");
+    LibraryRing library{zkCreateRingBuffer(storage.data(), kRingSize)};
+    if (!library.ring) {
+        std::fprintf(stderr, "could not create the ring buffer\n");
         return 1;
     }
-    start = std::chrono::steady_clock::now();
-    zkStartThread(consumer, Consume, &t);
-    zkStartThread(producer, Produce, &t);
-    zkReleaseThread(producer);
-    zkReleaseThread(consumer);
-    double ring = Seconds(start);
-    zkReleaseRingBuffer(t.ring);
+#if defined(ZK_BENCH_JACK)
+    JackRing jack{jack_ringbuffer_create(kRingSize)};
+#endif
+#if defined(ZK_BENCH_BOOST)
+    static boost::lockfree::spsc_queue<char, boost::lockfree::capacity<kRingSize>> queue;
+    static BoostRing boost{&queue, {}};
+#endif
 
-    const double gb = static_cast<double>(kTotal) / 1e9;
-    std::printf("bytes moved            : %llu (1 GiB), ring buffer %u bytes\n",
-                static_cast<unsigned long long>(kTotal), kRingSize);
-    std::printf("memcpy + memcmp, 1 thread: %7.2f GB/s  (%.3f s)\n", gb / baseline, baseline);
-    std::printf("ring buffer, 2 threads   : %7.2f GB/s  (%.3f s)\n", gb / ring, ring);
-    std::printf("ring / baseline          : %7.2f\n", baseline / ring);
-    std::printf("mismatched pieces        : %llu (baseline %llu)\n",
-                static_cast<unsigned long long>(t.mismatches),
-                static_cast<unsigned long long>(baselineBad));
-    return t.mismatches == 0 && baselineBad == 0 ? 0 : 1;
+    uint64_t mismatches = 0;
+    std::printf("%llu MiB per run through a %u-byte ring, GB/s\n",
+                static_cast<unsigned long long>(kTotal >> 20), kRingSize);
+    std::printf("%8s %9s %9s %9s %11s %11s\n", "chunk", "library", "jack", "boost", "lib/jack",
+                "lib/boost");
+    for (uint32_t n : {64u, 1024u, 16384u}) {
+        double lib = Run(library, n, &mismatches);
+        double j = 0, b = 0;
+#if defined(ZK_BENCH_JACK)
+        j = Run(jack, n, &mismatches);
+#endif
+#if defined(ZK_BENCH_BOOST)
+        b = Run(boost, n, &mismatches);
+#endif
+        std::printf("%8u %9.2f %9.2f %9.2f %11.2f %11.2f\n", n, lib, j, b, j > 0 ? lib / j : 0.0,
+                    b > 0 ? lib / b : 0.0);
+    }
+    std::printf("mismatched chunks: %llu\n", static_cast<unsigned long long>(mismatches));
+#if defined(ZK_BENCH_JACK)
+    jack_ringbuffer_free(jack.ring);
+#endif
+    zkReleaseRingBuffer(library.ring);
+    return mismatches == 0 ? 0 : 1;
 }

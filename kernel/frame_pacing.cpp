@@ -2,7 +2,12 @@
 //
 // The tick runs on the periodic timer's own thread: it raises the count, calls
 // the registered vblank handlers with their user values, and sets the
-// auto-reset event that wakes one waiter. Everything else runs on the thread
+// auto-reset event that wakes one waiter.
+//
+// Stopping the timer while threads wait in zkWaitVblank: Stop takes the event
+// out of use, marks a new lifetime and sets the event; each waiter that wakes
+// into a new lifetime sets it again for the next one and returns, and the
+// last of them to leave closes it. Stop never waits for them. Everything else runs on the thread
 // that calls it. The count has one writer (the tick); the handler slots are
 // atomics because the tick reads them while the main thread changes them.
 #include "kernel/context.h"
@@ -59,13 +64,13 @@ void RemoveVblankHandler(VblankHandlerSlot* slot) {
 
 void VblankTimer::Clear() {
     timerId_ = 0;
-    event_ = nullptr;
+    event_.store(nullptr, std::memory_order_release);
     vblankCount_.store(0, std::memory_order_release);
 }
 
 void VblankTimer::Start() {
     vblankCount_.store(0, std::memory_order_release);
-    event_ = os::EventCreate(false, false);
+    event_.store(os::EventCreate(false, false), std::memory_order_seq_cst);
     os::TimerCaps caps{};
     os::TimerGetCaps(&caps);
     resolution_ = caps.minPeriod == 0 ? 1 : caps.minPeriod;
@@ -82,9 +87,14 @@ void VblankTimer::Stop() {
         timerId_ = 0;
         os::TimerEndPeriod(resolution_);
     }
-    if (event_) {
-        os::CloseHandle(event_);
-        event_ = nullptr;
+    if (os::Handle event = event_.exchange(nullptr, std::memory_order_seq_cst)) {
+        lifetime_.fetch_add(1, std::memory_order_seq_cst);
+        retired_.store(event, std::memory_order_seq_cst);
+        os::EventSet(event); // the first waiter passes it on
+        if (waiting_.load(std::memory_order_seq_cst) == 0) {
+            if (os::Handle idle = retired_.exchange(nullptr, std::memory_order_seq_cst))
+                os::CloseHandle(idle);
+        }
     }
     vblankCount_.store(0, std::memory_order_release);
 }
@@ -95,20 +105,43 @@ void VblankTimer::Tick(void* timer) {
     self->vblankCount_.store(self->vblankCount_.load(std::memory_order_relaxed) + 1,
                              std::memory_order_release);
     CallVblankHandlers();
-    os::EventSet(self->event_);
+    os::EventSet(self->event_.load(std::memory_order_acquire));
+}
+
+void VblankTimer::LeaveWait() {
+    if (waiting_.fetch_sub(1, std::memory_order_seq_cst) == 1) {
+        if (os::Handle idle = retired_.exchange(nullptr, std::memory_order_seq_cst))
+            os::CloseHandle(idle);
+    }
 }
 
 uint32_t VblankTimer::WaitVblank(uint32_t mode) {
-    if (!event_) return 1;
-    // A tick that came before the call does not count.
-    os::EventReset(event_);
-    os::Wait(event_, os::kInfinite);
-    if (mode == 2 && (Count() & 1u) != 0) os::Wait(event_, os::kInfinite);
+    waiting_.fetch_add(1, std::memory_order_seq_cst);
+    const uint32_t lifetime = lifetime_.load(std::memory_order_seq_cst);
+    os::Handle event = event_.load(std::memory_order_seq_cst);
+    if (!event) {
+        LeaveWait();
+        return 1;
+    }
+    // A tick that came before the call does not count. A Stop that set the
+    // event before this reset has already changed the lifetime.
+    os::EventReset(event);
+    bool stopped = lifetime_.load(std::memory_order_seq_cst) != lifetime;
+    if (!stopped) {
+        os::Wait(event, os::kInfinite);
+        stopped = lifetime_.load(std::memory_order_seq_cst) != lifetime;
+        if (!stopped && mode == 2 && (Count() & 1u) != 0) {
+            os::Wait(event, os::kInfinite);
+            stopped = lifetime_.load(std::memory_order_seq_cst) != lifetime;
+        }
+    }
+    if (stopped) os::EventSet(event); // wakes the next waiter of the stopped timer
+    LeaveWait();
     return 1;
 }
 
 bool VblankTimer::WaitTickOrMessage() {
-    return os::WaitEventOrMessage(event_) == os::WakeReason::Event;
+    return os::WaitEventOrMessage(event_.load(std::memory_order_acquire)) == os::WakeReason::Event;
 }
 
 // ---- FramePeriod ----------------------------------------------------------------

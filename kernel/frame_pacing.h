@@ -21,11 +21,11 @@ public:
     // Stops the tick and closes the event; the count goes back to 0.
     void Stop();
 
-    bool Running() const { return event_ != nullptr; }
+    bool Running() const { return event_.load(std::memory_order_acquire) != nullptr; }
     uint32_t Count() const { return vblankCount_.load(std::memory_order_acquire); }
     float DisplayFrequency() const { return displayFrequency_; }
     // Waits for the next tick (mode 2: for the next even count). Returns at
-    // once when the timer is stopped.
+    // once when the timer is stopped, and returns when Stop runs meanwhile.
     uint32_t WaitVblank(uint32_t mode);
     // Waits for a tick or for a message to the calling thread: true for a tick.
     bool WaitTickOrMessage();
@@ -33,8 +33,14 @@ public:
 private:
     static void Tick(void* timer);
 
+    // The thread that leaves a stopped timer's wait last closes its event.
+    void LeaveWait();
+
     uint32_t timerId_ = 0;
-    os::Handle event_ = nullptr; // auto-reset, set on every tick
+    std::atomic<os::Handle> event_{nullptr};   // auto-reset, set on every tick
+    std::atomic<uint32_t> lifetime_{0};        // changes at every Stop
+    std::atomic<uint32_t> waiting_{0};         // threads inside WaitVblank
+    std::atomic<os::Handle> retired_{nullptr}; // a stopped timer's event, still waited on
     std::atomic<uint32_t> vblankCount_{0};
     uint32_t resolution_ = 0;
     uint32_t tickInterval_ = 0;

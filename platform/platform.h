@@ -50,10 +50,10 @@ void DebugOutput(const char* text);
 // ---------------------------------------------------------------------------
 // Time
 
-uint32_t TickCount();               // milliseconds, wraps
+uint32_t TickCount(); // milliseconds, wraps
 void Sleep(uint32_t milliseconds);
-int64_t PerformanceCounter();       // monotonic
-int64_t PerformanceFrequency();     // counts per second
+int64_t PerformanceCounter();   // monotonic
+int64_t PerformanceFrequency(); // counts per second
 // CPU time the whole process has used so far (user and system, all threads).
 uint64_t ProcessCpuTimeMicroseconds();
 struct LocalDateTime {
@@ -81,6 +81,17 @@ void CriticalSectionDelete(CriticalSection* cs);
 void CriticalSectionEnter(CriticalSection* cs);
 void CriticalSectionLeave(CriticalSection* cs);
 
+// A condition variable used with a critical section the caller has entered
+// once: Wait leaves it, sleeps until woken (or spuriously), and enters again.
+// Storage embedded in the owner; waking with no sleeper makes no system call.
+struct ConditionVariable {
+    alignas(16) unsigned char storage[64];
+};
+void ConditionVariableInit(ConditionVariable* cv);
+void ConditionVariableDelete(ConditionVariable* cv);
+void ConditionVariableWait(ConditionVariable* cv, CriticalSection* cs);
+void ConditionVariableWakeAll(ConditionVariable* cv);
+
 // ---------------------------------------------------------------------------
 // Waitable objects: semaphores, events, threads, named mutexes.
 
@@ -88,14 +99,19 @@ enum class WaitResult { Signaled, Timeout, Failed };
 
 // Waits for one object: a semaphore (takes one unit), an event (an auto-reset
 // event is reset by the wake), or a thread (signalled once it has ended).
+// An uncontended wait that finds the object signalled makes no system call.
+// A handle closed while threads wait on it makes their waits return Failed;
+// a closed handle fails at once.
 WaitResult Wait(Handle object, uint32_t timeoutMilliseconds);
-// Closes any handle returned by this layer; null does nothing.
+// Closes any handle returned by this layer; null does nothing. Never waits
+// for threads that wait on the handle: they are woken and fail.
 void CloseHandle(Handle object);
 
 // A counting semaphore; null when the counts are refused (initial < 0,
 // maximum <= 0, initial > maximum) or no object is free.
 Handle SemaphoreCreate(int32_t initialCount, int32_t maximumCount);
 // Adds count units; false (and nothing added) when that would pass the maximum.
+// A release that finds no thread asleep makes no system call.
 bool SemaphoreRelease(Handle semaphore, int32_t count);
 
 // An event, unnamed. An auto-reset event releases one waiter per set.
@@ -171,8 +187,7 @@ WakeReason WaitEventOrMessage(Handle event);
 // Windows
 
 // The library's window procedure, called for every message of its class.
-using WindowProcedure = zkSAddr (*)(Handle window, uint32_t message, zkAddr wParam,
-                                    zkSAddr lParam);
+using WindowProcedure = zkSAddr (*)(Handle window, uint32_t message, zkAddr wParam, zkSAddr lParam);
 
 // Registers a class named name: styles CS_VREDRAW|CS_HREDRAW|CS_DBLCLKS, the
 // default window procedure, one pointer-sized class and window extra word

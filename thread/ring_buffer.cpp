@@ -3,45 +3,50 @@
 //
 // Locks and threads: only the consumer moves the read offset and only the
 // producer moves the write offset, so each offset is its own side's private
-// state. The data size is the one field both sides change; it is read and
-// written only while holding the guard, a binary semaphore. Taking and giving
-// back the guard orders the bytes as well: the producer fills its region
-// before it gives the guard back with the larger data size, and the consumer
-// takes the guard before it looks at the bytes that size announces (and the
-// same the other way round for space handed back by the consumer).
-// base, size and the in-use flag are set by create and release, which the
-// application calls while neither side is working.
+// state. The data size is the one field both sides change; it changes only
+// while holding the guard, a binary semaphore whose uncontended take and give
+// are one atomic step each. A lock reads the data size without the guard (an
+// acquire load: any value it sees was complete, and the region it reports is
+// one the other side will not touch until the matching unlock). The producer
+// fills its region before it stores the larger data size with release order,
+// and the consumer's acquire load of that size orders its reads after; the
+// same holds the other way round for space handed back by the consumer.
+// The fields each side writes sit on cache lines of their own, so the two
+// sides meet only on the data size and the guard.
+// base, size, the guard and the in-use flag are set by create and release,
+// which the application calls while neither side is working.
 #include <zk/ringbuffer.h>
 #include <zk/semaphore.h>
+
+#include <atomic>
 
 struct RingBuffer {
     // Takes the ring buffer for the caller's buffer; false when it is in use
     // or the guard cannot be created.
     bool Create(void* buffer, uint32_t bufferSize);
     void Release();
-    uint32_t DataSize();
+    uint32_t DataSize() const { return dataSize.load(std::memory_order_acquire); }
     uint32_t LockForRead(void** first, uint32_t* firstSize, void** second, uint32_t* secondSize) {
         return HandOut(readOffset, DataSize(), first, firstSize, second, secondSize);
     }
     uint32_t LockForWrite(void** first, uint32_t* firstSize, void** second, uint32_t* secondSize) {
         return HandOut(writeOffset, size - DataSize(), first, firstSize, second, secondSize);
     }
+    // A count above the bytes now readable [free] is refused: nothing moves.
     void UnlockForRead(uint32_t count) {
-        readOffset = Advance(readOffset, count);
-        ChangeDataSize(0u - count);
+        if (Commit(count, false)) readOffset = Advance(readOffset, count);
     }
     void UnlockForWrite(uint32_t count) {
-        writeOffset = Advance(writeOffset, count);
-        ChangeDataSize(count);
+        if (Commit(count, true)) writeOffset = Advance(writeOffset, count);
     }
 
     uint32_t inUse = 0;
     zkAddr base = 0;
     uint32_t size = 0;
-    uint32_t dataSize = 0;    // guarded
-    uint32_t readOffset = 0;  // consumer's
-    uint32_t writeOffset = 0; // producer's
     SemaphoreRecord* guard = nullptr;
+    alignas(64) std::atomic<uint32_t> dataSize{0}; // changed under the guard
+    alignas(64) uint32_t readOffset = 0;           // consumer's
+    alignas(64) uint32_t writeOffset = 0;          // producer's
 
 private:
     uint32_t HandOut(uint32_t offset, uint32_t amount, void** first, uint32_t* firstSize,
@@ -50,11 +55,15 @@ private:
         uint32_t next = offset + count;
         return next >= size ? next - size : next;
     }
-    // Adds delta (modulo 2^32, so a consumer passes the negated count).
-    void ChangeDataSize(uint32_t delta) {
+    // Under the guard: adds (produced) or takes away count bytes when they are
+    // there to take; false, and nothing changed, otherwise.
+    bool Commit(uint32_t count, bool produced) {
         zkWaitSemaphore(guard);
-        dataSize += delta;
+        uint32_t now = dataSize.load(std::memory_order_relaxed);
+        bool fits = count <= (produced ? size - now : now);
+        if (fits) dataSize.store(produced ? now + count : now - count, std::memory_order_release);
         zkSignalSemaphore(guard);
+        return fits;
     }
 };
 
@@ -67,7 +76,7 @@ bool RingBuffer::Create(void* buffer, uint32_t bufferSize) {
     inUse = 1;
     base = reinterpret_cast<zkAddr>(buffer);
     size = bufferSize;
-    dataSize = 0;
+    dataSize.store(0, std::memory_order_relaxed);
     readOffset = 0;
     writeOffset = 0;
     guard = zkCreateSemaphore(1, 1);
@@ -81,19 +90,12 @@ bool RingBuffer::Create(void* buffer, uint32_t bufferSize) {
 void RingBuffer::Release() {
     base = 0;
     size = 0;
-    dataSize = 0;
+    dataSize.store(0, std::memory_order_relaxed);
     readOffset = 0;
     writeOffset = 0;
     zkReleaseSemaphore(guard);
     guard = nullptr;
     inUse = 0;
-}
-
-uint32_t RingBuffer::DataSize() {
-    zkWaitSemaphore(guard);
-    uint32_t result = dataSize;
-    zkSignalSemaphore(guard);
-    return result;
 }
 
 // Hands out `amount` bytes from `offset` in up to two pieces, the second being

@@ -1,13 +1,21 @@
 // Counting semaphores for applications: a fixed table of 128 records, each
-// holding one operating-system semaphore. Records are taken and given back
-// under the library lock (inside RecordTable); the semaphore operations
-// themselves run unlocked on any thread.
+// holding one platform semaphore. Records are taken and given back under the
+// library lock (inside RecordTable); the semaphore operations themselves run
+// unlocked on any thread, and while a unit is there, or no thread sleeps, a
+// wait or a signal is one atomic step in user space on both backends.
+//
+// Releasing a semaphore that threads wait on ends their waits: each returns
+// from zkWaitSemaphore without a unit, and the release does not wait for them.
 #include "thread/record_table.h"
 
 #include <zk/semaphore.h>
 
+#include <atomic>
+
 struct SemaphoreRecord {
-    zk::os::Handle handle; // null when none
+    // Null when none. Atomic: a release clears it while other threads may
+    // still be reading it on their way into a wait.
+    std::atomic<zk::os::Handle> handle;
     SemaphoreRecord* link; // next free record; null while in use
 };
 
@@ -22,8 +30,9 @@ public:
     SemaphoreRecord* Create(int32_t initialCount, int32_t maximumCount) {
         SemaphoreRecord* record = records_.Take();
         if (!record) return nullptr;
-        record->handle = os::SemaphoreCreate(initialCount, maximumCount);
-        if (!record->handle) {
+        record->handle.store(os::SemaphoreCreate(initialCount, maximumCount),
+                             std::memory_order_release);
+        if (!record->handle.load(std::memory_order_relaxed)) {
             records_.Give(record);
             return nullptr;
         }
@@ -32,8 +41,7 @@ public:
 
     void Release(SemaphoreRecord* record) {
         if (!records_.InUse(record)) return;
-        os::CloseHandle(record->handle);
-        record->handle = nullptr;
+        os::CloseHandle(record->handle.exchange(nullptr, std::memory_order_acq_rel));
         records_.Give(record);
     }
 
@@ -44,7 +52,7 @@ private:
 SemaphoreTable g_semaphores;
 
 os::Handle HandleOf(const SemaphoreRecord* semaphore) {
-    return semaphore ? semaphore->handle : nullptr;
+    return semaphore ? semaphore->handle.load(std::memory_order_acquire) : nullptr;
 }
 
 } // namespace

@@ -6,10 +6,6 @@
 
 namespace zk {
 
-namespace {
-constexpr int32_t kMonitorMaxWaiters = 128;
-} // namespace
-
 int32_t CriticalSection::Initialize() {
     os::CriticalSectionInit(&cs_);
     return 0;
@@ -59,38 +55,24 @@ CriticalSection& LibraryLock() {
 int32_t Monitor::Initialize() {
     waiters_ = 0;
     cs_.Initialize();
-    wake_ = os::SemaphoreCreate(0, kMonitorMaxWaiters);
-    woken_ = os::SemaphoreCreate(0, kMonitorMaxWaiters);
+    os::ConditionVariableInit(&wake_);
     return 0;
 }
 
 void Monitor::Destroy() {
-    if (wake_) {
-        os::CloseHandle(wake_);
-        wake_ = nullptr;
-    }
-    if (woken_) {
-        os::CloseHandle(woken_);
-        woken_ = nullptr;
-    }
+    os::ConditionVariableDelete(&wake_);
     cs_.Delete();
 }
 
 void Monitor::Wait() {
     ++waiters_;
-    cs_.Leave();
-    os::Wait(wake_, os::kInfinite);
-    os::SemaphoreRelease(woken_, 1);
-    cs_.Enter();
+    os::ConditionVariableWait(&wake_, &cs_.cs_);
 }
 
 void Monitor::WakeAll() {
     if (waiters_ == 0) return;
-    const uint32_t count = waiters_;
     waiters_ = 0;
-    os::SemaphoreRelease(wake_, static_cast<int32_t>(count));
-    for (uint32_t i = 0; i < count; ++i)
-        os::Wait(woken_, os::kInfinite);
+    os::ConditionVariableWakeAll(&wake_);
 }
 
 } // namespace zk

@@ -22,6 +22,7 @@ public:
     void Leave() { os::CriticalSectionLeave(&cs_); }
 
 private:
+    friend class Monitor;
     os::CriticalSection cs_{};
 };
 
@@ -44,32 +45,30 @@ CriticalSection& LibraryLock();
 void LibraryLockInitialize();
 void LibraryLockDelete();
 
-// A condition object: a critical section, a wake semaphore (maximum 128
-// waiters) and the number of threads waiting. Callers wait in a loop that
-// re-tests their condition: a wake-up only says something changed.
+// A condition object: a critical section, a condition variable and the number
+// of threads waiting. Callers wait in a loop that re-tests their condition: a
+// wake-up only says something changed.
 //
-// WakeAll releases exactly one unit per counted waiter and, still inside the
-// critical section, waits until each of them has taken its unit (each woken
-// waiter answers on a second semaphore before it enters again). A thread can
-// only count itself while inside, so one that counts itself after the wake
-// can never take a unit meant for a waiter counted before it: no wake-up is
-// stolen, and a waiter whose condition came true is never left asleep.
+// A waiter counts itself and falls asleep in one step with respect to the
+// critical section (the condition variable leaves it only once the thread is
+// queued to sleep), and WakeAll is called inside it: every thread counted
+// before a wake is woken by it, none is left asleep, and nobody waits for the
+// woken threads to answer. WakeAll with nobody counted does nothing.
 class Monitor {
 public:
     int32_t Initialize();
     void Destroy();
     void Enter() { cs_.Enter(); }
     void Leave() { cs_.Leave(); }
-    // Called while entered: counts itself, leaves, waits for a unit, enters again.
+    // Called while entered: counts itself, leaves, sleeps, enters again.
     void Wait();
-    // Called while entered: releases one unit per counted waiter.
+    // Called while entered: wakes every counted waiter.
     void WakeAll();
 
 private:
     uint32_t waiters_ = 0;
     CriticalSection cs_;
-    os::Handle wake_ = nullptr;
-    os::Handle woken_ = nullptr; // one unit per waiter that took its wake unit
+    os::ConditionVariable wake_{};
 };
 
 } // namespace zk

@@ -23,14 +23,17 @@ ZK_API void* ZK_CALL zkGetRingBufferAddress(RingBuffer* ring);
  * is returned. Null ring buffer: 0, outputs untouched. */
 ZK_API uint32_t ZK_CALL zkLockRingBufferForRead(RingBuffer* ring, void** first, uint32_t* firstSize,
                                                void** second, uint32_t* secondSize);
-/* Consumes count bytes (at most what the lock reported). */
+/* Consumes count bytes. A count above the bytes readable now (which is at
+ * least what the last lock for read reported) is refused: nothing is consumed,
+ * so the data size never leaves 0..size and later locks stay inside the buffer. */
 ZK_API void ZK_CALL zkUnlockRingBufferForRead(RingBuffer* ring, uint32_t count);
 /* The writable region in up to two pieces; returns the free size. Same output
  * rules as zkLockRingBufferForRead. */
 ZK_API uint32_t ZK_CALL zkLockRingBufferForWrite(RingBuffer* ring, void** first,
                                                 uint32_t* firstSize, void** second,
                                                 uint32_t* secondSize);
-/* Commits count bytes (at most what the lock reported). */
+/* Commits count bytes. A count above the free bytes now (at least what the
+ * last lock for write reported) is refused: nothing is committed. */
 ZK_API void ZK_CALL zkUnlockRingBufferForWrite(RingBuffer* ring, uint32_t count);
 
 ZK_EXTERN_C_END

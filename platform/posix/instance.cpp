@@ -109,10 +109,7 @@ Handle NamedMutexCreate(const char* name, bool* alreadyExisted) {
         close(fd);
         return nullptr;
     }
-    {
-        BackendGuard guard;
-        o->fd = fd;
-    }
+    o->fd = fd;
     if (alreadyExisted) *alreadyExisted = taken;
     return o;
 }

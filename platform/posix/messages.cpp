@@ -21,8 +21,9 @@ struct Queue {
     bool quitPending;
     uint32_t generation;
     zkAddr quitCode;
-    Object* watching; // the object this queue's thread waits on in WaitEventOrMessage
-    pthread_cond_t wake;
+    std::atomic<Object*> watching; // what the thread waits on in WaitEventOrMessage
+    std::atomic<uint32_t> wake;    // wake sequence (a futex word)
+    std::atomic<uint32_t> ready;   // messages queued, plus a pending WM_QUIT
     uint32_t head;
     uint32_t count;
     Message ring[kQueueCapacity];
@@ -36,10 +37,8 @@ bool gQueuesBuilt = false;
 thread_local Queue* tQueue = nullptr;
 
 void BuildQueuesLocked() {
-    for (uint32_t i = 0; i < kQueueCount; ++i) {
+    for (uint32_t i = 0; i < kQueueCount; ++i)
         gQueues[i].link = (i + 1 < kQueueCount) ? &gQueues[i + 1] : nullptr;
-        ConditionInit(&gQueues[i].wake);
-    }
     gFreeQueues = &gQueues[0];
     gQueuesBuilt = true;
 }
@@ -49,17 +48,30 @@ bool QueuePopLocked(Queue* q, Message* out) {
         *out = q->ring[q->head];
         q->head = (q->head + 1) % kQueueCapacity;
         --q->count;
+        q->ready.fetch_sub(1, std::memory_order_relaxed);
         return true;
     }
     if (q->quitPending) {
         q->quitPending = false;
+        q->ready.fetch_sub(1, std::memory_order_relaxed);
         *out = Message{nullptr, kWmQuit, q->quitCode, 0};
         return true;
     }
     return false;
 }
 
+pthread_mutex_t gBackendLock = PTHREAD_MUTEX_INITIALIZER;
+
+void WakeQueue(Queue* q) {
+    q->wake.fetch_add(1, std::memory_order_seq_cst);
+    FutexWake(&q->wake, 1);
+}
+
 } // namespace
+
+pthread_mutex_t& BackendLock() {
+    return gBackendLock;
+}
 
 Queue* CurrentQueue() {
     if (tQueue) return tQueue;
@@ -73,7 +85,8 @@ Queue* CurrentQueue() {
         q->link = nullptr;
         q->inUse = true;
         q->quitPending = false;
-        q->watching = nullptr;
+        q->watching.store(nullptr, std::memory_order_relaxed);
+        q->ready.store(0, std::memory_order_relaxed);
         q->head = q->count = 0;
     }
     pthread_setspecific(QueueKey(), q);
@@ -88,6 +101,7 @@ void QueueReleaseForThreadExit(void* queue) {
     q->inUse = false;
     q->count = 0;
     q->quitPending = false;
+    q->ready.store(0, std::memory_order_relaxed);
     ++q->generation;
     q->link = gFreeQueues;
     gFreeQueues = q;
@@ -101,20 +115,21 @@ bool QueuePushLocked(Queue* q, uint32_t generation, const Message& message) {
     if (!q->inUse || q->generation != generation) return false;
     if (q->count == kQueueCapacity) {
         if (message.message != kWmQuit || message.window) return false;
+        if (!q->quitPending) q->ready.fetch_add(1, std::memory_order_relaxed);
         q->quitPending = true;
         q->quitCode = message.wParam;
     } else {
         q->ring[(q->head + q->count) % kQueueCapacity] = message;
         ++q->count;
+        q->ready.fetch_add(1, std::memory_order_relaxed);
     }
-    pthread_cond_broadcast(&q->wake);
+    WakeQueue(q);
     return true;
 }
 
-void QueuesWakeWatchersLocked(Object* object) {
-    if (!gQueuesBuilt) return;
+void QueuesWakeWatchers(Object* object) {
     for (Queue& q : gQueues)
-        if (q.inUse && q.watching == object) pthread_cond_broadcast(&q.wake);
+        if (q.watching.load(std::memory_order_seq_cst) == object) WakeQueue(&q);
 }
 
 void QueuesPurgeWindowLocked(Handle window) {
@@ -126,6 +141,7 @@ void QueuesPurgeWindowLocked(Handle window) {
             const Message& m = q.ring[(q.head + i) % kQueueCapacity];
             if (m.window != window) q.ring[(q.head + kept++) % kQueueCapacity] = m;
         }
+        q.ready.fetch_sub(q.count - kept, std::memory_order_relaxed);
         q.count = kept;
     }
 }
@@ -174,32 +190,40 @@ void MessagePostQuit(int32_t exitCode) {
 WakeReason WaitEventOrMessage(Handle event) {
     Queue* q = CurrentQueue();
     if (!q) return WakeReason::Failed;
-    BackendGuard guard;
     Object* o = nullptr;
+    uint32_t generation = 0;
     if (event) {
-        o = ObjectFromHandleLocked(event, Kind::Free);
-        if (!o || o->kind == Kind::NamedMutex) return WakeReason::Failed;
-        ++o->watchers;
-        q->watching = o;
+        o = ObjectFromHandle(event, Kind::Free);
+        if (!o || o->kind.load(std::memory_order_relaxed) == Kind::NamedMutex)
+            return WakeReason::Failed;
+        generation = o->generation.load(std::memory_order_seq_cst);
+        q->watching.store(o, std::memory_order_seq_cst);
+        o->watchers.fetch_add(1, std::memory_order_seq_cst);
     }
-    // Both tests and the sleep happen under the backend lock, and posting or
-    // signalling takes it too: a message or a set that arrives just before
-    // the sleep is seen by the tests, one that arrives after wakes the sleep.
+    // The watch is registered before the tests, and whatever signals the
+    // object or posts a message changes its state before it looks for
+    // watchers and bumps the wake sequence: a set or a message that comes
+    // before the sleep is seen by the tests, one that comes after wakes it.
     WakeReason reason;
     for (;;) {
-        if (o && ObjectTryTakeLocked(o)) {
+        uint32_t wake = q->wake.load(std::memory_order_seq_cst);
+        if (o && o->generation.load(std::memory_order_seq_cst) != generation) {
+            reason = WakeReason::Failed; // closed while waited on
+            break;
+        }
+        if (o && ObjectTryTake(o)) {
             reason = WakeReason::Event;
             break;
         }
-        if (q->count || q->quitPending) {
+        if (q->ready.load(std::memory_order_seq_cst) != 0) {
             reason = WakeReason::Message;
             break;
         }
-        pthread_cond_wait(&q->wake, &BackendLock());
+        FutexWait(&q->wake, wake, -1);
     }
     if (o) {
-        --o->watchers;
-        q->watching = nullptr;
+        o->watchers.fetch_sub(1, std::memory_order_relaxed);
+        q->watching.store(nullptr, std::memory_order_relaxed);
     }
     return reason;
 }

@@ -1,21 +1,26 @@
-// Shared state of the POSIX backend: the backend lock, the table of waitable
-// objects and the per-thread message queues.
+// Shared state of the POSIX backend: the waitable objects, the per-thread
+// message queues and the window tables.
 //
 // Everything here lives in static tables sized once (no allocation after
 // start-up); handles are pointers into them:
-//   waitable objects (semaphores, events, threads, named mutexes)  1024
+//   semaphores / events / threads / named mutexes   512 / 256 / 256 / 64
 //   per-thread message queues (1024 messages each)                   64
 //   window classes / windows                                     32 / 64
 //   periodic timers                                                  16
 //
-// One mutex, the backend lock, guards the state of every waitable object, every
-// message queue and the window and class tables. It is held only for short
-// bookkeeping steps: never while a window procedure, a thread entry or a timer
-// callback runs, and never while another lock is taken. Each object (and each
-// queue) has a condition variable on the monotonic clock; a thread blocked in
-// Wait sleeps on the object's, a thread blocked in WaitEventOrMessage on its
-// queue's, and whatever makes an object signalled also wakes the queues that
-// watch it.
+// Waitable objects keep their state in atomics of their own: waiting and
+// signalling take no lock. A thread that has to block sleeps on the object's
+// futex word (its wake sequence); whatever signals the object bumps that word
+// and wakes sleepers only when some are counted, so an uncontended wait or
+// release makes no system call. Each kind has its own pool, guarded by a pool
+// lock that only taking and giving back objects use.
+//
+// The backend lock guards the message queues' rings and the window and class
+// tables. It is held only for short bookkeeping steps: never while a window
+// procedure, a thread entry or a timer callback runs, never while waiting, and
+// never while another lock is taken. A thread blocked in WaitEventOrMessage
+// sleeps on its queue's wake sequence, which posting a message and signalling
+// the watched object both bump.
 #ifndef ZK_PLATFORM_POSIX_INTERNAL_H
 #define ZK_PLATFORM_POSIX_INTERNAL_H
 
@@ -62,51 +67,58 @@ void ConditionInit(pthread_cond_t* cond);
 // negative, until the monotonic time deadline (ns). False on timeout.
 bool ConditionWait(pthread_cond_t* cond, pthread_mutex_t* lock, int64_t deadline);
 
+// ---- futex helpers -----------------------------------------------------------
+// Sleeps while *word == expected, until woken or (deadline >= 0) until the
+// monotonic time deadline (ns). False when the deadline passed.
+bool FutexWait(std::atomic<uint32_t>* word, uint32_t expected, int64_t deadline);
+void FutexWake(std::atomic<uint32_t>* word, int32_t count);
+
 // ---- waitable objects --------------------------------------------------------
 enum class Kind : uint32_t { Free = 0, Semaphore, Event, Thread, NamedMutex };
 
-struct Object {
-    Object* link;      // free-list link while free
-    Kind kind;         // Free while in the free list
-    uint32_t refs;     // the handle, plus the running thread for a thread object
-    uint32_t watchers; // queues waiting on this object in WaitEventOrMessage
-    pthread_cond_t cond;
-    // semaphore
-    int32_t count;
+struct alignas(64) Object {
+    // The hot line: what waits and signals touch.
+    std::atomic<int32_t> word;        // semaphore units, event set (1), thread ended (1)
+    std::atomic<uint32_t> wake;       // wake sequence: the futex sleepers wait on
+    std::atomic<uint32_t> sleepers;   // threads that may sleep on wake (never reset)
+    std::atomic<uint32_t> watchers;   // queues waiting on it in WaitEventOrMessage
+    std::atomic<uint32_t> generation; // changes when the handle is closed
+    std::atomic<uint32_t> open;       // 1 while the handle is open
+    std::atomic<Kind> kind;
     int32_t maximum;
-    // event
     bool manualReset;
-    bool set;
-    // thread
-    bool resumed;
-    bool ended;
-    pid_t tid;
+    // Taking, giving back and threads.
+    Object* link;                  // free-list link while free (pool lock)
+    std::atomic<uint32_t> refs;    // the handle, plus the running thread for a thread
+    std::atomic<uint32_t> resumed; // thread: start gate (a futex word)
+    std::atomic<pid_t> tid;
     std::atomic<int32_t> priority;
     ThreadEntry entry;
     void* parameter;
-    // named mutex
-    int fd;
+    int fd; // named mutex
 };
 
-// Takes a free object of the kind (refs 1, state cleared); null when full.
+// Takes a free object of the kind (refs 1, state cleared, open); null when
+// the kind's pool is empty.
 Object* ObjectTake(Kind kind);
-// Drops one reference (backend lock held); the last one frees the object.
-void ObjectReleaseLocked(Object* object);
-// The object behind a handle when it is live and of the kind (Kind::Free: any
-// live kind); null otherwise. Backend lock held.
-Object* ObjectFromHandleLocked(Handle handle, Kind kind);
+// Drops one reference; the last one gives the object back to its pool.
+void ObjectRelease(Object* object);
+// The object behind a handle when it is open and of the kind (Kind::Free: any
+// kind); null otherwise.
+Object* ObjectFromHandle(Handle handle, Kind kind);
 // Takes the object's signal if it is signalled (one semaphore unit, an
-// auto-reset event's set state). Backend lock held.
-bool ObjectTryTakeLocked(Object* object);
-// Wakes the threads waiting on the object, and the queues watching it.
-void ObjectSignalledLocked(Object* object, bool wakeAll);
+// auto-reset event's set state, a thread's end).
+bool ObjectTryTake(Object* object);
+// After the object's word changed: wakes up to count sleepers (when any are
+// counted) and the queues watching it.
+void ObjectSignalled(Object* object, int32_t count);
 
 // ---- message queues -----------------------------------------------------------
 struct Queue;
 // The calling thread's queue, created on first use; null when the table is full.
 Queue* CurrentQueue();
 // Wakes the queues whose thread waits on object in WaitEventOrMessage.
-void QueuesWakeWatchersLocked(Object* object);
+void QueuesWakeWatchers(Object* object);
 // Queues a message; false when the queue is full. Backend lock held.
 bool QueuePushLocked(Queue* queue, uint32_t generation, const Message& message);
 uint32_t QueueGeneration(Queue* queue);

@@ -13,6 +13,7 @@
 // The number given is what CurrentThreadPriority reports.
 #include "platform/posix/posix_internal.h"
 
+#include <climits>
 #include <limits.h>
 #include <pthread.h>
 #include <sys/resource.h>
@@ -29,26 +30,32 @@ void ApplyPriority(pid_t tid, int32_t priority) {
                     NiceForPriority(priority, BaseNiceValue()));
 }
 
+// Applies the priority asked for, again if it changed meanwhile, so that a
+// change racing the thread's start is not lost.
+void ApplyCurrentPriority(Object* o) {
+    int32_t applied;
+    do {
+        applied = o->priority.load(std::memory_order_acquire);
+        ApplyPriority(o->tid.load(std::memory_order_relaxed), applied);
+    } while (o->priority.load(std::memory_order_acquire) != applied);
+}
+
 void* ThreadMain(void* argument) {
     auto* o = static_cast<Object*>(argument);
     tCurrentThread = o;
-    pthread_mutex_lock(&BackendLock());
-    o->tid = gettid();
-    while (!o->resumed)
-        pthread_cond_wait(&o->cond, &BackendLock());
-    ApplyPriority(o->tid, o->priority.load(std::memory_order_relaxed));
+    o->tid.store(gettid(), std::memory_order_release);
+    while (o->resumed.load(std::memory_order_acquire) == 0)
+        FutexWait(&o->resumed, 0, -1);
+    ApplyCurrentPriority(o);
     ThreadEntry entry = o->entry;
     void* parameter = o->parameter;
-    pthread_mutex_unlock(&BackendLock());
 
     entry(parameter);
 
-    pthread_mutex_lock(&BackendLock());
-    o->ended = true;
-    ObjectSignalledLocked(o, true);
+    o->word.store(1, std::memory_order_seq_cst); // ended
+    ObjectSignalled(o, INT_MAX);
     tCurrentThread = nullptr;
-    ObjectReleaseLocked(o);
-    pthread_mutex_unlock(&BackendLock());
+    ObjectRelease(o);
     return nullptr;
 }
 
@@ -76,12 +83,9 @@ Handle ThreadCreateSuspended(uint32_t stackSize, ThreadEntry entry, void* parame
     if (!entry) return nullptr;
     Object* o = ObjectTake(Kind::Thread);
     if (!o) return nullptr;
-    {
-        BackendGuard guard;
-        o->entry = entry;
-        o->parameter = parameter;
-        o->refs = 2; // the handle and the running thread
-    }
+    o->entry = entry;
+    o->parameter = parameter;
+    o->refs.store(2, std::memory_order_release); // the handle and the running thread
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
@@ -95,29 +99,26 @@ Handle ThreadCreateSuspended(uint32_t stackSize, ThreadEntry entry, void* parame
     int failed = pthread_create(&thread, &attr, &ThreadMain, o);
     pthread_attr_destroy(&attr);
     if (failed) {
-        BackendGuard guard;
-        o->refs = 1;
-        ObjectReleaseLocked(o);
+        o->refs.store(1, std::memory_order_relaxed);
+        CloseHandle(o);
         return nullptr;
     }
     return o;
 }
 
 void ThreadSetPriority(Handle thread, int32_t priority) {
-    BackendGuard guard;
-    Object* o = ObjectFromHandleLocked(thread, Kind::Thread);
+    Object* o = ObjectFromHandle(thread, Kind::Thread);
     if (!o) return;
-    o->priority.store(priority, std::memory_order_relaxed);
+    o->priority.store(priority, std::memory_order_release);
     // A suspended thread applies it itself when resumed.
-    if (o->resumed && !o->ended) ApplyPriority(o->tid, priority);
+    if (o->resumed.load(std::memory_order_acquire) && o->word.load(std::memory_order_acquire) == 0)
+        ApplyCurrentPriority(o);
 }
 
 void ThreadResume(Handle thread) {
-    BackendGuard guard;
-    Object* o = ObjectFromHandleLocked(thread, Kind::Thread);
-    if (!o || o->resumed) return;
-    o->resumed = true;
-    pthread_cond_broadcast(&o->cond);
+    Object* o = ObjectFromHandle(thread, Kind::Thread);
+    if (!o || o->resumed.exchange(1, std::memory_order_acq_rel) != 0) return;
+    FutexWake(&o->resumed, 1);
 }
 
 int32_t CurrentThreadPriority() {

@@ -1,122 +1,124 @@
-// Application semaphores: the table of 128, poll and signal, and many threads.
+// Application semaphores: counts and the table of 128, many threads, waits that
+// end because what they wait on is closed, and records that requests cannot starve.
 #include "support/library_test.h"
 
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <thread>
 #include <vector>
 
 namespace {
 
-TEST(Semaphore, CountsStayWithinZeroAndTheMaximum) {
-    SemaphoreRecord* semaphore = zkCreateSemaphore(1, 2);
-    ASSERT_NE(semaphore, nullptr);
-    zkSignalSemaphore(semaphore);
-    zkSignalSemaphore(semaphore); // refused: would be 3
-    EXPECT_EQ(zkPollSemaphore(semaphore), 1);
-    zkWaitSemaphore(semaphore); // takes the available unit at once
-    EXPECT_EQ(zkPollSemaphore(semaphore), 0);
-    zkSignalSemaphore(semaphore);
-    EXPECT_EQ(zkPollSemaphore(semaphore), 1);
-    EXPECT_EQ(zkPollSemaphore(semaphore), 0);
-    zkReleaseSemaphore(semaphore);
+// A hang guard, not a measurement: a call that deadlocks never becomes ready.
+bool Returns(std::future<void>& call) {
+    return call.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
 }
 
-TEST(Semaphore, NullHandlesDoNothing) {
-    zkWaitSemaphore(nullptr);
-    zkSignalSemaphore(nullptr);
-    zkReleaseSemaphore(nullptr);
+// Runs body on n threads and joins them.
+template <typename Body> void OnThreads(int n, Body body) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < n; ++i)
+        threads.emplace_back(body, i);
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+TEST(Semaphore, CountsStayWithinZeroAndTheMaximumAndTheTableHolds128) {
+    EXPECT_EQ(zkCreateSemaphore(2, 1), nullptr) << "initial above maximum";
+    std::vector<SemaphoreRecord*> all;
+    while (SemaphoreRecord* semaphore = zkCreateSemaphore(1, 2))
+        all.push_back(semaphore);
+    ASSERT_EQ(all.size(), 128u); // no 129th
+    SemaphoreRecord* s = all[17];
+    zkSignalSemaphore(s);
+    zkSignalSemaphore(s); // refused: would be 3
+    zkWaitSemaphore(s);   // takes an available unit at once
+    EXPECT_EQ(zkPollSemaphore(s), 1);
+    EXPECT_EQ(zkPollSemaphore(s), 0);
+    zkReleaseSemaphore(s), zkReleaseSemaphore(s); // twice is harmless
+    EXPECT_EQ(zkCreateSemaphore(0, 1), s) << "a released record is the next one taken";
+    EXPECT_EQ(zkPollSemaphore(s), 0) << "the record holds the new semaphore";
+    for (SemaphoreRecord* semaphore : all)
+        zkReleaseSemaphore(semaphore);
+    zkWaitSemaphore(nullptr); // null handles do nothing
     EXPECT_EQ(zkPollSemaphore(nullptr), 0);
 }
 
-TEST(Semaphore, TableHolds128AndRefusedCountsGiveTheRecordBack) {
-    EXPECT_EQ(zkCreateSemaphore(2, 1), nullptr) << "initial above maximum";
-    EXPECT_EQ(zkCreateSemaphore(-1, 1), nullptr);
-    std::vector<SemaphoreRecord*> all;
-    for (int i = 0; i < 128; ++i) {
-        SemaphoreRecord* semaphore = zkCreateSemaphore(0, 1);
-        ASSERT_NE(semaphore, nullptr) << "record " << i;
-        all.push_back(semaphore);
-    }
-    EXPECT_EQ(zkCreateSemaphore(0, 1), nullptr) << "the 129th";
-    // A released record is the next one taken.
-    SemaphoreRecord* freed = all[17];
-    zkReleaseSemaphore(freed);
-    EXPECT_EQ(zkCreateSemaphore(1, 1), freed);
-    EXPECT_EQ(zkPollSemaphore(freed), 1) << "the record holds the new semaphore";
-    for (SemaphoreRecord* semaphore : all)
-        zkReleaseSemaphore(semaphore);
-    // Releasing twice is harmless, and the table is whole again.
-    zkReleaseSemaphore(freed);
-    for (int i = 0; i < 128; ++i) {
-        SemaphoreRecord* semaphore = zkCreateSemaphore(0, 1);
-        ASSERT_NE(semaphore, nullptr);
-        all[static_cast<size_t>(i)] = semaphore;
-    }
-    for (SemaphoreRecord* semaphore : all)
-        zkReleaseSemaphore(semaphore);
-}
-
-TEST(SemaphoreStress, ManyWaitersAndSignallersBalance) {
-    constexpr int kWaiters = 8;
-    constexpr int kSignallers = 4;
-    constexpr int kUnitsPerWaiter = 500;
+TEST(SemaphoreStress, UnitsBalanceAndRecordsStayTheirHolders) {
+    constexpr int kUnits = 500;
     SemaphoreRecord* semaphore = zkCreateSemaphore(0, 1 << 20);
-    ASSERT_NE(semaphore, nullptr);
-    std::atomic<int> taken{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kWaiters; ++i) {
-        threads.emplace_back([&]() {
-            for (int n = 0; n < kUnitsPerWaiter; ++n) {
-                zkWaitSemaphore(semaphore);
-                taken.fetch_add(1);
-            }
-        });
-    }
-    for (int i = 0; i < kSignallers; ++i) {
-        threads.emplace_back([&]() {
-            for (int n = 0; n < kWaiters * kUnitsPerWaiter / kSignallers; ++n)
-                zkSignalSemaphore(semaphore);
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(taken.load(), kWaiters * kUnitsPerWaiter);
+    std::atomic<int> taken{0}, failures{0};
+    OnThreads(12, [&](int i) {
+        for (int n = 0; n < kUnits; ++n) {
+            if (i < 8) // waiters
+                zkWaitSemaphore(semaphore), ++taken;
+            else // signallers
+                zkSignalSemaphore(semaphore), zkSignalSemaphore(semaphore);
+            SemaphoreRecord* mine = zkCreateSemaphore(1, 1); // the table from many threads
+            failures += !mine || zkPollSemaphore(mine) != 1;
+            zkReleaseSemaphore(mine);
+        }
+    });
+    EXPECT_EQ(taken.load(), 8 * kUnits);
+    EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(zkPollSemaphore(semaphore), 0) << "no unit left over";
     zkReleaseSemaphore(semaphore);
 }
 
-TEST(SemaphoreStress, TableTakeAndGiveBackFromManyThreads) {
-    constexpr int kThreads = 8;
-    constexpr int kRounds = 300;
-    std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&]() {
-            for (int r = 0; r < kRounds; ++r) {
-                SemaphoreRecord* mine[8];
-                for (SemaphoreRecord*& semaphore : mine) {
-                    semaphore = zkCreateSemaphore(1, 1);
-                    if (!semaphore) failures.fetch_add(1);
-                }
-                // Each record is this thread's alone while it holds it.
-                for (SemaphoreRecord* semaphore : mine)
-                    if (semaphore && zkPollSemaphore(semaphore) != 1) failures.fetch_add(1);
-                for (SemaphoreRecord* semaphore : mine)
-                    zkReleaseSemaphore(semaphore);
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(failures.load(), 0);
-    // All 128 records came back.
-    std::vector<SemaphoreRecord*> all;
-    for (int i = 0; i < 128; ++i)
-        all.push_back(zkCreateSemaphore(0, 1));
-    for (SemaphoreRecord* semaphore : all)
-        EXPECT_NE(semaphore, nullptr);
-    for (SemaphoreRecord* semaphore : all)
-        zkReleaseSemaphore(semaphore);
+// Closing what threads wait on ends their waits, and the closer does not block.
+TEST(CloseConcurrency, ReleasingASemaphoreEndsItsWaits) {
+    SemaphoreRecord* semaphore = zkCreateSemaphore(0, 1);
+    std::atomic<int> waiting{0};
+    auto wait = [&] { ++waiting, zkWaitSemaphore(semaphore); };
+    std::future<void> waiters[] = {std::async(std::launch::async, wait),
+                                   std::async(std::launch::async, wait),
+                                   std::async(std::launch::async, wait)};
+    while (waiting.load() < 3)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // lets them fall asleep
+    auto closer = std::async(std::launch::async, [&] { zkReleaseSemaphore(semaphore); });
+    ASSERT_TRUE(Returns(closer));
+    EXPECT_TRUE(Returns(waiters[0]) && Returns(waiters[1]) && Returns(waiters[2]));
+    SemaphoreRecord* again = zkCreateSemaphore(1, 1);
+    EXPECT_EQ(zkPollSemaphore(again), 1) << "the table still works";
+    zkReleaseSemaphore(again);
+}
+
+using CloseConcurrencyLibrary = zktest::LibraryTest;
+
+TEST_F(CloseConcurrencyLibrary, TerminationEndsAVblankWait) {
+    std::atomic<int> waits{0};
+    auto waiter = std::async(std::launch::async, [&] {
+        while (waits.load() >= 0 && zkWaitVblank())
+            ++waits;
+    });
+    while (waits.load() < 2)
+        std::this_thread::yield();
+    auto terminate = std::async(std::launch::async, [] { zkTerminate(); });
+    ASSERT_TRUE(Returns(terminate));
+    ASSERT_TRUE((waits = -1000, Returns(waiter)));
+    ASSERT_EQ(zkInitializeEx(zktest::kArenaSize, zktest::kDescriptors), 0); // for the tear-down
+}
+
+// Live requests hold no semaphore records, thread objects or ring buffers.
+TEST_F(CloseConcurrencyLibrary, SixHundredRequestsStarveNothing) {
+    ASSERT_EQ(zkInitializeRequest(600), 0);
+    std::vector<Request*> requests(600);
+    for (Request*& request : requests)
+        ASSERT_NE(request = zkCreateRequest(), nullptr);
+    SemaphoreRecord* semaphore = zkCreateSemaphore(0, 1);
+    ThreadRecord* thread = zkCreateThread(0);
+    auto signal = [](void* s) { zkSignalSemaphore(static_cast<SemaphoreRecord*>(s)); };
+    ASSERT_EQ(zkStartThread(thread, signal, semaphore), 0);
+    EXPECT_EQ(zkReleaseThread(thread), 0);
+    EXPECT_EQ(zkPollSemaphore(semaphore), 1) << "the thread ran";
+    unsigned char storage[16];
+    RingBuffer* ring = zkCreateRingBuffer(storage, sizeof(storage));
+    EXPECT_EQ(zkGetRingBufferAddress(ring), storage);
+    zkReleaseRingBuffer(ring);
+    zkReleaseSemaphore(semaphore);
+    for (Request* request : requests)
+        EXPECT_EQ(zkReleaseRequest(request), 0);
 }
 
 } // namespace

@@ -64,46 +64,28 @@ TEST_F(RequestProtocol, FrameLayout) {
     EXPECT_EQ(std::string(back, 24), "abcdefghijklmnopqrstuvwx");
 }
 
-TEST_F(RequestProtocol, Statuses) {
+TEST_F(RequestProtocol, StatusesAndNestedFrames) {
     EXPECT_EQ(zk::RequestWriter(nullptr, 4096).Status(), ZK_ERR_NULL_REQUEST);
     EXPECT_EQ(zk::RequestReader(nullptr).Status(), ZK_ERR_NULL_REQUEST);
     EXPECT_EQ(zk::RequestReader(request_).Status(), ZK_ERR_REQUEST_STATE);
     {
-        zk::RequestWriter first(request_, 4096);
-        EXPECT_EQ(first.Status(), 0);
-    }
-    EXPECT_EQ(request_->FrameCount(), 1u);
-    EXPECT_EQ(request_->Cursor(), 0u);
-    // One open operation per request: a second Begin is refused and changes nothing.
-    EXPECT_EQ(zk::RequestWriter(request_, 4096).Status(), ZK_ERR_REQUEST_STATE);
-    EXPECT_EQ(request_->FrameCount(), 1u);
-    EXPECT_EQ(request_->Arena().LiveCount(), 1u);
-    EXPECT_EQ(zkIsRequestCompleted(request_), 0);
-    request_->NotifyCompletion();
-    EXPECT_EQ(zkIsRequestCompleted(request_), 1);
-    {
-        zk::RequestReader reader(request_);
-        EXPECT_EQ(reader.Status(), 0);
-    }
-    EXPECT_EQ(request_->FrameCount(), 0u);
-    EXPECT_EQ(request_->Arena().LiveCount(), 0u);
-}
-
-TEST_F(RequestProtocol, FramesNestWhileAWriterIsOpen) {
-    {
+        // Frames nest while a writer is open.
         zk::RequestWriter outer(request_, 4096);
         ASSERT_EQ(outer.Status(), 0);
         zk::RequestWriter inner(request_, 4096);
         ASSERT_EQ(inner.Status(), 0);
-        EXPECT_EQ(request_->FrameCount(), 2u);
     }
+    EXPECT_EQ(request_->FrameCount(), 2u);
     EXPECT_EQ(request_->Cursor(), 0u);
-    EXPECT_EQ(request_->FrameState(0), zk::kFramePending);
-    EXPECT_EQ(request_->FrameState(1), zk::kFramePending);
+    // One open operation per request: another Begin is refused and changes nothing.
+    EXPECT_EQ(zk::RequestWriter(request_, 4096).Status(), ZK_ERR_REQUEST_STATE);
+    EXPECT_EQ(request_->Arena().LiveCount(), 2u);
+    EXPECT_EQ(zkIsRequestCompleted(request_), 0);
     // Without continuations one completion marks every frame done.
     request_->NotifyCompletion();
     EXPECT_EQ(request_->FrameState(0), zk::kFrameDone);
     EXPECT_EQ(request_->FrameState(1), zk::kFrameDone);
+    EXPECT_EQ(zkIsRequestCompleted(request_), 1);
     // The reader at the cursor stands on frame 0, not the top: nothing is popped.
     { zk::RequestReader reader(request_); }
     EXPECT_EQ(request_->FrameCount(), 2u);
@@ -136,23 +118,6 @@ TEST_F(RequestProtocol, CompletionOnAnotherThreadWakesTheEndOrThePoll) {
         std::this_thread::yield();
     EXPECT_EQ(zkWaitForRequestCompletion(request_), 0);
     EXPECT_EQ(EndAdd(request_), 11);
-}
-
-TEST_F(RequestProtocol, SynchronousWaiter) {
-    TestExecutor executor;
-    zk::Monitor monitor;
-    monitor.Initialize();
-    for (int i = 0; i < 100; ++i) {
-        zk::CompletionWaiter waiter;
-        waiter.Initialize(&monitor);
-        alignas(AddOperation) unsigned char room[sizeof(AddOperation)];
-        auto* operation = new (room) AddOperation(&waiter, i, i);
-        executor.Submit(operation);
-        zk::CompletionWaiter::WaitForCompletion(&monitor, &waiter);
-        EXPECT_EQ(operation->result, 2 * i);
-        operation->~AddOperation();
-    }
-    monitor.Destroy();
 }
 
 // ---- completion walk and continuations --------------------------------------------

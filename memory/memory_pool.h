@@ -141,6 +141,9 @@ public:
     const MemoryBlock* Bucket(uint32_t sizeClass) const { return buckets_[sizeClass]; }
     // The largest gap: last entry of the highest non-empty bucket; 0 if none.
     uint32_t LargestGap() const;
+    // Whether the pool holds a descriptor table: false for a record that was
+    // released, or reclaimed at termination.
+    bool Live() const { return descriptors_ != nullptr; }
     // Whether block is one of this pool's descriptors.
     bool OwnsDescriptor(const MemoryBlock* block) const {
         return descriptors_ && block >= descriptors_ && block < descriptors_ + descriptorCount_;

@@ -92,6 +92,37 @@ protected:
     std::vector<MemoryPool*> pools_;
 };
 
+// Every pool call on a stale pool handle does nothing and answers 0 or null.
+inline void ExpectPoolCallsInert(MemoryPool* pool) {
+    int calls = 0;
+    auto count = [](zkAddr, uint32_t, void* user) -> int32_t { return ++*static_cast<int*>(user); };
+    auto countBlock = [](zkAddr, uint32_t, uint32_t, void* user) -> int32_t {
+        return ++*static_cast<int*>(user);
+    };
+    TraceCapture trace;
+    EXPECT_EQ(zkAllocMemoryPoolBlock(pool, 16, 1), nullptr);
+    EXPECT_EQ(zkAllocMemoryPoolBlockEx(pool, 16, 1, ZK_ALLOC_TOP), nullptr);
+    EXPECT_EQ(zkFindMemoryPoolBlock(pool, 0x1000), nullptr);
+    EXPECT_EQ(zkEnumerateMemoryPoolBlocks(pool, countBlock, &calls), 0u);
+    EXPECT_EQ(zkEnumerateMemoryPoolGaps(pool, count, &calls), 0u);
+    EXPECT_EQ(zkEnumerateMemoryPoolUsed(pool, count, &calls), 0u);
+    EXPECT_EQ(zkEnumerateMemoryPoolCategory(pool, countBlock, &calls), 0u);
+    EXPECT_EQ(zkDumpAllMemoryPoolBlocks(pool, 0), 0u);
+    EXPECT_EQ(zkDumpAllMemoryPoolGaps(pool, 0), 0u);
+    for (uint32_t code = 1; code <= 10; ++code)
+        EXPECT_EQ(zkQueryMemoryPoolInfo(pool, code), 0u) << code;
+    MemoryInfo info{7, 7, 7, 7, 7};
+    zkGetMemoryPoolInfo(pool, &info);
+    EXPECT_EQ(info.size + info.used + info.free + info.blockCount + info.maxBlockCount, 35u);
+    zkFreeMemoryPoolBlock(pool, nullptr);
+    zkSetMemoryPoolAllocMode(pool, 2);
+    zkSetMemoryPoolCheckpoint(pool, 1);
+    zkSetBreakPoolAlloc(pool, 1);
+    zkReleaseMemoryPool(pool);
+    EXPECT_EQ(calls, 0);
+    EXPECT_TRUE(trace.Lines().empty());
+}
+
 // The system-pool block that starts at address, as the block walk sees it.
 inline BlockSeen SystemBlockAt(const void* address) {
     for (const BlockSeen& b : BlocksOf(zkGetSystemMemoryPool()))

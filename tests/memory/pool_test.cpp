@@ -171,6 +171,17 @@ TEST_F(PoolTest, RangesThatAreNotMappedMemory) {
     EXPECT_EQ(AddressOf(last), 0xFFFFFF00u); // ends at the last byte of the range
     EXPECT_EQ(GapsOf(top), (std::vector<Range>{{0xFFFF0100u, 0xFD00}}));
 
+    // A range that ends exactly at the top of the address space does not wrap.
+    const zkAddr topBase = ~zkAddr{0} - 0xFFF;
+    MemoryPool* end = Create(topBase, 0x1000, 8);
+    ASSERT_NE(end, nullptr);
+    EXPECT_EQ(AddressOf(zkAllocMemoryPoolBlockEx(end, 0x100, 0x100, ZK_ALLOC_TOP)),
+              topBase + 0xF00);
+    EXPECT_EQ(AddressOf(zkAllocMemoryPoolBlockEx(end, 0xFF, 1, ZK_ALLOC_TOP)), topBase + 0xE01);
+    EXPECT_EQ(AddressOf(zkAllocMemoryPoolBlock(end, 0x10, 0x10)), topBase);
+    EXPECT_EQ(GapsOf(end), (std::vector<Range>{{topBase + 0x10, 0xDF1}}));
+    EXPECT_EQ(UsedOf(end), (std::vector<Range>{{topBase, 0x10}, {topBase + 0xE01, 0x1FF}}));
+
     if (sizeof(zkAddr) == 8) {
         const uint64_t high = 0x123400001000ull;
         MemoryPool* above = Create(static_cast<zkAddr>(high), 0x1000, 8);
@@ -185,7 +196,7 @@ TEST_F(PoolTest, CreationRefusals) {
     EXPECT_EQ(Create(0x1000, 0x1000, 1), nullptr);
     // A range that wraps past the end of the address space.
     EXPECT_EQ(Create(~zkAddr{0} - 0xF, 0x100, 4), nullptr);
-    EXPECT_EQ(Create(~zkAddr{0} - 0xFF, 0x100, 4), nullptr);
+    EXPECT_EQ(Create(~zkAddr{0} - 0xFE, 0x100, 4), nullptr);
     // A descriptor table larger than the whole system pool.
     EXPECT_EQ(Create(0x1000, 0x1000, 0x7FFFFFFF), nullptr);
     // An empty range is allowed and can hold nothing.
@@ -283,6 +294,13 @@ TEST_F(PoolTest, HandlesOfAnotherPoolAreIgnored) {
     EXPECT_EQ(zkQueryMemoryPoolInfo(b, 7), 1u);
     zkFreeMemoryPoolBlock(a, inA);
     EXPECT_EQ(zkQueryMemoryPoolInfo(a, 7), 1u);
+}
+
+TEST_F(PoolTest, AReleasedPoolAnswersEveryCallWithZeroOrNull) {
+    MemoryPool* pool = zkCreateMemoryPool(0x1000, 0x1000, 8);
+    ASSERT_NE(zkAllocMemoryPoolBlock(pool, 16, 1), nullptr);
+    zkReleaseMemoryPool(pool);
+    ExpectPoolCallsInert(pool);
 }
 
 TEST_F(PoolTest, NullPoolAndNullHandle) {

@@ -87,7 +87,18 @@ TEST(MemoryStartup, WithoutASystemPoolEverythingIsEmpty) {
     ASSERT_EQ(zkInitializeEx(32u << 20, 1024), 0);
     void* survivor = zkMalloc(16);
     ASSERT_NE(survivor, nullptr);
+    MemoryBlock* handle = zkAllocMemoryBlock(16, 0);
+    ASSERT_NE(handle, nullptr);
+    MemoryPool* pool = zkCreateMemoryPool(0x1000, 0x1000, 4);
+    ASSERT_NE(zkAllocMemoryPoolBlock(pool, 16, 1), nullptr);
     EXPECT_EQ(zkTerminate(), 0);
+
+    // Handles into the released arena are not read.
+    EXPECT_EQ(zkGetMemoryBlockSize(handle), 0u);
+    EXPECT_EQ(zkLockMemory(handle), nullptr);
+    zkUnlockMemory(handle);
+    zkFreeMemoryBlock(handle);
+    ExpectPoolCallsInert(pool); // a pool left alive past termination
 
     EXPECT_EQ(zkGetSystemMemoryPool(), nullptr);
     EXPECT_EQ(zkMalloc(16), nullptr);

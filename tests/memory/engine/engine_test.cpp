@@ -1,7 +1,9 @@
 // The heap engine compiled into the test program itself, for what no export
 // reaches: the allocation counter's wrap, and the internal invariants (gap
 // buckets, free descriptor list) after long random sequences.
+#include "memory/memory_manager.h"
 #include "memory/memory_pool.h"
+#include "platform/platform.h"
 
 #include <gtest/gtest.h>
 
@@ -202,6 +204,44 @@ TEST(MemoryEngine, InvariantsHoldThroughRandomSequences) {
         }
         pool.Destroy(store);
     }
+}
+
+} // namespace
+
+namespace {
+
+// A system that refuses to commit more than g_commitLimit bytes at once.
+std::size_t g_commitLimit = 0;
+void* LimitedCommit(std::size_t size) {
+    return size > g_commitLimit ? nullptr : zk::os::VirtualCommit(size);
+}
+
+TEST(MemoryManagerStart, DefaultArenaBacksOffByHalvesAnExplicitSizeDoesNot) {
+    const struct {
+        std::size_t limit;
+        uint32_t arena;
+        int32_t result;
+    } rows[] = {
+        {64u << 20, zk::kDefaultArenaSize, ZK_OK},           // halves until the system agrees
+        {8u << 20, zk::kDefaultArenaSize, ZK_ERR_NO_MEMORY}, // not below 16 MiB
+        {16u << 20, 32u << 20, ZK_ERR_NO_MEMORY},            // as given or not at all
+        {16u << 20, 16u << 20, ZK_OK},
+    };
+    zk::g_arenaCommit = LimitedCommit;
+    for (const auto& row : rows) {
+        static zk::MemoryPoolTable table;
+        zk::MemoryManager manager;
+        manager.BindTable(&table);
+        g_commitLimit = row.limit;
+        EXPECT_EQ(manager.Start(row.arena, 1024), row.result) << row.limit << " " << row.arena;
+        if (manager.SystemPool()) {
+            EXPECT_LE(manager.SystemPool()->Size(), row.limit);
+            EXPECT_GT(manager.SystemPool()->Size(), 15u << 20);
+        }
+        manager.Stop();
+        EXPECT_EQ(table.UsedCount(), 0u);
+    }
+    zk::g_arenaCommit = zk::os::VirtualCommit;
 }
 
 } // namespace

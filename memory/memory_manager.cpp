@@ -173,8 +173,7 @@ void* PoolDescriptorStore::Allocate(uint32_t count) {
 
 void PoolDescriptorStore::Free(void* address) {
     if (!systemPool_ || !address) return;
-    if (MemoryBlock* block = systemPool_->FindByAddress(reinterpret_cast<zkAddr>(address)))
-        systemPool_->Release(block);
+    systemPool_->ReleaseByAddress(reinterpret_cast<zkAddr>(address), false);
 }
 
 } // namespace zk

@@ -6,26 +6,41 @@
 // bytes of the range it manages, and never allocates: a pool can describe any
 // span of addresses, mapped or not.
 //
-// Invariants (kept by Carve and Absorb, checked by the tests):
+// Invariants (kept by Carve and Absorb):
 //   - descriptor 0 is the head block: in use, address = base, size 0, never
 //     freed, never reported as a block; it owns the gap at the start;
 //   - blocks form one list in strictly increasing address order after the
 //     head (a block placed at base shares the head's address);
 //     for each block, address + size + gapAfter = next block's address, or
 //     base + size of the pool for the last block;
-//   - every block with gapAfter != 0 sits in exactly one bucket, the bucket of
-//     SizeClass(gapAfter); a bucket is ordered by ascending gap, newest first
+//   - every block with gapAfter != 0 sits in exactly one gap class, the class
+//     SizeClass(gapAfter); a class is ordered by ascending gap, newest first
 //     among equal gaps (insertion goes before the first entry >= its gap);
-//     a block always leaves its bucket before its gap changes;
-//   - used + the sum of all gaps = size; gapCount = entries in all buckets;
+//     a block always leaves its class before its gap changes;
+//   - used + the sum of all gaps = size; gapCount = entries in all classes;
 //   - free descriptors form a doubly linked list through previous/next;
 //   - the allocation counter never takes the value 0.
 //
-// Search by address: beside the descriptors, the same store allocation holds
-// an address index, an open-addressing hash table (linear probing, at least
-// twice as many slots as descriptors) of every block but the head. A search
-// is one probe sequence instead of a walk along the block list, so freeing by
-// address costs the same with 50 000 blocks alive as with 50.
+// Indexes, all inside the descriptor table, so that no step walks every
+// block:
+//   - each gap class is a treap (a binary search tree balanced by a
+//     priority hashed from the key) of the distinct gap sizes it holds; the
+//     blocks of one size hang off its node in a list, newest first, and the
+//     front block is the node. The in-order sequence of sizes, each size's
+//     list in turn, is the class order above. Best fit finds the first size
+//     of at least the request's by one descent and walks on in order only
+//     past entries the alignment rules out. A bit per class says which are
+//     non-empty;
+//   - the address tree is a treap over all blocks (head included) whose
+//     in-order sequence is the block list, each node holding the largest gap
+//     of its subtree; the lowest- and highest-address searches descend into
+//     subtrees whose largest gap can hold the request and skip the rest.
+//     Best fit never needs it, so it is built (in one pass over the list) by
+//     the pool's first lowest- or highest-address search and kept from then
+//     on; a pool that only ever searches best fit does not pay for it;
+//   - the address index, an open-addressing hash table (linear probing, at
+//     least twice as many slots as descriptors) of every block but the
+//     head, answers search by address with one probe sequence.
 //
 // Locks: the pool's critical section guards Carve, Absorb, FindByAddress and
 // Snapshot. Lock counts change under the LibraryLock instead. Hooks run
@@ -58,10 +73,17 @@ struct MemoryBlock {
     uint32_t gapAfter;      // free bytes up to the next block or the pool end
     MemoryBlock* previous;  // address order; free list when free
     MemoryBlock* next;
-    MemoryBlock* bucketPrevious; // gap bucket neighbours while gapAfter != 0
-    MemoryBlock* bucketNext;
+    MemoryBlock* gapLeft; // gap class tree (the front block of each gap size)
+    MemoryBlock* gapRight;
     uint32_t checkpoints;      // bit n set by checkpoint n
     uint32_t allocationNumber; // the pool counter's value at allocation
+    MemoryBlock* gapParent;
+    MemoryBlock* gapNewer; // blocks of the same gap size, newest first
+    MemoryBlock* gapOlder;
+    MemoryBlock* addressLeft; // address tree (every block in use)
+    MemoryBlock* addressRight;
+    MemoryBlock* addressParent;
+    uint32_t largestGapBelow; // largest gapAfter in this block's address subtree
 };
 
 namespace zk {
@@ -109,6 +131,11 @@ public:
     // The findable block (fixed, or lock count above 0) at exactly this
     // address, or null. One probe sequence in the address index.
     MemoryBlock* FindByAddress(zkAddr address);
+    // Finds the findable block at address and frees it, taking the lock once
+    // when there is no free hook. With lockFirst the block is locked as
+    // zkLockMemory does before it is freed (a lock a refusing free hook
+    // leaves in place). False when no block is found.
+    bool ReleaseByAddress(zkAddr address, bool lockFirst);
 
     // Raises the lock count of a non-fixed block (under the LibraryLock, not
     // past 65535). False for null or a block not in use.
@@ -138,8 +165,7 @@ public:
     uint32_t DescriptorCount() const { return descriptorCount_; }
     uint32_t GapCount() const { return gapCount_; }
     const MemoryBlock* Head() const { return descriptors_; }
-    const MemoryBlock* Bucket(uint32_t sizeClass) const { return buckets_[sizeClass]; }
-    // The largest gap: last entry of the highest non-empty bucket; 0 if none.
+    // The largest gap: last entry of the highest non-empty class; 0 if none.
     uint32_t LargestGap() const;
     // Whether the pool holds a descriptor table: false for a record that was
     // released, or reclaimed at termination.
@@ -157,9 +183,19 @@ private:
     MemoryBlock* Carve(uint32_t size, uint32_t alignment, uint32_t flags, uint32_t category);
     void Absorb(MemoryBlock* block);
     bool FindPlace(uint32_t taken, uint32_t alignment, uint32_t flags, MemoryBlock** owner,
-                   zkAddr* placement) const;
+                   zkAddr* placement);
     void BucketInsert(MemoryBlock* block);
     void BucketRemove(MemoryBlock* block);
+    void GapRotateUp(MemoryBlock* x);
+    void GapReplace(MemoryBlock* from, MemoryBlock* to);
+    MemoryBlock* BestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
+    void AddressInsertAfter(MemoryBlock* owner, MemoryBlock* ownerNext, MemoryBlock* block);
+    void AddressRemove(MemoryBlock* block);
+    void AddressRotateUp(MemoryBlock* x);
+    void AddressRefresh(MemoryBlock* from);
+    void AddressBuild();
+    MemoryBlock* LowestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
+    MemoryBlock* HighestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
     uint32_t IndexHome(zkAddr address) const;
     void IndexInsert(MemoryBlock* block);
     void IndexErase(const MemoryBlock* block);
@@ -171,7 +207,9 @@ private:
     MemoryBlock* descriptors_ = nullptr;
     MemoryBlock* last_ = nullptr;
     MemoryBlock* freeDescriptors_ = nullptr;
-    MemoryBlock* buckets_[zk::kGapBucketCount] = {};
+    MemoryBlock* buckets_[zk::kGapBucketCount] = {}; // gap class tree roots
+    uint32_t nonEmptyClasses_ = 0;                   // bit c: class c has a gap
+    MemoryBlock* addressRoot_ = nullptr;             // null until the address tree is built
     uint32_t blockCount_ = 0;
     uint32_t descriptorCount_ = 0;
     uint32_t gapCount_ = 0;

@@ -36,7 +36,7 @@ void MemoryManager::FreeHandle(MemoryBlock* block) {
 
 void MemoryManager::FreeAddress(void* address) {
     if (!systemPool_ || !address) return;
-    FreeHandle(systemPool_->FindByAddress(reinterpret_cast<zkAddr>(address)));
+    systemPool_->ReleaseByAddress(reinterpret_cast<zkAddr>(address), true);
 }
 
 } // namespace zk

@@ -101,7 +101,7 @@ uint64_t IndexSlots(uint32_t descriptorCount) {
 } // namespace
 
 uint64_t MemoryPool::TableDescriptors(uint32_t descriptorCount) {
-    const uint64_t indexBytes = IndexSlots(descriptorCount) * sizeof(MemoryBlock*);
+    const uint64_t indexBytes = IndexSlots(descriptorCount) * sizeof(zk::AddressSlot);
     return descriptorCount + (indexBytes + sizeof(MemoryBlock) - 1) / sizeof(MemoryBlock);
 }
 
@@ -136,9 +136,9 @@ int32_t MemoryPool::Initialize(zkAddr base, uint32_t size, uint32_t descriptorCo
 
     std::memset(room, 0, static_cast<std::size_t>(roomBytes));
     const uint64_t slots = IndexSlots(descriptorCount);
-    index_ = reinterpret_cast<MemoryBlock**>(table + descriptorCount);
+    index_ = reinterpret_cast<zk::AddressSlot*>(table + descriptorCount);
     indexMask_ = static_cast<uint32_t>(slots - 1);
-    indexShift_ = 64 - static_cast<uint32_t>(std::countr_zero(slots));
+    indexShift_ = 32 - static_cast<uint32_t>(std::countr_zero(slots));
     for (auto& head : buckets_)
         head = nullptr;
     nonEmptyClasses_ = 0;
@@ -501,37 +501,42 @@ MemoryBlock* MemoryPool::HighestFit(uint32_t taken, uint32_t alignment, zkAddr* 
 
 // ---- address index -------------------------------------------------------------
 
-uint32_t MemoryPool::IndexHome(zkAddr address) const {
-    return static_cast<uint32_t>((static_cast<uint64_t>(address) * 0x9E3779B97F4A7C15ull) >>
-                                 indexShift_);
+// Keys are the low 32 bits of block addresses: a pool's range is shorter than
+// 4 GiB, so they are distinct among its blocks.
+uint32_t MemoryPool::IndexHome(uint32_t key) const {
+    return static_cast<uint32_t>(key * 0x9E3779B9u) >> indexShift_;
 }
 
 void MemoryPool::IndexInsert(MemoryBlock* block) {
-    uint32_t i = IndexHome(block->address);
-    while (index_[i])
+    const uint32_t key = static_cast<uint32_t>(block->address);
+    uint32_t i = IndexHome(key);
+    while (index_[i].descriptor)
         i = (i + 1) & indexMask_;
-    index_[i] = block;
+    index_[i] = {key, static_cast<uint32_t>(block - descriptors_)};
 }
 
 // Linear probing with backward-shift deletion: entries after the hole move up
 // unless their home slot lies cyclically after the hole.
 void MemoryPool::IndexErase(const MemoryBlock* block) {
-    uint32_t hole = IndexHome(block->address);
-    while (index_[hole] != block)
+    const uint32_t descriptor = static_cast<uint32_t>(block - descriptors_);
+    uint32_t hole = IndexHome(static_cast<uint32_t>(block->address));
+    while (index_[hole].descriptor != descriptor)
         hole = (hole + 1) & indexMask_;
-    for (uint32_t j = (hole + 1) & indexMask_; index_[j]; j = (j + 1) & indexMask_) {
-        const uint32_t home = IndexHome(index_[j]->address);
+    for (uint32_t j = (hole + 1) & indexMask_; index_[j].descriptor; j = (j + 1) & indexMask_) {
+        const uint32_t home = IndexHome(index_[j].key);
         const bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
         if (stays) continue;
         index_[hole] = index_[j];
         hole = j;
     }
-    index_[hole] = nullptr;
+    index_[hole] = {0, 0};
 }
 
 MemoryBlock* MemoryPool::IndexFind(zkAddr address) const {
-    for (uint32_t i = IndexHome(address); index_[i]; i = (i + 1) & indexMask_) {
-        if (index_[i]->address == address) return index_[i];
+    const uint32_t key = static_cast<uint32_t>(address);
+    for (uint32_t i = IndexHome(key); index_[i].descriptor; i = (i + 1) & indexMask_) {
+        MemoryBlock* block = descriptors_ + index_[i].descriptor;
+        if (index_[i].key == key) return block->address == address ? block : nullptr;
     }
     return nullptr;
 }

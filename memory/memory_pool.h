@@ -40,7 +40,9 @@
 //     on; a pool that only ever searches best fit does not pay for it;
 //   - the address index, an open-addressing hash table (linear probing, at
 //     least twice as many slots as descriptors) of every block but the
-//     head, answers search by address with one probe sequence.
+//     head, answers search by address with one probe sequence; each slot
+//     holds the key (the address's low 32 bits) beside the descriptor's
+//     number, so probing never reads a descriptor.
 //
 // Locks: the pool's critical section guards Carve, Absorb, FindByAddress and
 // Snapshot. Lock counts change under the LibraryLock instead. Hooks run
@@ -63,27 +65,29 @@
 #include <cstdint>
 
 // One descriptor. A block handle given to applications points to one of these.
+// What allocation and release touch comes first, in the first 64 bytes on a
+// 64-bit host; diagnostics and the address tree follow.
 struct MemoryBlock {
-    uint32_t flags;         // ZK_BLOCK_IN_USE | allocation flags; 0 when free
-    uint16_t lockCount;     // saturates at 65535; not kept for fixed blocks
-    uint16_t category;      // caller's tag
-    zkAddr address;         // first byte of the block
-    uint32_t requestedSize; // as the caller asked
-    uint32_t size;          // as taken (rounded, at least 1)
-    uint32_t gapAfter;      // free bytes up to the next block or the pool end
-    MemoryBlock* previous;  // address order; free list when free
+    zkAddr address;        // first byte of the block
+    uint32_t size;         // as taken (rounded, at least 1)
+    uint32_t gapAfter;     // free bytes up to the next block or the pool end
+    uint32_t flags;        // ZK_BLOCK_IN_USE | allocation flags; 0 when free
+    uint16_t lockCount;    // saturates at 65535; not kept for fixed blocks
+    uint16_t category;     // caller's tag
+    MemoryBlock* previous; // address order; free list when free
     MemoryBlock* next;
     MemoryBlock* gapLeft; // gap class tree (the front block of each gap size)
     MemoryBlock* gapRight;
-    uint32_t checkpoints;      // bit n set by checkpoint n
-    uint32_t allocationNumber; // the pool counter's value at allocation
     MemoryBlock* gapParent;
     MemoryBlock* gapNewer; // blocks of the same gap size, newest first
     MemoryBlock* gapOlder;
-    MemoryBlock* addressLeft; // address tree (every block in use)
+    uint32_t requestedSize;    // as the caller asked
+    uint32_t checkpoints;      // bit n set by checkpoint n
+    uint32_t allocationNumber; // the pool counter's value at allocation
+    uint32_t largestGapBelow;  // largest gapAfter in this block's address subtree
+    MemoryBlock* addressLeft;  // address tree (every block in use), built on demand
     MemoryBlock* addressRight;
     MemoryBlock* addressParent;
-    uint32_t largestGapBelow; // largest gapAfter in this block's address subtree
 };
 
 namespace zk {
@@ -95,6 +99,13 @@ constexpr uint32_t kAllocationSearchFlags = ZK_ALLOC_TOP | ZK_ALLOC_BOTTOM;
 inline uint32_t SizeClass(uint32_t n) {
     return n < 2 ? 0u : static_cast<uint32_t>(std::bit_width(n)) - 1u;
 }
+
+// One slot of the address index; descriptor 0 (the head block, never
+// indexed) marks an empty slot.
+struct AddressSlot {
+    uint32_t key;
+    uint32_t descriptor;
+};
 
 inline bool IsFindable(const MemoryBlock* b) {
     return (b->flags & ZK_ALLOC_FIXED) != 0 || b->lockCount > 0;
@@ -196,7 +207,7 @@ private:
     void AddressBuild();
     MemoryBlock* LowestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
     MemoryBlock* HighestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
-    uint32_t IndexHome(zkAddr address) const;
+    uint32_t IndexHome(uint32_t key) const;
     void IndexInsert(MemoryBlock* block);
     void IndexErase(const MemoryBlock* block);
     MemoryBlock* IndexFind(zkAddr address) const;
@@ -219,7 +230,7 @@ private:
     uint32_t breakNumber_ = 0;
     MemoryAllocHook allocHook_ = nullptr;
     MemoryFreeHook freeHook_ = nullptr;
-    MemoryBlock** index_ = nullptr; // address index, indexMask_ + 1 slots
+    zk::AddressSlot* index_ = nullptr; // address index, indexMask_ + 1 slots
     uint32_t indexMask_ = 0;
     uint32_t indexShift_ = 0;
 

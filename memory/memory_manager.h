@@ -82,7 +82,8 @@ public:
     // Locks the block as zkLockMemory does, then releases it; ignores null and
     // blocks not in use.
     void FreeHandle(MemoryBlock* block);
-    // Frees the findable system-pool block that starts at address.
+    // Frees the findable system-pool block that starts at address, finding
+    // and freeing under one hold of the pool lock.
     void FreeAddress(void* address);
 
     void BindTable(MemoryPoolTable* table) { poolTable_ = table; }

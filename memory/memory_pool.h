@@ -1,8 +1,9 @@
 // The heap engine: one MemoryPool manages one address range with a block/gap
 // list whose bookkeeping lives entirely in a table of MemoryBlock descriptors.
 //
-// What it owns: the descriptor table handed out by a DescriptorStore, the
-// 32 gap buckets and the pool's critical section. It never reads or writes the
+// What it owns: the descriptor table handed out by a DescriptorStore (the
+// descriptors and the address index), the roots of the 32 gap classes and of
+// the address tree, and the pool's critical section. It never reads or writes the
 // bytes of the range it manages, and never allocates: a pool can describe any
 // span of addresses, mapped or not.
 //
@@ -45,12 +46,15 @@
 //     number, so probing never reads a descriptor.
 //
 // Locks: the pool's critical section guards Carve, Absorb, FindByAddress and
-// Snapshot. Lock counts change under the LibraryLock instead. Hooks run
+// Snapshot; each exported call takes it once (zkFree finds and frees under
+// one hold unless a free hook must run in between). Lock counts change under
+// the LibraryLock instead. Hooks run
 // outside both. Checkpoints, queries and walks take no lock: callers must not
 // run them while another thread allocates or frees in the same pool.
 //
 // Addresses are zkAddr (pointer-sized on 64-bit hosts); sizes and counts are
-// 32-bit. A range must not wrap past the end of the address space.
+// 32-bit. A range must not wrap past the end of the address space (it may end
+// exactly at its top: addresses are computed modulo the address width).
 #ifndef ZK_MEMORY_MEMORY_POOL_H
 #define ZK_MEMORY_MEMORY_POOL_H
 

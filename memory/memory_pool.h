@@ -170,6 +170,7 @@ public:
     void SetBreakNumber(uint32_t number) { breakNumber_ = number; }
     MemoryAllocHook SetAllocHook(MemoryAllocHook hook);
     MemoryFreeHook SetFreeHook(MemoryFreeHook hook);
+    bool HasFreeHook() const { return freeHook_ != nullptr; }
 
     // Read-only views for the walks and queries.
     zkAddr Base() const { return base_; }

@@ -9,6 +9,7 @@
 #include "memory/pool_walks.h"
 #include "platform/platform.h"
 
+using zk::LivePool;
 using zk::SystemPool;
 
 namespace {
@@ -28,7 +29,7 @@ extern "C" ZK_API void ZK_CALL zkGetMemoryInfo(MemoryInfo* info) {
 }
 
 extern "C" ZK_API void ZK_CALL zkGetMemoryPoolInfo(MemoryPool* pool, MemoryInfo* info) {
-    if (info && pool) pool->Snapshot(info);
+    if (info && LivePool(pool)) pool->Snapshot(info);
 }
 
 extern "C" ZK_API zkAddr ZK_CALL zkQueryMemoryInfo(uint32_t code) {
@@ -37,7 +38,7 @@ extern "C" ZK_API zkAddr ZK_CALL zkQueryMemoryInfo(uint32_t code) {
 }
 
 extern "C" ZK_API zkAddr ZK_CALL zkQueryMemoryPoolInfo(MemoryPool* pool, uint32_t code) {
-    return pool ? zk::QueryPool(*pool, code) : 0;
+    return LivePool(pool) ? zk::QueryPool(*pool, code) : 0;
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryBlocks(MemoryBlockCallback callback,
@@ -48,7 +49,7 @@ extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryBlocks(MemoryBlockCallback c
 extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryPoolBlocks(MemoryPool* pool,
                                                                MemoryBlockCallback callback,
                                                                void* user) {
-    return callback && pool ? zk::WalkBlocks(*pool, callback, user) : 0;
+    return callback && LivePool(pool) ? zk::WalkBlocks(*pool, callback, user) : 0;
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryGaps(MemoryRangeCallback callback, void* user) {
@@ -58,7 +59,7 @@ extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryGaps(MemoryRangeCallback cal
 extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryPoolGaps(MemoryPool* pool,
                                                              MemoryRangeCallback callback,
                                                              void* user) {
-    return callback && pool ? zk::WalkGaps(*pool, callback, user) : 0;
+    return callback && LivePool(pool) ? zk::WalkGaps(*pool, callback, user) : 0;
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryUsed(MemoryRangeCallback callback, void* user) {
@@ -68,13 +69,13 @@ extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryUsed(MemoryRangeCallback cal
 extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryPoolUsed(MemoryPool* pool,
                                                              MemoryRangeCallback callback,
                                                              void* user) {
-    return callback && pool ? zk::WalkUsed(*pool, callback, user) : 0;
+    return callback && LivePool(pool) ? zk::WalkUsed(*pool, callback, user) : 0;
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkEnumerateMemoryPoolCategory(MemoryPool* pool,
                                                                  MemoryCategoryCallback callback,
                                                                  void* user) {
-    return callback && pool ? zk::WalkCategories(*pool, callback, user) : 0;
+    return callback && LivePool(pool) ? zk::WalkCategories(*pool, callback, user) : 0;
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkDumpAllMemoryBlocks(uint32_t checkpoint) {
@@ -84,7 +85,7 @@ extern "C" ZK_API uint32_t ZK_CALL zkDumpAllMemoryBlocks(uint32_t checkpoint) {
 
 extern "C" ZK_API uint32_t ZK_CALL zkDumpAllMemoryPoolBlocks(MemoryPool* pool,
                                                              uint32_t checkpoint) {
-    return pool ? zk::DumpBlocks(*pool, checkpoint) : 0;
+    return LivePool(pool) ? zk::DumpBlocks(*pool, checkpoint) : 0;
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkDumpAllMemoryGaps(uint32_t minimumSize) {
@@ -93,7 +94,7 @@ extern "C" ZK_API uint32_t ZK_CALL zkDumpAllMemoryGaps(uint32_t minimumSize) {
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkDumpAllMemoryPoolGaps(MemoryPool* pool, uint32_t minimumSize) {
-    return pool ? zk::DumpGaps(*pool, minimumSize) : 0;
+    return LivePool(pool) ? zk::DumpGaps(*pool, minimumSize) : 0;
 }
 
 extern "C" ZK_API void ZK_CALL zkShowMemoryStatus(uint32_t flag) {

@@ -35,17 +35,20 @@ extern "C" ZK_API void ZK_CALL zkFreeMemoryBlock(MemoryBlock* block) {
     Memory().FreeHandle(block);
 }
 
+// Handles are descriptors in the system pool or in a table the system pool
+// holds: without a system pool they point into released memory and are not
+// read.
 extern "C" ZK_API void* ZK_CALL zkLockMemory(MemoryBlock* block) {
-    if (!MemoryPool::Lock(block)) return nullptr;
+    if (!zk::SystemPool() || !MemoryPool::Lock(block)) return nullptr;
     return reinterpret_cast<void*>(block->address);
 }
 
 extern "C" ZK_API void ZK_CALL zkUnlockMemory(MemoryBlock* block) {
-    MemoryPool::Unlock(block);
+    if (zk::SystemPool()) MemoryPool::Unlock(block);
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkGetMemoryBlockSize(MemoryBlock* block) {
-    return block ? block->requestedSize : 0;
+    return block && zk::SystemPool() ? block->requestedSize : 0;
 }
 
 extern "C" ZK_API MemoryPool* ZK_CALL zkGetSystemMemoryPool(void) {

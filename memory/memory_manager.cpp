@@ -22,6 +22,8 @@ zkAddr RoundUp64(zkAddr value) {
 
 } // namespace
 
+ArenaCommitProc g_arenaCommit = os::VirtualCommit;
+
 MemoryManager& Memory() {
     return g_memoryManager;
 }
@@ -49,14 +51,22 @@ int32_t MemoryManager::Start(uint32_t arenaSize, uint32_t descriptorCount) {
     if (systemPool_) return ZK_OK;
     if (!poolTable_) poolTable_ = &g_poolTable;
 
-    std::size_t bytes = arenaSize == kDefaultArenaSize ? DefaultArenaBytes() : arenaSize;
+    const bool byDefault = arenaSize == kDefaultArenaSize;
+    std::size_t bytes = byDefault ? DefaultArenaBytes() : arenaSize;
     if (descriptorCount < 2 || bytes == 0) return ZK_ERR_NO_MEMORY;
     // The table alone must fit in the arena; checked in 64 bits so that a huge
     // descriptor count cannot wrap around.
     const uint64_t tableBytes = MemoryPool::TableBytes(descriptorCount);
     if (tableBytes == 0 || tableBytes >= bytes) return ZK_ERR_NO_MEMORY;
 
-    void* arena = os::VirtualCommit(bytes);
+    // Half the available memory can be more contiguous address space than the
+    // process has (a 32-bit process rarely has 1 GiB in one piece): a default
+    // arena backs off by halves before start-up gives up.
+    void* arena = g_arenaCommit(bytes);
+    while (!arena && byDefault && bytes / 2 >= kSmallestDefaultArena && bytes / 2 > tableBytes) {
+        bytes = (bytes / 2) & ~static_cast<std::size_t>(0xFFFF);
+        arena = g_arenaCommit(bytes);
+    }
     if (!arena) return ZK_ERR_NO_MEMORY;
 
     defaultMode_ = 0;
@@ -109,7 +119,8 @@ void MemoryManager::Stop() {
 
 MemoryPool* MemoryManager::CreatePool(zkAddr base, uint32_t size, uint32_t maxBlocks) {
     if (!systemPool_ || !poolTable_ || maxBlocks < 2) return nullptr;
-    if (base + size < base) return nullptr; // wraps past the end of the address space
+    // A range may end exactly at the top of the address space, not past it.
+    if (size != 0 && base + (size - 1) < base) return nullptr;
     MemoryPool* pool = poolTable_->Take();
     if (!pool) return nullptr;
     PoolDescriptorStore store(systemPool_);
@@ -162,8 +173,7 @@ void* PoolDescriptorStore::Allocate(uint32_t count) {
 
 void PoolDescriptorStore::Free(void* address) {
     if (!systemPool_ || !address) return;
-    if (MemoryBlock* block = systemPool_->FindByAddress(reinterpret_cast<zkAddr>(address)))
-        systemPool_->Release(block);
+    systemPool_->ReleaseByAddress(reinterpret_cast<zkAddr>(address), false);
 }
 
 } // namespace zk

@@ -23,6 +23,14 @@ constexpr uint32_t kPoolRecordCount = 16;
 constexpr uint32_t kSystemAlignment = 64;
 // arenaSize that asks for half of the available physical memory.
 constexpr uint32_t kDefaultArenaSize = 0xFFFFFFFFu;
+// A default arena the system refuses is asked for again at half the size,
+// down to this; an explicit size is committed as given or not at all.
+constexpr std::size_t kSmallestDefaultArena = 16u << 20;
+
+// The call that commits the arena: the platform's, unless a test of the
+// manager stands in a system that refuses some sizes.
+using ArenaCommitProc = void* (*)(std::size_t size);
+extern ArenaCommitProc g_arenaCommit;
 
 // 16 MemoryPool records with a free list, and the system pool's record.
 class MemoryPoolTable {
@@ -44,17 +52,19 @@ private:
 
 class MemoryManager {
 public:
-    // Commits the arena and builds the system pool. -5 when no usable system
-    // pool results (descriptorCount < 2, arena not committed, descriptor table
-    // filling the arena, or no free pool record). Already started: 0, nothing
-    // changes.
+    // Commits the arena and builds the system pool. The default size backs
+    // off by halves while the commit is refused (not below
+    // kSmallestDefaultArena). -5 when no usable system pool results
+    // (descriptorCount < 2, arena not committed, descriptor table filling the
+    // arena, or no free pool record). Already started: 0, nothing changes.
     int32_t Start(uint32_t arenaSize, uint32_t descriptorCount);
     // Destroys the system pool and releases the arena. Safe to call twice.
     void Stop();
 
     // An application pool over [base, base + size) with its descriptor table
     // in the system pool. Null without a system pool, for maxBlocks < 2, for a
-    // range that wraps past the end of the address space, when all records are
+    // range that wraps past the end of the address space (one that ends
+    // exactly at its top is allowed), when all records are
     // taken, or when the system pool has no room for the table.
     MemoryPool* CreatePool(zkAddr base, uint32_t size, uint32_t maxBlocks);
     // Destroys an application pool and gives its record back. The system pool
@@ -72,7 +82,8 @@ public:
     // Locks the block as zkLockMemory does, then releases it; ignores null and
     // blocks not in use.
     void FreeHandle(MemoryBlock* block);
-    // Frees the findable system-pool block that starts at address.
+    // Frees the findable system-pool block that starts at address, finding
+    // and freeing under one hold of the pool lock.
     void FreeAddress(void* address);
 
     void BindTable(MemoryPoolTable* table) { poolTable_ = table; }
@@ -102,6 +113,13 @@ MemoryPoolTable& PoolTable();
 // The system pool, or null when the library is not initialised.
 inline MemoryPool* SystemPool() {
     return Memory().SystemPool();
+}
+
+// A pool handle the pool functions may act on: null for null and for a
+// released pool (its record keeps no descriptor table), so that every pool
+// call answers a stale handle with 0 or null instead of reading freed memory.
+inline MemoryPool* LivePool(MemoryPool* pool) {
+    return pool && pool->Live() ? pool : nullptr;
 }
 
 } // namespace zk

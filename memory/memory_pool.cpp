@@ -62,10 +62,31 @@ void ClearDescriptor(MemoryBlock* b) {
     b->requestedSize = 0;
     b->size = 0;
     b->gapAfter = 0;
-    b->bucketPrevious = nullptr;
-    b->bucketNext = nullptr;
+    b->gapLeft = b->gapRight = b->gapParent = b->gapNewer = b->gapOlder = nullptr;
+    b->addressLeft = b->addressRight = b->addressParent = nullptr;
+    b->largestGapBelow = 0;
     b->checkpoints = 0;
     b->allocationNumber = 0;
+}
+
+// Treap priority of a descriptor: a hash of its address, so that the trees'
+// shapes do not follow the order of allocation.
+uint32_t Priority(const MemoryBlock* b) {
+    return static_cast<uint32_t>(
+        (static_cast<uint64_t>(reinterpret_cast<uintptr_t>(b)) * 0x9E3779B97F4A7C15ull) >> 32);
+}
+
+uint32_t LargestBelow(const MemoryBlock* b) {
+    return b ? b->largestGapBelow : 0;
+}
+
+uint32_t LargestOf(const MemoryBlock* b) {
+    uint32_t largest = b->gapAfter;
+    if (b->addressLeft && b->addressLeft->largestGapBelow > largest)
+        largest = b->addressLeft->largestGapBelow;
+    if (b->addressRight && b->addressRight->largestGapBelow > largest)
+        largest = b->addressRight->largestGapBelow;
+    return largest;
 }
 
 // Address index slots: the smallest power of two of at least twice the
@@ -80,7 +101,7 @@ uint64_t IndexSlots(uint32_t descriptorCount) {
 } // namespace
 
 uint64_t MemoryPool::TableDescriptors(uint32_t descriptorCount) {
-    const uint64_t indexBytes = IndexSlots(descriptorCount) * sizeof(MemoryBlock*);
+    const uint64_t indexBytes = IndexSlots(descriptorCount) * sizeof(zk::AddressSlot);
     return descriptorCount + (indexBytes + sizeof(MemoryBlock) - 1) / sizeof(MemoryBlock);
 }
 
@@ -115,11 +136,12 @@ int32_t MemoryPool::Initialize(zkAddr base, uint32_t size, uint32_t descriptorCo
 
     std::memset(room, 0, static_cast<std::size_t>(roomBytes));
     const uint64_t slots = IndexSlots(descriptorCount);
-    index_ = reinterpret_cast<MemoryBlock**>(table + descriptorCount);
+    index_ = reinterpret_cast<zk::AddressSlot*>(table + descriptorCount);
     indexMask_ = static_cast<uint32_t>(slots - 1);
-    indexShift_ = 64 - static_cast<uint32_t>(std::countr_zero(slots));
+    indexShift_ = 32 - static_cast<uint32_t>(std::countr_zero(slots));
     for (auto& head : buckets_)
         head = nullptr;
+    nonEmptyClasses_ = 0;
 
     for (uint32_t i = 1; i < descriptorCount; ++i) {
         table[i].previous = i > 1 ? &table[i - 1] : nullptr;
@@ -132,6 +154,7 @@ int32_t MemoryPool::Initialize(zkAddr base, uint32_t size, uint32_t descriptorCo
     head->address = base;
     head->gapAfter = size;
     head->allocationNumber = 0;
+    addressRoot_ = nullptr;
     allocationCounter_ = 1;
     blockCount_ = 1;
     if (size != 0) BucketInsert(head);
@@ -148,6 +171,8 @@ void MemoryPool::Destroy(zk::DescriptorStore& store) {
     freeDescriptors_ = nullptr;
     for (auto& head : buckets_)
         head = nullptr;
+    nonEmptyClasses_ = 0;
+    addressRoot_ = nullptr;
     base_ = 0;
     size_ = 0;
     used_ = 0;
@@ -158,81 +183,360 @@ void MemoryPool::Destroy(zk::DescriptorStore& store) {
     freeHook_ = nullptr;
 }
 
-// ---- gap buckets -------------------------------------------------------------
+// ---- gap classes -------------------------------------------------------------
 
-void MemoryPool::BucketInsert(MemoryBlock* block) {
-    MemoryBlock** slot = &buckets_[SizeClass(block->gapAfter)];
-    MemoryBlock* before = nullptr;
-    MemoryBlock* at = *slot;
-    while (at && at->gapAfter < block->gapAfter) {
-        before = at;
-        at = at->bucketNext;
+// Treap priority of a gap size: a hash of the size, so that a class tree's
+// shape depends only on the sizes it holds, not on which block stands for
+// them.
+uint32_t GapPriority(uint32_t gap) {
+    return (gap * 0x9E3779B9u) ^ (gap >> 16);
+}
+
+// Rotates x above its parent in its gap class tree; the in-order sequence
+// stays as it was.
+void MemoryPool::GapRotateUp(MemoryBlock* x) {
+    MemoryBlock* p = x->gapParent;
+    MemoryBlock* g = p->gapParent;
+    if (p->gapLeft == x) {
+        p->gapLeft = x->gapRight;
+        if (x->gapRight) x->gapRight->gapParent = p;
+        x->gapRight = p;
+    } else {
+        p->gapRight = x->gapLeft;
+        if (x->gapLeft) x->gapLeft->gapParent = p;
+        x->gapLeft = p;
     }
-    block->bucketPrevious = before;
-    block->bucketNext = at;
-    if (at) at->bucketPrevious = block;
-    if (before)
-        before->bucketNext = block;
+    p->gapParent = x;
+    x->gapParent = g;
+    if (!g)
+        buckets_[SizeClass(x->gapAfter)] = x;
+    else if (g->gapLeft == p)
+        g->gapLeft = x;
     else
-        *slot = block;
+        g->gapRight = x;
+}
+
+// Puts to into from's place in its class tree (same gap size, so the same
+// place in the order and the same priority).
+void MemoryPool::GapReplace(MemoryBlock* from, MemoryBlock* to) {
+    to->gapLeft = from->gapLeft;
+    to->gapRight = from->gapRight;
+    to->gapParent = from->gapParent;
+    if (to->gapLeft) to->gapLeft->gapParent = to;
+    if (to->gapRight) to->gapRight->gapParent = to;
+    if (!to->gapParent)
+        buckets_[SizeClass(to->gapAfter)] = to;
+    else if (to->gapParent->gapLeft == from)
+        to->gapParent->gapLeft = to;
+    else
+        to->gapParent->gapRight = to;
+    from->gapLeft = from->gapRight = from->gapParent = nullptr;
+}
+
+// Goes before the first entry whose gap is at least its own, so the newest
+// comes first among equal gaps: at the front of its size's list, taking the
+// size's place in the tree from the block that held it.
+void MemoryPool::BucketInsert(MemoryBlock* block) {
+    const uint32_t gap = block->gapAfter;
+    const uint32_t c = SizeClass(gap);
+    block->gapNewer = block->gapOlder = nullptr;
+    block->gapLeft = block->gapRight = nullptr;
+    MemoryBlock* parent = nullptr;
+    MemoryBlock** link = &buckets_[c];
+    while (MemoryBlock* at = *link) {
+        if (at->gapAfter == gap) {
+            GapReplace(at, block);
+            block->gapOlder = at;
+            at->gapNewer = block;
+            nonEmptyClasses_ |= 1u << c;
+            ++gapCount_;
+            return;
+        }
+        parent = at;
+        link = gap < at->gapAfter ? &at->gapLeft : &at->gapRight;
+    }
+    block->gapParent = parent;
+    *link = block;
+    const uint32_t priority = GapPriority(gap);
+    while (block->gapParent && priority > GapPriority(block->gapParent->gapAfter))
+        GapRotateUp(block);
+    nonEmptyClasses_ |= 1u << c;
     ++gapCount_;
 }
 
 void MemoryPool::BucketRemove(MemoryBlock* block) {
-    if (block->bucketPrevious)
-        block->bucketPrevious->bucketNext = block->bucketNext;
-    else
-        buckets_[SizeClass(block->gapAfter)] = block->bucketNext;
-    if (block->bucketNext) block->bucketNext->bucketPrevious = block->bucketPrevious;
-    block->bucketPrevious = nullptr;
-    block->bucketNext = nullptr;
     if (gapCount_ > 0) --gapCount_;
+    if (MemoryBlock* newer = block->gapNewer) { // behind the front of its size's list
+        newer->gapOlder = block->gapOlder;
+        if (block->gapOlder) block->gapOlder->gapNewer = newer;
+        block->gapNewer = block->gapOlder = nullptr;
+        return;
+    }
+    if (MemoryBlock* older = block->gapOlder) { // the next of its size takes its place
+        GapReplace(block, older);
+        older->gapNewer = nullptr;
+        block->gapOlder = nullptr;
+        return;
+    }
+    const uint32_t c = SizeClass(block->gapAfter);
+    while (block->gapLeft && block->gapRight)
+        GapRotateUp(GapPriority(block->gapLeft->gapAfter) > GapPriority(block->gapRight->gapAfter)
+                        ? block->gapLeft
+                        : block->gapRight);
+    MemoryBlock* child = block->gapLeft ? block->gapLeft : block->gapRight;
+    MemoryBlock* parent = block->gapParent;
+    if (child) child->gapParent = parent;
+    if (!parent)
+        buckets_[c] = child;
+    else if (parent->gapLeft == block)
+        parent->gapLeft = child;
+    else
+        parent->gapRight = child;
+    block->gapLeft = block->gapRight = block->gapParent = nullptr;
+    if (!buckets_[c]) nonEmptyClasses_ &= ~(1u << c);
 }
 
 uint32_t MemoryPool::LargestGap() const {
-    for (uint32_t c = zk::kGapBucketCount; c-- > 0;) {
-        const MemoryBlock* b = buckets_[c];
-        if (!b) continue;
-        while (b->bucketNext)
-            b = b->bucketNext;
-        return b->gapAfter;
+    if (!nonEmptyClasses_) return 0;
+    const MemoryBlock* b = buckets_[std::bit_width(nonEmptyClasses_) - 1];
+    while (b->gapRight)
+        b = b->gapRight;
+    return b->gapAfter;
+}
+
+// Size classes upwards from the request's; in each, from the first size of
+// at least the taken size on, in class order (each size's blocks newest
+// first), the first whose gap holds the block at its alignment.
+MemoryBlock* MemoryPool::BestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const {
+    uint32_t classes = nonEmptyClasses_ & ~((1u << SizeClass(taken)) - 1u);
+    while (classes) {
+        const uint32_t c = static_cast<uint32_t>(std::countr_zero(classes));
+        classes &= classes - 1;
+        MemoryBlock* at = nullptr;
+        for (MemoryBlock* b = buckets_[c]; b;) {
+            if (b->gapAfter >= taken) {
+                at = b;
+                b = b->gapLeft;
+            } else {
+                b = b->gapRight;
+            }
+        }
+        while (at) {
+            for (MemoryBlock* b = at; b; b = b->gapOlder)
+                if (FitsFromBottom(GapStart(b), b->gapAfter, taken, alignment, placement)) return b;
+            if (at->gapRight) { // the next size up
+                at = at->gapRight;
+                while (at->gapLeft)
+                    at = at->gapLeft;
+            } else {
+                MemoryBlock* from = at;
+                at = at->gapParent;
+                while (at && at->gapRight == from) {
+                    from = at;
+                    at = at->gapParent;
+                }
+            }
+        }
     }
-    return 0;
+    return nullptr;
+}
+
+// ---- address tree ---------------------------------------------------------------
+
+// Rotates x above its parent; both get their largest gap again from their
+// children. The pair covers the same blocks as before, so nothing above
+// changes.
+void MemoryPool::AddressRotateUp(MemoryBlock* x) {
+    MemoryBlock* p = x->addressParent;
+    MemoryBlock* g = p->addressParent;
+    if (p->addressLeft == x) {
+        p->addressLeft = x->addressRight;
+        if (x->addressRight) x->addressRight->addressParent = p;
+        x->addressRight = p;
+    } else {
+        p->addressRight = x->addressLeft;
+        if (x->addressLeft) x->addressLeft->addressParent = p;
+        x->addressLeft = p;
+    }
+    p->addressParent = x;
+    x->addressParent = g;
+    if (!g)
+        addressRoot_ = x;
+    else if (g->addressLeft == p)
+        g->addressLeft = x;
+    else
+        g->addressRight = x;
+    p->largestGapBelow = LargestOf(p);
+    x->largestGapBelow = LargestOf(x);
+}
+
+// After one node's gap or children changed: recomputes it and its ancestors
+// up to the first whose largest gap stays the same.
+void MemoryPool::AddressRefresh(MemoryBlock* from) {
+    for (MemoryBlock* b = from; b; b = b->addressParent) {
+        const uint32_t largest = LargestOf(b);
+        if (largest == b->largestGapBelow) return;
+        b->largestGapBelow = largest;
+    }
+}
+
+// Places block right after owner in the in-order sequence: as owner's right
+// child, or as the left child of owner's successor (the leftmost node of
+// owner's right subtree, which has none).
+void MemoryPool::AddressInsertAfter(MemoryBlock* owner, MemoryBlock* ownerNext,
+                                    MemoryBlock* block) {
+    block->addressLeft = block->addressRight = nullptr;
+    block->largestGapBelow = block->gapAfter;
+    if (!owner->addressRight) {
+        owner->addressRight = block;
+        block->addressParent = owner;
+    } else {
+        ownerNext->addressLeft = block;
+        block->addressParent = ownerNext;
+    }
+    AddressRefresh(block->addressParent);
+    const uint32_t priority = Priority(block);
+    while (block->addressParent && priority > Priority(block->addressParent))
+        AddressRotateUp(block);
+}
+
+void MemoryPool::AddressRemove(MemoryBlock* block) {
+    while (block->addressLeft && block->addressRight)
+        AddressRotateUp(Priority(block->addressLeft) > Priority(block->addressRight)
+                            ? block->addressLeft
+                            : block->addressRight);
+    MemoryBlock* child = block->addressLeft ? block->addressLeft : block->addressRight;
+    MemoryBlock* parent = block->addressParent;
+    if (child) child->addressParent = parent;
+    if (!parent)
+        addressRoot_ = child;
+    else if (parent->addressLeft == block)
+        parent->addressLeft = child;
+    else
+        parent->addressRight = child;
+    block->addressLeft = block->addressRight = block->addressParent = nullptr;
+    AddressRefresh(parent);
+}
+
+// Builds the address tree from the block list in one pass: each block joins
+// the right spine of the tree so far, taking as its left subtree the spine
+// nodes of lower priority it displaces (whose subtrees are then complete, so
+// their largest gaps are settled as they leave the spine).
+void MemoryPool::AddressBuild() {
+    MemoryBlock* spine = nullptr; // the lowest node of the right spine
+    for (MemoryBlock* b = descriptors_; b; b = b->next) {
+        const uint32_t priority = Priority(b);
+        MemoryBlock* displaced = nullptr;
+        while (spine && Priority(spine) < priority) {
+            spine->largestGapBelow = LargestOf(spine);
+            displaced = spine;
+            spine = spine->addressParent;
+        }
+        b->addressLeft = displaced;
+        b->addressRight = nullptr;
+        if (displaced) displaced->addressParent = b;
+        b->addressParent = spine;
+        if (spine) spine->addressRight = b;
+        spine = b;
+    }
+    for (MemoryBlock* b = spine; b; b = b->addressParent) {
+        b->largestGapBelow = LargestOf(b);
+        addressRoot_ = b;
+    }
+}
+
+// The first block in address order whose gap holds the block: an in-order
+// walk that enters only subtrees whose largest gap is at least taken.
+MemoryBlock* MemoryPool::LowestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const {
+    MemoryBlock* b = addressRoot_;
+    if (!b || b->largestGapBelow < taken) return nullptr;
+    for (;;) {
+        if (LargestBelow(b->addressLeft) >= taken) {
+            b = b->addressLeft;
+            continue;
+        }
+        for (;;) { // b's left subtree holds nothing that fits: b, then its right
+            if (FitsFromBottom(GapStart(b), b->gapAfter, taken, alignment, placement)) return b;
+            if (LargestBelow(b->addressRight) >= taken) {
+                b = b->addressRight;
+                break;
+            }
+            MemoryBlock* from = b; // climb to the first ancestor entered from its left
+            b = b->addressParent;
+            while (b && b->addressRight == from) {
+                from = b;
+                b = b->addressParent;
+            }
+            if (!b) return nullptr;
+        }
+    }
+}
+
+// The mirror image: the last block in address order whose gap holds the
+// block, placed as high in the gap as the alignment allows.
+MemoryBlock* MemoryPool::HighestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const {
+    MemoryBlock* b = addressRoot_;
+    if (!b || b->largestGapBelow < taken) return nullptr;
+    for (;;) {
+        if (LargestBelow(b->addressRight) >= taken) {
+            b = b->addressRight;
+            continue;
+        }
+        for (;;) {
+            if (FitsFromTop(GapStart(b), b->gapAfter, taken, alignment, placement)) return b;
+            if (LargestBelow(b->addressLeft) >= taken) {
+                b = b->addressLeft;
+                break;
+            }
+            MemoryBlock* from = b;
+            b = b->addressParent;
+            while (b && b->addressLeft == from) {
+                from = b;
+                b = b->addressParent;
+            }
+            if (!b) return nullptr;
+        }
+    }
 }
 
 // ---- address index -------------------------------------------------------------
 
-uint32_t MemoryPool::IndexHome(zkAddr address) const {
-    return static_cast<uint32_t>((static_cast<uint64_t>(address) * 0x9E3779B97F4A7C15ull) >>
-                                 indexShift_);
+// Keys are the low 32 bits of block addresses: a pool's range is shorter than
+// 4 GiB, so they are distinct among its blocks.
+uint32_t MemoryPool::IndexHome(uint32_t key) const {
+    return static_cast<uint32_t>(key * 0x9E3779B9u) >> indexShift_;
 }
 
 void MemoryPool::IndexInsert(MemoryBlock* block) {
-    uint32_t i = IndexHome(block->address);
-    while (index_[i])
+    const uint32_t key = static_cast<uint32_t>(block->address);
+    uint32_t i = IndexHome(key);
+    while (index_[i].descriptor)
         i = (i + 1) & indexMask_;
-    index_[i] = block;
+    index_[i] = {key, static_cast<uint32_t>(block - descriptors_)};
 }
 
 // Linear probing with backward-shift deletion: entries after the hole move up
 // unless their home slot lies cyclically after the hole.
 void MemoryPool::IndexErase(const MemoryBlock* block) {
-    uint32_t hole = IndexHome(block->address);
-    while (index_[hole] != block)
+    const uint32_t descriptor = static_cast<uint32_t>(block - descriptors_);
+    uint32_t hole = IndexHome(static_cast<uint32_t>(block->address));
+    while (index_[hole].descriptor != descriptor)
         hole = (hole + 1) & indexMask_;
-    for (uint32_t j = (hole + 1) & indexMask_; index_[j]; j = (j + 1) & indexMask_) {
-        const uint32_t home = IndexHome(index_[j]->address);
+    for (uint32_t j = (hole + 1) & indexMask_; index_[j].descriptor; j = (j + 1) & indexMask_) {
+        const uint32_t home = IndexHome(index_[j].key);
         const bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
         if (stays) continue;
         index_[hole] = index_[j];
         hole = j;
     }
-    index_[hole] = nullptr;
+    index_[hole] = {0, 0};
 }
 
 MemoryBlock* MemoryPool::IndexFind(zkAddr address) const {
-    for (uint32_t i = IndexHome(address); index_[i]; i = (i + 1) & indexMask_) {
-        if (index_[i]->address == address) return index_[i];
+    const uint32_t key = static_cast<uint32_t>(address);
+    for (uint32_t i = IndexHome(key); index_[i].descriptor; i = (i + 1) & indexMask_) {
+        MemoryBlock* block = descriptors_ + index_[i].descriptor;
+        if (index_[i].key == key) return block->address == address ? block : nullptr;
     }
     return nullptr;
 }
@@ -240,35 +544,15 @@ MemoryBlock* MemoryPool::IndexFind(zkAddr address) const {
 // ---- allocation ----------------------------------------------------------------
 
 bool MemoryPool::FindPlace(uint32_t taken, uint32_t alignment, uint32_t flags, MemoryBlock** owner,
-                           zkAddr* placement) const {
-    if (flags & ZK_ALLOC_BOTTOM) {
-        for (MemoryBlock* b = descriptors_; b; b = b->next) {
-            if (FitsFromBottom(GapStart(b), b->gapAfter, taken, alignment, placement)) {
-                *owner = b;
-                return true;
-            }
-        }
-        return false;
-    }
-    if (flags & ZK_ALLOC_TOP) {
-        for (MemoryBlock* b = last_; b; b = b->previous) {
-            if (FitsFromTop(GapStart(b), b->gapAfter, taken, alignment, placement)) {
-                *owner = b;
-                return true;
-            }
-        }
-        return false;
-    }
-    // Best fit: size classes upwards, each bucket in ascending gap order.
-    for (uint32_t c = SizeClass(taken); c < zk::kGapBucketCount; ++c) {
-        for (MemoryBlock* b = buckets_[c]; b; b = b->bucketNext) {
-            if (FitsFromBottom(GapStart(b), b->gapAfter, taken, alignment, placement)) {
-                *owner = b;
-                return true;
-            }
-        }
-    }
-    return false;
+                           zkAddr* placement) {
+    if ((flags & zk::kAllocationSearchFlags) && !addressRoot_) AddressBuild();
+    if (flags & ZK_ALLOC_BOTTOM)
+        *owner = LowestFit(taken, alignment, placement);
+    else if (flags & ZK_ALLOC_TOP)
+        *owner = HighestFit(taken, alignment, placement);
+    else
+        *owner = BestFit(taken, alignment, placement);
+    return *owner != nullptr;
 }
 
 MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags,
@@ -304,21 +588,23 @@ MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags
     block->gapAfter = static_cast<uint32_t>(gapEnd - (placement + taken));
     block->previous = owner;
     block->next = owner->next;
-    block->bucketPrevious = nullptr;
-    block->bucketNext = nullptr;
     block->checkpoints = 0;
     block->allocationNumber = allocationCounter_;
 
     IndexInsert(block);
     if (block->gapAfter) BucketInsert(block);
     if (owner->gapAfter) BucketRemove(owner);
+    owner->gapAfter = static_cast<uint32_t>(placement - gapStart);
+    if (owner->gapAfter) BucketInsert(owner);
+    if (addressRoot_) {
+        AddressRefresh(owner);
+        AddressInsertAfter(owner, owner->next, block);
+    }
     if (owner->next)
         owner->next->previous = block;
     else
         last_ = block;
     owner->next = block;
-    owner->gapAfter = static_cast<uint32_t>(placement - gapStart);
-    if (owner->gapAfter) BucketInsert(owner);
 
     ++blockCount_;
     used_ += taken;
@@ -344,6 +630,10 @@ void MemoryPool::Absorb(MemoryBlock* block) {
     before->next = block->next;
     BucketInsert(before);
     if (block->gapAfter) BucketRemove(block);
+    if (addressRoot_) {
+        AddressRefresh(before);
+        AddressRemove(block);
+    }
     if (block->next)
         block->next->previous = before;
     else
@@ -384,6 +674,23 @@ MemoryBlock* MemoryPool::FindByAddress(zkAddr address) {
     if (!descriptors_) return nullptr;
     MemoryBlock* block = IndexFind(address);
     return block && zk::IsFindable(block) ? block : nullptr;
+}
+
+bool MemoryPool::ReleaseByAddress(zkAddr address, bool lockFirst) {
+    if (!freeHook_) {
+        // Without a hook nothing can refuse: a lock raised before the release
+        // would be cleared with the descriptor, so it is not taken.
+        zk::ScopedLock guard(lock_);
+        MemoryBlock* block = descriptors_ ? IndexFind(address) : nullptr;
+        if (!block || !zk::IsFindable(block)) return false;
+        Absorb(block);
+        return true;
+    }
+    MemoryBlock* block = FindByAddress(address);
+    if (!block) return false;
+    if (lockFirst) Lock(block);
+    Release(block);
+    return true;
 }
 
 bool MemoryPool::Lock(MemoryBlock* block) {

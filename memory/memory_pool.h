@@ -1,39 +1,60 @@
 // The heap engine: one MemoryPool manages one address range with a block/gap
 // list whose bookkeeping lives entirely in a table of MemoryBlock descriptors.
 //
-// What it owns: the descriptor table handed out by a DescriptorStore, the
-// 32 gap buckets and the pool's critical section. It never reads or writes the
+// What it owns: the descriptor table handed out by a DescriptorStore (the
+// descriptors and the address index), the roots of the 32 gap classes and of
+// the address tree, and the pool's critical section. It never reads or writes the
 // bytes of the range it manages, and never allocates: a pool can describe any
 // span of addresses, mapped or not.
 //
-// Invariants (kept by Carve and Absorb, checked by the tests):
+// Invariants (kept by Carve and Absorb):
 //   - descriptor 0 is the head block: in use, address = base, size 0, never
 //     freed, never reported as a block; it owns the gap at the start;
 //   - blocks form one list in strictly increasing address order after the
 //     head (a block placed at base shares the head's address);
 //     for each block, address + size + gapAfter = next block's address, or
 //     base + size of the pool for the last block;
-//   - every block with gapAfter != 0 sits in exactly one bucket, the bucket of
-//     SizeClass(gapAfter); a bucket is ordered by ascending gap, newest first
+//   - every block with gapAfter != 0 sits in exactly one gap class, the class
+//     SizeClass(gapAfter); a class is ordered by ascending gap, newest first
 //     among equal gaps (insertion goes before the first entry >= its gap);
-//     a block always leaves its bucket before its gap changes;
-//   - used + the sum of all gaps = size; gapCount = entries in all buckets;
+//     a block always leaves its class before its gap changes;
+//   - used + the sum of all gaps = size; gapCount = entries in all classes;
 //   - free descriptors form a doubly linked list through previous/next;
 //   - the allocation counter never takes the value 0.
 //
-// Search by address: beside the descriptors, the same store allocation holds
-// an address index, an open-addressing hash table (linear probing, at least
-// twice as many slots as descriptors) of every block but the head. A search
-// is one probe sequence instead of a walk along the block list, so freeing by
-// address costs the same with 50 000 blocks alive as with 50.
+// Indexes, all inside the descriptor table, so that no step walks every
+// block:
+//   - each gap class is a treap (a binary search tree balanced by a
+//     priority hashed from the key) of the distinct gap sizes it holds; the
+//     blocks of one size hang off its node in a list, newest first, and the
+//     front block is the node. The in-order sequence of sizes, each size's
+//     list in turn, is the class order above. Best fit finds the first size
+//     of at least the request's by one descent and walks on in order only
+//     past entries the alignment rules out. A bit per class says which are
+//     non-empty;
+//   - the address tree is a treap over all blocks (head included) whose
+//     in-order sequence is the block list, each node holding the largest gap
+//     of its subtree; the lowest- and highest-address searches descend into
+//     subtrees whose largest gap can hold the request and skip the rest.
+//     Best fit never needs it, so it is built (in one pass over the list) by
+//     the pool's first lowest- or highest-address search and kept from then
+//     on; a pool that only ever searches best fit does not pay for it;
+//   - the address index, an open-addressing hash table (linear probing, at
+//     least twice as many slots as descriptors) of every block but the
+//     head, answers search by address with one probe sequence; each slot
+//     holds the key (the address's low 32 bits) beside the descriptor's
+//     number, so probing never reads a descriptor.
 //
 // Locks: the pool's critical section guards Carve, Absorb, FindByAddress and
-// Snapshot. Lock counts change under the LibraryLock instead. Hooks run
+// Snapshot; each exported call takes it once (zkFree finds and frees under
+// one hold unless a free hook must run in between). Lock counts change under
+// the LibraryLock instead. Hooks run
 // outside both. Checkpoints, queries and walks take no lock: callers must not
 // run them while another thread allocates or frees in the same pool.
 //
 // Addresses are zkAddr (pointer-sized on 64-bit hosts); sizes and counts are
-// 32-bit. A range must not wrap past the end of the address space.
+// 32-bit. A range must not wrap past the end of the address space (it may end
+// exactly at its top: addresses are computed modulo the address width).
 #ifndef ZK_MEMORY_MEMORY_POOL_H
 #define ZK_MEMORY_MEMORY_POOL_H
 
@@ -48,20 +69,29 @@
 #include <cstdint>
 
 // One descriptor. A block handle given to applications points to one of these.
+// What allocation and release touch comes first, in the first 64 bytes on a
+// 64-bit host; diagnostics and the address tree follow.
 struct MemoryBlock {
-    uint32_t flags;         // ZK_BLOCK_IN_USE | allocation flags; 0 when free
-    uint16_t lockCount;     // saturates at 65535; not kept for fixed blocks
-    uint16_t category;      // caller's tag
-    zkAddr address;         // first byte of the block
-    uint32_t requestedSize; // as the caller asked
-    uint32_t size;          // as taken (rounded, at least 1)
-    uint32_t gapAfter;      // free bytes up to the next block or the pool end
-    MemoryBlock* previous;  // address order; free list when free
+    zkAddr address;        // first byte of the block
+    uint32_t size;         // as taken (rounded, at least 1)
+    uint32_t gapAfter;     // free bytes up to the next block or the pool end
+    uint32_t flags;        // ZK_BLOCK_IN_USE | allocation flags; 0 when free
+    uint16_t lockCount;    // saturates at 65535; not kept for fixed blocks
+    uint16_t category;     // caller's tag
+    MemoryBlock* previous; // address order; free list when free
     MemoryBlock* next;
-    MemoryBlock* bucketPrevious; // gap bucket neighbours while gapAfter != 0
-    MemoryBlock* bucketNext;
+    MemoryBlock* gapLeft; // gap class tree (the front block of each gap size)
+    MemoryBlock* gapRight;
+    MemoryBlock* gapParent;
+    MemoryBlock* gapNewer; // blocks of the same gap size, newest first
+    MemoryBlock* gapOlder;
+    uint32_t requestedSize;    // as the caller asked
     uint32_t checkpoints;      // bit n set by checkpoint n
     uint32_t allocationNumber; // the pool counter's value at allocation
+    uint32_t largestGapBelow;  // largest gapAfter in this block's address subtree
+    MemoryBlock* addressLeft;  // address tree (every block in use), built on demand
+    MemoryBlock* addressRight;
+    MemoryBlock* addressParent;
 };
 
 namespace zk {
@@ -73,6 +103,13 @@ constexpr uint32_t kAllocationSearchFlags = ZK_ALLOC_TOP | ZK_ALLOC_BOTTOM;
 inline uint32_t SizeClass(uint32_t n) {
     return n < 2 ? 0u : static_cast<uint32_t>(std::bit_width(n)) - 1u;
 }
+
+// One slot of the address index; descriptor 0 (the head block, never
+// indexed) marks an empty slot.
+struct AddressSlot {
+    uint32_t key;
+    uint32_t descriptor;
+};
 
 inline bool IsFindable(const MemoryBlock* b) {
     return (b->flags & ZK_ALLOC_FIXED) != 0 || b->lockCount > 0;
@@ -109,6 +146,11 @@ public:
     // The findable block (fixed, or lock count above 0) at exactly this
     // address, or null. One probe sequence in the address index.
     MemoryBlock* FindByAddress(zkAddr address);
+    // Finds the findable block at address and frees it, taking the lock once
+    // when there is no free hook. With lockFirst the block is locked as
+    // zkLockMemory does before it is freed (a lock a refusing free hook
+    // leaves in place). False when no block is found.
+    bool ReleaseByAddress(zkAddr address, bool lockFirst);
 
     // Raises the lock count of a non-fixed block (under the LibraryLock, not
     // past 65535). False for null or a block not in use.
@@ -128,6 +170,7 @@ public:
     void SetBreakNumber(uint32_t number) { breakNumber_ = number; }
     MemoryAllocHook SetAllocHook(MemoryAllocHook hook);
     MemoryFreeHook SetFreeHook(MemoryFreeHook hook);
+    bool HasFreeHook() const { return freeHook_ != nullptr; }
 
     // Read-only views for the walks and queries.
     zkAddr Base() const { return base_; }
@@ -138,9 +181,11 @@ public:
     uint32_t DescriptorCount() const { return descriptorCount_; }
     uint32_t GapCount() const { return gapCount_; }
     const MemoryBlock* Head() const { return descriptors_; }
-    const MemoryBlock* Bucket(uint32_t sizeClass) const { return buckets_[sizeClass]; }
-    // The largest gap: last entry of the highest non-empty bucket; 0 if none.
+    // The largest gap: last entry of the highest non-empty class; 0 if none.
     uint32_t LargestGap() const;
+    // Whether the pool holds a descriptor table: false for a record that was
+    // released, or reclaimed at termination.
+    bool Live() const { return descriptors_ != nullptr; }
     // Whether block is one of this pool's descriptors.
     bool OwnsDescriptor(const MemoryBlock* block) const {
         return descriptors_ && block >= descriptors_ && block < descriptors_ + descriptorCount_;
@@ -154,10 +199,20 @@ private:
     MemoryBlock* Carve(uint32_t size, uint32_t alignment, uint32_t flags, uint32_t category);
     void Absorb(MemoryBlock* block);
     bool FindPlace(uint32_t taken, uint32_t alignment, uint32_t flags, MemoryBlock** owner,
-                   zkAddr* placement) const;
+                   zkAddr* placement);
     void BucketInsert(MemoryBlock* block);
     void BucketRemove(MemoryBlock* block);
-    uint32_t IndexHome(zkAddr address) const;
+    void GapRotateUp(MemoryBlock* x);
+    void GapReplace(MemoryBlock* from, MemoryBlock* to);
+    MemoryBlock* BestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
+    void AddressInsertAfter(MemoryBlock* owner, MemoryBlock* ownerNext, MemoryBlock* block);
+    void AddressRemove(MemoryBlock* block);
+    void AddressRotateUp(MemoryBlock* x);
+    void AddressRefresh(MemoryBlock* from);
+    void AddressBuild();
+    MemoryBlock* LowestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
+    MemoryBlock* HighestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
+    uint32_t IndexHome(uint32_t key) const;
     void IndexInsert(MemoryBlock* block);
     void IndexErase(const MemoryBlock* block);
     MemoryBlock* IndexFind(zkAddr address) const;
@@ -168,7 +223,9 @@ private:
     MemoryBlock* descriptors_ = nullptr;
     MemoryBlock* last_ = nullptr;
     MemoryBlock* freeDescriptors_ = nullptr;
-    MemoryBlock* buckets_[zk::kGapBucketCount] = {};
+    MemoryBlock* buckets_[zk::kGapBucketCount] = {}; // gap class tree roots
+    uint32_t nonEmptyClasses_ = 0;                   // bit c: class c has a gap
+    MemoryBlock* addressRoot_ = nullptr;             // null until the address tree is built
     uint32_t blockCount_ = 0;
     uint32_t descriptorCount_ = 0;
     uint32_t gapCount_ = 0;
@@ -178,7 +235,7 @@ private:
     uint32_t breakNumber_ = 0;
     MemoryAllocHook allocHook_ = nullptr;
     MemoryFreeHook freeHook_ = nullptr;
-    MemoryBlock** index_ = nullptr; // address index, indexMask_ + 1 slots
+    zk::AddressSlot* index_ = nullptr; // address index, indexMask_ + 1 slots
     uint32_t indexMask_ = 0;
     uint32_t indexShift_ = 0;
 

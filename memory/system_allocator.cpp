@@ -30,13 +30,15 @@ MemoryBlock* MemoryManager::AllocateHandle(uint32_t size, uint32_t flags) {
 
 void MemoryManager::FreeHandle(MemoryBlock* block) {
     if (!systemPool_ || !systemPool_->OwnsDescriptor(block)) return; // not a system-pool block
-    if (!MemoryPool::Lock(block)) return;
+    // The lock taken first outlives the call only when a free hook refuses
+    // the release; without a hook it would be cleared with the descriptor.
+    if (systemPool_->HasFreeHook() && !MemoryPool::Lock(block)) return;
     systemPool_->Release(block);
 }
 
 void MemoryManager::FreeAddress(void* address) {
     if (!systemPool_ || !address) return;
-    FreeHandle(systemPool_->FindByAddress(reinterpret_cast<zkAddr>(address)));
+    systemPool_->ReleaseByAddress(reinterpret_cast<zkAddr>(address), true);
 }
 
 } // namespace zk

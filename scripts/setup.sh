@@ -7,8 +7,9 @@
 # builds), win64 (MinGW x86_64 and wine64 under Xvfb), win32 (MinGW i686 and
 # debootstrap for the 32-bit wine root), qemu (user-mode emulation for hosts
 # that cannot run 32-bit programs), fuzz (clang with the libFuzzer and
-# sanitizer runtimes), bench (the peers the benchmarks measure against: the
-# JACK ring buffer and boost's lock-free queues). The test legs of scripts/test.sh are
+# sanitizer runtimes), bench (the peers the benchmarks measure against:
+# mimalloc, the JACK ring buffer and boost's lock-free queues). The test legs
+# of scripts/test.sh are
 # accepted too and stand for what they need. No leg means base.
 # Packages already installed are skipped, so repeated runs are quick. Runs as
 # root, or through sudo otherwise.
@@ -23,8 +24,8 @@ packages_of() {
     win64) echo "cmake ninja-build googletest g++-mingw-w64-x86-64-posix wine64 xvfb xauth" ;;
     win32) echo "cmake ninja-build googletest g++-mingw-w64-i686-posix debootstrap" ;;
     fuzz) echo "cmake ninja-build clang libclang-rt-14-dev" ;;
-    bench) echo "cmake ninja-build g++ libjack-jackd2-dev libboost-dev" ;;
-    all) echo "$(packages_of linux-m32) $(packages_of win64) $(packages_of win32) $(packages_of fuzz)" ;;
+    bench) echo "cmake ninja-build g++ libmimalloc-dev libjack-jackd2-dev libboost-dev" ;;
+    all) echo "$(packages_of linux-m32) $(packages_of win64) $(packages_of win32) $(packages_of fuzz) $(packages_of bench)" ;;
     *)
         echo "setup.sh: unknown leg '$1' (base, m32, qemu, win64, win32, fuzz, bench, linux-asan, linux-m32, tsan, all)" >&2
         return 1

@@ -37,8 +37,10 @@ public:
     // The first driver in table order that claims name, initialised on its
     // first claim; null when none claims it or its initialisation failed.
     DeviceDriver* Find(const char* name);
-    // Forgets every driver (the file system's stop; drivers live on).
-    void Clear();
+    // The file system's start puts the library's own drivers in front of the
+    // application's: a driver is taken out wherever it stands and put first.
+    void RemoveAll(DeviceDriver* driver);
+    void AddFirst(DeviceDriver* driver);
     uint32_t Count() const { return count_; }
 
 private:

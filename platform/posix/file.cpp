@@ -60,7 +60,8 @@ bool EqualIgnoringCase(const char* a, const char* b, size_t length) {
 
 int OpenPath(const char* path, int flags, mode_t mode = 0) {
     int fd;
-    do fd = open(path, flags | O_CLOEXEC, mode);
+    do
+        fd = open(path, flags | O_CLOEXEC, mode);
     while (fd < 0 && errno == EINTR);
     return fd;
 }
@@ -112,13 +113,16 @@ Lookup FindIgnoringCase(const char* path, char* out) {
     std::memcpy(out, path, length + 1);
     size_t i = 0;
     for (;;) {
-        while (out[i] == '/') ++i;
+        while (out[i] == '/')
+            ++i;
         if (out[i] == '\0') return Lookup::Found;
         size_t start = i;
-        while (out[i] != '\0' && out[i] != '/') ++i;
+        while (out[i] != '\0' && out[i] != '/')
+            ++i;
         size_t end = i;
         size_t after = end;
-        while (out[after] == '/') ++after;
+        while (out[after] == '/')
+            ++after;
         bool last = out[after] == '\0';
 
         char saved = out[end];
@@ -142,7 +146,8 @@ bool LockForAccess(int fd, uint32_t access) {
     if (access == 0) return true;
     int kind = (access & kFileAccessWrite) ? LOCK_EX : LOCK_SH;
     int r;
-    do r = flock(fd, kind | LOCK_NB);
+    do
+        r = flock(fd, kind | LOCK_NB);
     while (r != 0 && errno == EINTR);
     return r == 0;
 }
@@ -210,16 +215,21 @@ void FileConvertPath(char* path) {
 
 File FileOpen(const char* path, uint32_t access, bool create) {
     int flags = O_PATH;
-    if (access == kFileAccessRead) flags = O_RDONLY;
-    else if (access == kFileAccessWrite) flags = O_WRONLY;
-    else if (access == (kFileAccessRead | kFileAccessWrite)) flags = O_RDWR;
+    if (access == kFileAccessRead)
+        flags = O_RDONLY;
+    else if (access == kFileAccessWrite)
+        flags = O_WRONLY;
+    else if (access == (kFileAccessRead | kFileAccessWrite))
+        flags = O_RDWR;
 
     int fd = OpenPath(path, flags);
     if (fd < 0 && IsMissing(errno)) {
         char found[kPathCapacity];
         Lookup lookup = FindIgnoringCase(path, found);
-        if (lookup == Lookup::Found) fd = OpenPath(found, flags);
-        else if (lookup == Lookup::LastMissing && create) fd = CreateAt(found, flags, access);
+        if (lookup == Lookup::Found)
+            fd = OpenPath(found, flags);
+        else if (lookup == Lookup::LastMissing && create)
+            fd = CreateAt(found, flags, access);
     }
     if (fd < 0) return kInvalidFile;
     if (!LockForAccess(fd, access)) {
@@ -237,7 +247,8 @@ void FileClose(File file) {
 bool FileRead(File file, void* buffer, uint32_t size, uint32_t* got) {
     if (size > kLargestTransfer) size = kLargestTransfer;
     ssize_t n;
-    do n = read(static_cast<int>(file), buffer, size);
+    do
+        n = read(static_cast<int>(file), buffer, size);
     while (n < 0 && errno == EINTR);
     *got = n > 0 ? static_cast<uint32_t>(n) : 0;
     return n >= 0;
@@ -246,7 +257,8 @@ bool FileRead(File file, void* buffer, uint32_t size, uint32_t* got) {
 bool FileWrite(File file, const void* buffer, uint32_t size, uint32_t* written) {
     if (size > kLargestTransfer) size = kLargestTransfer;
     ssize_t n;
-    do n = write(static_cast<int>(file), buffer, size);
+    do
+        n = write(static_cast<int>(file), buffer, size);
     while (n < 0 && errno == EINTR);
     *written = n > 0 ? static_cast<uint32_t>(n) : 0;
     return n >= 0;

@@ -21,9 +21,9 @@ File FileOpen(const char* path, uint32_t access, bool create) {
     DWORD desired = 0;
     if (access & kFileAccessRead) desired |= GENERIC_READ;
     if (access & kFileAccessWrite) desired |= GENERIC_WRITE;
-    HANDLE handle = CreateFileA(path, desired, FILE_SHARE_READ, nullptr,
-                                create ? OPEN_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
-                                nullptr);
+    HANDLE handle =
+        CreateFileA(path, desired, FILE_SHARE_READ, nullptr, create ? OPEN_ALWAYS : OPEN_EXISTING,
+                    FILE_ATTRIBUTE_NORMAL, nullptr);
     // INVALID_HANDLE_VALUE is all bits set, the same value as kInvalidFile.
     return reinterpret_cast<File>(handle);
 }
@@ -58,8 +58,7 @@ bool FileSeekFromStart(File file, uint32_t offset) {
     // position: only the last error tells a failure.
     LONG high = 0;
     SetLastError(0);
-    DWORD position =
-        SetFilePointer(ToHandle(file), static_cast<LONG>(offset), &high, FILE_BEGIN);
+    DWORD position = SetFilePointer(ToHandle(file), static_cast<LONG>(offset), &high, FILE_BEGIN);
     return !(position == INVALID_SET_FILE_POINTER && GetLastError() != 0);
 }
 

@@ -29,7 +29,7 @@ void Read(FileHandle* f, uint32_t size, uint32_t flags, bool atOffset) {
 }
 
 TEST_F(WorkerQueue, UrgentReadRunsBetweenTwoPieces) {
-    Device().SetPiece(100);
+    Device().plan.piece = 100;
     FileHandle* big = Make("big", std::string(1000, 'b'));
     FileHandle* normal = Make("normal", "n");
     FileHandle* urgent = Make("urgent", "u");

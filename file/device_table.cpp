@@ -172,8 +172,7 @@ extern "C" ZK_API uint32_t ZK_CALL zkGetFullPath(const char* path, char* out, ui
     return zk::Files().FullPath(path, out, outSize);
 }
 
-extern "C" ZK_API int32_t ZK_CALL zkGetPhysicalPath(const char* path, char* out,
-                                                    uint32_t outSize) {
+extern "C" ZK_API int32_t ZK_CALL zkGetPhysicalPath(const char* path, char* out, uint32_t outSize) {
     if (!path || !out || outSize == 0) return ZK_ERR_INVALID_ARGUMENT;
     char own[zk::kMaxPath + 1];
     if (path >= out && path < out + outSize) {

@@ -50,8 +50,8 @@ DirHandle* OpenDir(const char* path) {
     // The full path with one separator at its end (when it fits).
     char fullPath[kMaxPath];
     uint32_t length = Files().FullPath(path, fullPath, kMaxPath) - 1;
-    const bool fits = length < kMaxPath && (length == 0 || IsSeparator(fullPath[length - 1]) ||
-                                           length + 1 < kMaxPath);
+    const bool fits = length < kMaxPath &&
+                      (length == 0 || IsSeparator(fullPath[length - 1]) || length + 1 < kMaxPath);
     if (fits && (length == 0 || !IsSeparator(fullPath[length - 1]))) {
         fullPath[length++] = '/';
         fullPath[length] = '\0';
@@ -74,8 +74,7 @@ DirHandle* OpenDir(const char* path) {
     return handle;
 }
 
-int32_t MakeDirRecursive(DeviceDriver* device, char* physicalPath, uint32_t flags,
-                         uint32_t mode) {
+int32_t MakeDirRecursive(DeviceDriver* device, char* physicalPath, uint32_t flags, uint32_t mode) {
     const int32_t r = device->MakeDir(physicalPath, flags, mode);
     if (r != ZK_ERR_OPEN_FAILED || !(flags & ZK_MAKEDIR_PARENTS)) return r;
     char* slash = std::strrchr(physicalPath, '/');

@@ -18,13 +18,12 @@ FileSystem g_files;
 
 // File try counts by kind; kinds 1, 2 and 3 also name a device.
 constexpr uint32_t kDefaultTries[kTryKinds] = {1, 1, kUnlimitedTries, 1, 1, 1};
-const char* const kTryDevices[kTryKinds] = {nullptr, "hdd0:", "cdrom0:", "host0:", nullptr,
-                                            nullptr};
+const char* const kTryDevices[kTryKinds] = {
+    nullptr, "hdd0:", "cdrom0:", "host0:", nullptr, nullptr};
 
 // Submits a synchronous operation on the normal queue; the operation's result,
 // or -19 when the worker is not running.
-template <typename Operation>
-int32_t RunSync(Operation& operation, uint32_t priority = 1) {
+template <typename Operation> int32_t RunSync(Operation& operation, uint32_t priority = 1) {
     const int32_t r = Files().Worker().Submit(&operation, nullptr, priority);
     return r < 0 ? r : operation.result;
 }
@@ -196,8 +195,8 @@ void FileSystemShutdown() {
 
 // ---- exports ----------------------------------------------------------------------
 
-using zk::FileSystem;
 using zk::Files;
+using zk::FileSystem;
 
 extern "C" ZK_API FileHandle* ZK_CALL zkOpenFile(const char* path, uint32_t openFlags,
                                                  uint32_t mode) {
@@ -232,9 +231,8 @@ extern "C" ZK_API int32_t ZK_CALL zkReadFile(FileHandle* file, void* buffer, uin
     return result;
 }
 
-extern "C" ZK_API int32_t ZK_CALL zkReadFileOffset(FileHandle* file, uint32_t offset,
-                                                   void* buffer, uint32_t size, uint32_t* got,
-                                                   uint32_t flags) {
+extern "C" ZK_API int32_t ZK_CALL zkReadFileOffset(FileHandle* file, uint32_t offset, void* buffer,
+                                                   uint32_t size, uint32_t* got, uint32_t flags) {
     int32_t result = FileSystem::Check(file);
     if (result < 0) return result;
     if (!buffer) return ZK_ERR_INVALID_ARGUMENT;

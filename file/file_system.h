@@ -38,11 +38,11 @@ class BackgroundLoad;
 
 // An exported file handle points at one of these.
 struct FileHandle {
-    zk::FileSystem* owner;        // null while free
-    char fullPath[zk::kMaxPath];  // after the working directory was applied
-    zk::DeviceDriver* device;     // null until opened
-    zk::FileObject* file;         // null when not open
-    int32_t unit;                 // the driver's unit for the path
+    zk::FileSystem* owner;       // null while free
+    char fullPath[zk::kMaxPath]; // after the working directory was applied
+    zk::DeviceDriver* device;    // null until opened
+    zk::FileObject* file;        // null when not open
+    int32_t unit;                // the driver's unit for the path
     zk::BackgroundLoad* backgroundLoad;
 };
 

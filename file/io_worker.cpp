@@ -26,8 +26,7 @@ inline void CpuPause() {
 }
 
 // Spins until done() or the budget is spent; true when done() came true.
-template <typename Done>
-bool SpinUntil(int64_t microseconds, Done done) {
+template <typename Done> bool SpinUntil(int64_t microseconds, Done done) {
     static const int64_t frequency = os::PerformanceFrequency();
     const int64_t budget = frequency * microseconds / 1000000;
     const int64_t start = os::PerformanceCounter();

@@ -159,9 +159,8 @@ int32_t GetTimeOperation::Execute() {
     return 0;
 }
 
-int32_t SetTimeOperation::Build(DeviceDriver* driver, const char* fullPath,
-                                const FileTimeRecord* a, const FileTimeRecord* b,
-                                const FileTimeRecord* c) {
+int32_t SetTimeOperation::Build(DeviceDriver* driver, const char* fullPath, const FileTimeRecord* a,
+                                const FileTimeRecord* b, const FileTimeRecord* c) {
     device = driver;
     if (a) t0 = *a, p0 = &t0;
     if (b) t1 = *b, p1 = &t1;

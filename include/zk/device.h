@@ -93,8 +93,7 @@ public:
     virtual int32_t DeleteFile(char* physicalPath, uint32_t arg) = 0;
     /* Null when the driver has no listing. */
     virtual DirObject* OpenDir() = 0;
-    virtual int32_t QueryDeviceInfo(char* physicalPath, uint32_t what, uint32_t a,
-                                    uint32_t b) = 0;
+    virtual int32_t QueryDeviceInfo(char* physicalPath, uint32_t what, uint32_t a, uint32_t b) = 0;
     virtual int32_t ControlDevice(const char* name, uint32_t code, uint32_t a, uint32_t b) = 0;
     virtual int32_t GetPartitionStatus(const char* name) = 0;
     virtual int32_t CreatePartition(const char* name, uint32_t a, uint32_t b) = 0;

@@ -24,12 +24,12 @@
 namespace zktest {
 
 // The slots the device counts and logs (driver slots keep their numbers).
-enum Slot : int {
-    kInitializeDevice = 1, kMount = 9, kUnmount, kFormat, kDumpDir, kMakeDir, kRemoveDir,
-    kGetFileTime, kSetFileTime, kDeleteFile, kOpenDir, kQueryDeviceInfo, kControlDevice,
-    kGetPartitionStatus, kCreatePartition, kDeletePartition, kFileOpen = 26, kFileClose,
-    kFileGetSize, kFileRead, kFileReadAt, kFileWrite, kFileSeek, kDirOpen, kDirClose, kSlots
-};
+constexpr int kInitializeDevice = 1, kMount = 9, kUnmount = 10, kFormat = 11, kDumpDir = 12,
+              kMakeDir = 13, kRemoveDir = 14, kGetFileTime = 15, kSetFileTime = 16,
+              kDeleteFile = 17, kQueryDeviceInfo = 19, kControlDevice = 20,
+              kGetPartitionStatus = 21, kCreatePartition = 22, kDeletePartition = 23,
+              kFileOpen = 26, kFileClose = 27, kFileGetSize = 28, kFileRead = 29, kFileReadAt = 30,
+              kFileWrite = 31, kFileSeek = 32, kDirOpen = 33, kDirClose = 34;
 
 class MemoryDevice final : public zk::DeviceDriver {
 public:
@@ -52,15 +52,7 @@ public:
         std::vector<Fault> faults;
     } plan;
 
-    template <typename F>
-    auto Locked(F f) {
-        std::lock_guard<std::mutex> g(mutex_);
-        return f();
-    }
-    explicit MemoryDevice(const char* prefix = "mem:") : prefix_(prefix) {
-        for (File& f : files_) f.device = this;
-        for (Dir& d : dirs_) d.device = this;
-    }
+    explicit MemoryDevice(const char* prefix = "mem:") : prefix_(prefix) {}
     void Reset() {
         std::lock_guard<std::mutex> g(mutex_);
         plan = Plan{};
@@ -71,27 +63,21 @@ public:
     }
     // Calls of slot wait inside the driver until Release; WaitHeld(n) waits
     // until n of them are waiting.
-    void Hold(int slot) { Locked([&] { state_.held = slot; }); }
-    void Release() {
-        Locked([&] { state_.held = -1; });
+    void Hold(int slot) {
+        std::lock_guard<std::mutex> g(mutex_);
+        state_.held = slot;
         gate_.notify_all();
     }
+    void Release() { Hold(-1); }
     void WaitHeld(uint32_t n) {
         std::unique_lock<std::mutex> lock(mutex_);
         gate_.wait(lock, [&] { return state_.waiting >= n; });
     }
-    void Put(const std::string& name, const std::string& data) {
-        Locked([&] { state_.data[name] = data; });
-    }
-    std::string Get(const std::string& name) {
-        std::lock_guard<std::mutex> g(mutex_);
-        return state_.data.count(name) ? state_.data[name] : "<missing>";
-    }
-    uint32_t Count(int slot) {
-        std::lock_guard<std::mutex> g(mutex_);
-        return state_.calls[slot];
-    }
-    uint32_t LastMode() { return Locked([&] { return state_.lastMode; }); }
+    // Files, made directories and the last mode are touched by one thread at
+    // a time: the worker, or the caller while the worker is idle.
+    void Put(const std::string& name, const std::string& data) { state_.data[name] = data; }
+    uint32_t LastMode() const { return state_.lastMode; }
+    uint32_t Count(int slot) { return static_cast<uint32_t>(Log({slot}).size()); }
     // The calls of the given slots, in the order they were made.
     std::vector<Call> Log(std::initializer_list<int> slots) {
         std::lock_guard<std::mutex> g(mutex_);
@@ -111,11 +97,10 @@ public:
     uint32_t GetTryCount(int32_t) override { return plan.tries; }
     int32_t SetTryCount(int32_t, uint32_t count) override { return plan.tries = count, 7; }
     zk::FileObject* CreateFileObject() override {
-        return Locked([&]() -> zk::FileObject* {
-            for (File& f : files_)
-                if (!f.inUse) return f.inUse = true, f.position = 0, &f;
-            return nullptr;
-        });
+        std::lock_guard<std::mutex> g(mutex_); // callers' threads
+        for (File& f : files_)
+            if (!f.device) return f.device = this, f.position = 0, &f;
+        return nullptr;
     }
     int32_t Reserved8(uint32_t* out) override { return *out = 0, 0; }
     int32_t Mount(char* path, uint32_t, uint32_t) override { return Enter(kMount, path); }
@@ -124,36 +109,29 @@ public:
     int32_t DumpDir(char* path, uint32_t) override { return Enter(kDumpDir, path); }
     int32_t MakeDir(char* path, uint32_t, uint32_t mode) override {
         const int32_t r = Enter(kMakeDir, path);
-        return r < 0 ? r : Locked([&] {
-            state_.lastMode = mode;
-            if (!ParentExists(path)) return -51;
-            state_.dirs.insert(path);
-            return 0;
-        });
+        state_.lastMode = mode;
+        if (r < 0 || !ParentExists(path)) return r < 0 ? r : -51;
+        return state_.dirs.insert(path), 0;
     }
     int32_t RemoveDir(char* path, uint32_t) override { return Enter(kRemoveDir, path); }
     int32_t GetFileTime(char* path, FileTimeRecord* a, FileTimeRecord* b,
                         FileTimeRecord* c) override {
-        const int32_t r = Enter(kGetFileTime, path);
-        Locked([&] { *a = *b = *c = state_.times[path]; });
-        return r;
+        *a = *b = *c = state_.time;
+        return Enter(kGetFileTime, path);
     }
     int32_t SetFileTime(char* path, const FileTimeRecord* a, const FileTimeRecord*,
                         const FileTimeRecord*) override {
-        const int32_t r = Enter(kSetFileTime, path);
-        Locked([&] { state_.times[path] = *a; });
-        return r;
+        state_.time = *a;
+        return Enter(kSetFileTime, path);
     }
     int32_t DeleteFile(char* path, uint32_t) override {
         const int32_t r = Enter(kDeleteFile, path);
-        return r < 0 ? r : Locked([&] { return state_.data.erase(path) ? 0 : -51; });
+        return r < 0 ? r : state_.data.erase(path) ? 0 : -51;
     }
     zk::DirObject* OpenDir() override {
-        return plan.noDirObject ? nullptr : Locked([&]() -> zk::DirObject* {
-            for (Dir& d : dirs_)
-                if (!d.inUse) return d.inUse = true, &d;
-            return nullptr;
-        });
+        for (Dir& d : dirs_)
+            if (!d.device && !plan.noDirObject) return d.device = this, &d;
+        return nullptr;
     }
     int32_t QueryDeviceInfo(char* path, uint32_t what, uint32_t, uint32_t) override {
         return Enter(kQueryDeviceInfo, path) < 0 ? -1 : what == 1 ? -6 : 5;
@@ -169,33 +147,30 @@ public:
     int32_t GetUnit(const char*) override { return 0; }
 
 private:
+    // A file object is free while its device is null.
     struct File final : zk::FileObject {
         MemoryDevice* device = nullptr;
-        bool inUse = false;
         std::string name;
         uint32_t position = 0;
         int32_t IsImmediate(int32_t) override { return device->plan.immediate ? 1 : 0; }
         int32_t Open(const char* path, uint32_t flags, uint32_t) override {
             const int32_t r = device->Enter(kFileOpen, path);
-            return r < 0 ? r : device->Locked([&] {
-                if (!device->state_.data.count(path)) {
-                    if (!(flags & ZK_OPEN_CREATE)) return device->plan.missing;
-                    if (!device->ParentExists(path)) return -51;
-                    device->state_.data[path] = "";
-                }
-                name = path;
-                return 0;
-            });
+            if (r < 0 || device->state_.data.count(path)) return r < 0 ? r : (name = path, 0);
+            if (!(flags & ZK_OPEN_CREATE)) return device->plan.missing;
+            if (!device->ParentExists(path)) return -51;
+            device->state_.data[name = path] = "";
+            return 0;
         }
         int32_t Close() override {
-            const int32_t r = device->Enter(kFileClose, name);
-            if (r >= 0) device->Locked([&] { inUse = false; });
+            MemoryDevice* owner = device;
+            const int32_t r = owner->Enter(kFileClose, name);
+            std::lock_guard<std::mutex> g(owner->mutex_);
+            if (r >= 0) device = nullptr;
             return r;
         }
         int32_t GetSize(uint32_t* size) override {
-            const int32_t r = device->Enter(kFileGetSize, name);
-            device->Locked([&] { *size = static_cast<uint32_t>(Data().size()); });
-            return r;
+            *size = static_cast<uint32_t>(Data().size());
+            return device->Enter(kFileGetSize, name);
         }
         int32_t Read(void* buffer, uint32_t size, uint32_t* got, uint32_t) override {
             const int32_t r = device->Enter(kFileRead, name);
@@ -206,34 +181,26 @@ private:
             return r < 0 ? r : Transfer(at, buffer, size, got);
         }
         int32_t Write(const void* buffer, uint32_t size, uint32_t* written) override {
-            const int32_t r = device->Enter(kFileWrite, name);
-            return r < 0 ? r : device->Locked([&] {
-                std::string& d = Data();
-                d.resize(std::max<size_t>(d.size(), position + size));
-                d.replace(position, size, static_cast<const char*>(buffer), size);
-                position += *written = size;
-                return 0;
-            });
+            std::string& d = Data();
+            d.resize(std::max<size_t>(d.size(), position + size));
+            d.replace(position, size, static_cast<const char*>(buffer), size);
+            position += * written = size;
+            return device->Enter(kFileWrite, name);
         }
         int32_t Seek(int32_t offset, uint32_t origin, uint32_t* newPosition) override {
-            const int32_t r = device->Enter(kFileSeek, name);
-            return r < 0 ? r : device->Locked([&] {
-                const size_t base = origin == 0 ? 0 : origin == 1 ? position : Data().size();
-                *newPosition = position = static_cast<uint32_t>(base + offset);
-                return 0;
-            });
+            const size_t base = origin == 0 ? 0 : origin == 1 ? position : Data().size();
+            *newPosition = position = static_cast<uint32_t>(base + offset);
+            return device->Enter(kFileSeek, name);
         }
         std::string& Data() { return device->state_.data[name]; }
         int32_t Transfer(uint32_t from, void* buffer, uint32_t size, uint32_t* got) {
-            return device->Locked([&] {
-                const std::string& d = Data();
-                uint32_t n = from < d.size() ? static_cast<uint32_t>(d.size()) - from : 0;
-                n = std::min({n, size, device->plan.piece});
-                std::memcpy(buffer, d.data() + from, n);
-                position = from + n;
-                *got = device->plan.overclaim ? size + 100 : n;
-                return 0;
-            });
+            const std::string& d = Data();
+            uint32_t n = from < d.size() ? static_cast<uint32_t>(d.size()) - from : 0;
+            n = std::min({n, size, device->plan.piece});
+            std::memcpy(buffer, d.data() + from, n);
+            position = from + n;
+            *got = device->plan.overclaim ? size + 100 : n;
+            return 0;
         }
     };
 
@@ -241,20 +208,16 @@ private:
     // entry and answers 1, then 0 at the end.
     struct Dir final : zk::DirObject {
         MemoryDevice* device = nullptr;
-        bool inUse = false;
         std::vector<std::string> names;
         int32_t Open(const char* path) override {
-            const int32_t r = device->Enter(kDirOpen, path);
-            device->Locked([&] {
-                names.clear();
-                for (auto& f : device->state_.data)
-                    if (f.first.rfind(path, 0) == 0) names.push_back(f.first.substr(std::strlen(path)));
-            });
-            return r;
+            names.clear();
+            for (auto& f : device->state_.data)
+                if (f.first.rfind(path, 0) == 0) names.push_back(f.first.substr(std::strlen(path)));
+            return device->Enter(kDirOpen, path);
         }
         void Close() override {
             device->Enter(kDirClose, "");
-            device->Locked([&] { inUse = false; });
+            device = nullptr;
         }
         int32_t Read(void* entry) override {
             if (names.empty()) return 0;
@@ -264,17 +227,18 @@ private:
         }
     };
 
-    // With the mutex held: the device root and made directories exist.
+    // The device root and made directories exist.
     bool ParentExists(const std::string& path) const {
         const size_t slash = path.find_last_of('/');
         return slash == std::string::npos || path.substr(0, slash) == prefix_ ||
                state_.dirs.count(path.substr(0, slash)) != 0;
     }
-    // Counts and logs the call, waits while the slot is held, applies faults.
+    // Logs the call, waits while the slot is held, applies faults.
     int32_t Enter(int slot, const std::string& text) {
         std::unique_lock<std::mutex> lock(mutex_);
-        const uint32_t n = ++state_.calls[slot];
         state_.log.push_back({slot, text, std::this_thread::get_id()});
+        const uint32_t n = static_cast<uint32_t>(std::count_if(
+            state_.log.begin(), state_.log.end(), [&](const Call& c) { return c.slot == slot; }));
         if (state_.held == slot) {
             ++state_.waiting;
             gate_.notify_all();
@@ -288,11 +252,11 @@ private:
 
     struct State {
         int held = -1;
-        uint32_t waiting = 0, lastMode = 0, calls[kSlots]{};
+        uint32_t waiting = 0, lastMode = 0;
         std::vector<Call> log;
         std::map<std::string, std::string> data;
         std::set<std::string> dirs;
-        std::map<std::string, FileTimeRecord> times;
+        FileTimeRecord time{};
     } state_;
     const char* prefix_;
     std::mutex mutex_;

@@ -50,13 +50,16 @@ TEST_F(WorkerQueue, UrgentReadRunsBetweenTwoPieces) {
     ASSERT_EQ(log.size(), 12u);
     EXPECT_EQ(log[1].text, "mem:/urgent");
     EXPECT_EQ(log[2].text, "mem:/normal");
-    for (size_t i : {0u, 3u, 11u}) EXPECT_EQ(log[i].text, "mem:/big");
-    for (FileHandle* f : {big, normal, urgent}) zkCloseFile(f);
+    for (size_t i : {0u, 3u, 11u})
+        EXPECT_EQ(log[i].text, "mem:/big");
+    for (FileHandle* f : {big, normal, urgent})
+        zkCloseFile(f);
 }
 
 TEST_F(WorkerQueue, SeventeenthSubmitterWaitsForAFreeNode) {
     std::vector<FileHandle*> files;
-    for (int i = 0; i < 17; ++i) files.push_back(Make("f" + std::to_string(i), "x"));
+    for (int i = 0; i < 17; ++i)
+        files.push_back(Make("f" + std::to_string(i), "x"));
     Device().Hold(kFileRead);
     std::vector<std::thread> readers;
     readers.emplace_back(Read, files[0], 1, 0, false);
@@ -78,10 +81,12 @@ TEST_F(WorkerQueue, SeventeenthSubmitterWaitsForAFreeNode) {
     EXPECT_EQ(zk::Files().Worker().Count(), 16u);
     EXPECT_EQ(stage.load(), 1);
     Device().Release();
-    for (std::thread& t : readers) t.join();
+    for (std::thread& t : readers)
+        t.join();
     EXPECT_EQ(Device().Log({kFileRead}).back().text, "mem:/f16");
     EXPECT_EQ(zk::Files().Worker().Count(), 0u);
-    for (FileHandle* f : files) zkCloseFile(f);
+    for (FileHandle* f : files)
+        zkCloseFile(f);
 }
 
 } // namespace

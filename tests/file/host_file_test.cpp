@@ -63,6 +63,7 @@ protected:
 
 TEST_F(HostFileTest, CreateWriteReadSeekAndSize) {
     EXPECT_EQ(zkOpenFile("/host_files/a.bin", ZK_OPEN_READ, 0), nullptr);
+    EXPECT_EQ(zkOpenFile("/host_files", ZK_OPEN_READ, 0), nullptr); // a folder is no file
     FileHandle* file =
         zkOpenFile("/host_files/a.bin", ZK_OPEN_READ | ZK_OPEN_WRITE | ZK_OPEN_CREATE, 0);
     ASSERT_NE(file, nullptr);

@@ -232,7 +232,11 @@ File FileOpen(const char* path, uint32_t access, bool create) {
             fd = CreateAt(found, flags, access);
     }
     if (fd < 0) return kInvalidFile;
-    if (!LockForAccess(fd, access)) {
+    // A directory opens for reading on POSIX but is no file to Windows.
+    struct stat status;
+    bool isDirectory = (access & kFileAccessWrite) == 0 && fstat(fd, &status) == 0 &&
+                       S_ISDIR(status.st_mode);
+    if (isDirectory || !LockForAccess(fd, access)) {
         close(fd);
         return kInvalidFile;
     }

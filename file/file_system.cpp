@@ -94,9 +94,10 @@ FileHandle* FileSystem::AllocateHandle(const char* path) {
     return handle;
 }
 
-void FileSystem::ReleaseHandle(FileHandle*) {
+void FileSystem::ReleaseHandle(FileHandle* handle) {
     FileLockTake();
     if (openCount_ > 0) --openCount_;
+    handle->owner = nullptr; // under the lock: AllocateHandle reads it there
     FileLockGive();
 }
 
@@ -128,7 +129,6 @@ void FileSystem::CloseHandleFile(FileHandle* handle) {
 void FileSystem::Close(FileHandle* handle) {
     CloseHandleFile(handle);
     ReleaseHandle(handle);
-    handle->owner = nullptr;
 }
 
 int32_t FileSystem::ReadAtDirect(FileHandle* handle, uint32_t offset, void* buffer, uint32_t size,

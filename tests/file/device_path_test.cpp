@@ -178,23 +178,23 @@ TEST_F(Paths, MountingAndUnmounting) {
 
 TEST_F(Paths, DriverLookupAndDeviceCalls) {
     char out[260];
-    EXPECT_EQ(zkGetPhysicalPath("hdd0:/a.bin", out, 260), -23);
+    EXPECT_EQ(zkGetPhysicalPath("cdrom0:/a.bin", out, 260), -23);
     EXPECT_EQ(zkRegisterDevice(nullptr), -3);
-    static MemoryDevice hdd("hdd0:");
-    hdd.Fail(kInitializeDevice, 1, 1, -5);
-    ASSERT_EQ(zkRegisterDevice(&hdd), 0);
-    EXPECT_EQ(zkGetPhysicalPath("hdd0:/a.bin", out, 260), -23); // its start failed
-    EXPECT_EQ(zkGetPhysicalPath("hdd0:/a.bin", out, 260), 0);   // asked again
-    EXPECT_EQ(zkGetPhysicalPath("hdd0:/b.bin", out, 260), 0);
-    EXPECT_EQ(hdd.Count(kInitializeDevice), 2u);
+    static MemoryDevice cdrom("cdrom0:");
+    cdrom.Fail(kInitializeDevice, 1, 1, -5);
+    ASSERT_EQ(zkRegisterDevice(&cdrom), 0);
+    EXPECT_EQ(zkGetPhysicalPath("cdrom0:/a.bin", out, 260), -23); // its start failed
+    EXPECT_EQ(zkGetPhysicalPath("cdrom0:/a.bin", out, 260), 0);   // asked again
+    EXPECT_EQ(zkGetPhysicalPath("cdrom0:/b.bin", out, 260), 0);
+    EXPECT_EQ(cdrom.Count(kInitializeDevice), 2u);
 
     // File try counts: kinds 1 to 3 also reach their devices.
     const uint32_t defaults[] = {1, 1, 0xFFFFFFFFu, 1, 1, 1, 0};
     for (uint32_t kind = 0; kind < 7; ++kind)
         EXPECT_EQ(zkGetFileTryCount(kind), defaults[kind]);
     EXPECT_EQ(zkSetFileTryCount(0, 4), 1);
-    EXPECT_EQ(zkSetFileTryCount(1, 5), 7); // hdd0:'s answer
-    EXPECT_EQ(zkGetDeviceTryCount("hdd0:"), 5u);
+    EXPECT_EQ(zkSetFileTryCount(2, 5), 7); // cdrom0:'s answer
+    EXPECT_EQ(zkGetDeviceTryCount("cdrom0:"), 5u);
     EXPECT_EQ(zkSetFileTryCount(3, 2), 0); // no driver claims host0:
     EXPECT_EQ(zkSetFileTryCount(6, 2), -3);
     EXPECT_EQ(zkGetDeviceTryCount(nullptr), 0u);

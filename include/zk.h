@@ -20,5 +20,7 @@
 #include "zk/ringbuffer.h"
 #include "zk/request.h"
 #include "zk/overlay.h"
+#include "zk/device.h"
+#include "zk/file.h"
 
 #endif /* ZK_H */

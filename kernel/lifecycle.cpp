@@ -6,6 +6,7 @@
 // fixed order and termination stops them in the order below; every stop step
 // checks that its object exists, so stopping twice is harmless. zkMain wraps
 // the application's callbacks in process begin and end and runs the loop.
+#include "file/file_system.h"
 #include "kernel/arguments.h"
 #include "kernel/callbacks.h"
 #include "kernel/context.h"
@@ -91,13 +92,15 @@ int32_t Initialize(uint32_t arenaSize, uint32_t descriptorCount) {
     result = MainThreadStartup();
     if (result < 0) return result;
 
-    // The file system and its device I/O worker start here; their start result
-    // becomes initialisation's result. Then the archive registry with its device.
-    result = ZK_OK;
+    // The file system and its device I/O worker; their start result becomes
+    // initialisation's result. Then the archive registry with its device.
+    result = FileSystemStartup();
     RequestsStartup();
     OverlaysStartup();
     ProfilersStartup();
-    // The device drivers are registered here: the archive device, then the host device.
+    // The library's drivers stand first in the device table: the archive
+    // device, then the host device.
+    RegisterLibraryDevices();
 
     if (!k.fileLock) k.fileLock = os::SemaphoreCreate(1, 1);
     k.vblankTimer.Start();
@@ -105,7 +108,7 @@ int32_t Initialize(uint32_t arenaSize, uint32_t descriptorCount) {
     CreateMainWindow();
 
     if (k.application.executableDirectory[0] != '\0') {
-        // The executable's directory is mounted at "/" here.
+        MountRootDirectory(k.application.executableDirectory);
         os::SetCurrentDirectory(k.application.executableDirectory);
     }
     return result;
@@ -125,7 +128,10 @@ int32_t Terminate() {
     }
     if (k.running) {
         RequestsShutdown();
-        // The archive registry lets go of the file system here.
+        // The archive registry lets go of the file system here. The worker
+        // finishes what is queued and its thread is joined; open files are
+        // closed and every mount removed, so initialisation can follow again.
+        FileSystemShutdown();
         MainThreadShutdown();
         ProfilersShutdown();
         MemoryShutdown();

@@ -1,0 +1,123 @@
+// The file system: the table of 32 file handles, the working directory, the
+// counters, the file try counts and the device I/O worker.
+//
+// Owns: the FileSystem object (static), and through it the worker; the device
+// table and mount table (device_table.h) are the file system's too.
+//
+// Locks: the FileLock (kernel/context.h) guards taking and giving back
+// handles and the open count; the bytes-read counter is an atomic of its own,
+// so a read never takes a process-wide lock. Everything else in a handle
+// belongs to the one thread that uses it. The worker's own monitors guard its
+// queue (io_worker.h). No lock is held while a driver runs.
+//
+// Threads: any thread calls the file functions; the worker thread runs the
+// queued operations. The working directory, the device and mount tables are
+// changed from the main thread only.
+//
+// Life: started by the library's initialisation (worker started, counters
+// cleared, working directory "/", try counts to their defaults, the library's
+// drivers put first in the device table, the executable's directory mounted at
+// "/"), stopped by its termination (the worker runs what is queued and its
+// thread is joined; files still open are closed and their handles freed; every
+// mount is removed). Initialisation and termination may repeat in one process.
+#ifndef ZK_FILE_FILE_SYSTEM_H
+#define ZK_FILE_FILE_SYSTEM_H
+
+#include "file/device_table.h"
+#include "file/io_worker.h"
+
+#include <zk/file.h>
+
+#include <atomic>
+#include <cstdint>
+
+namespace zk {
+class FileSystem;
+class BackgroundLoad;
+} // namespace zk
+
+// An exported file handle points at one of these.
+struct FileHandle {
+    zk::FileSystem* owner;       // null while free
+    char fullPath[zk::kMaxPath]; // after the working directory was applied
+    zk::DeviceDriver* device;    // null until opened
+    zk::FileObject* file;        // null when not open
+    int32_t unit;                // the driver's unit for the path
+    zk::BackgroundLoad* backgroundLoad;
+};
+
+namespace zk {
+
+constexpr uint32_t kMaxFiles = 32;
+constexpr uint32_t kTryKinds = 6;
+
+class FileSystem {
+public:
+    // -19 when the worker's thread cannot start (the file system is then not started).
+    int32_t Startup();
+    void Shutdown();
+    bool Started() const { return worker_.Running(); }
+
+    // A free handle with its full path built against the working directory;
+    // null when all 32 are in use.
+    FileHandle* AllocateHandle(const char* path);
+    void ReleaseHandle(FileHandle* handle);
+    // The open step for an allocated handle: 0 or positive, or a negative code
+    // (the handle then has no file object).
+    int32_t OpenHandle(FileHandle* handle, uint32_t openFlags, uint32_t mode);
+    // Closes the handle's file object (if any); the handle stays allocated.
+    void CloseHandleFile(FileHandle* handle);
+    void Close(FileHandle* handle);
+    // Reads at an offset straight through the file object, on this thread:
+    // no worker, retries or byte counting.
+    int32_t ReadAtDirect(FileHandle* handle, uint32_t offset, void* buffer, uint32_t size,
+                         uint32_t* got, uint32_t flags);
+
+    // The common checks: -4 for null or free handles, -23 without a file.
+    static int32_t Check(FileHandle* handle);
+    bool Owns(const FileHandle* handle) const;
+    uint32_t TriesOf(const FileHandle* handle) const;
+
+    void SetWorkDir(const char* dir);
+    uint32_t FullPath(const char* path, char* out, uint32_t outSize) const;
+
+    void AddBytesRead(uint32_t n) {
+        if (n) totalBytesRead_.fetch_add(n, std::memory_order_relaxed);
+    }
+    uint32_t TotalBytesRead() const {
+        return static_cast<uint32_t>(totalBytesRead_.load(std::memory_order_relaxed));
+    }
+    void ResetTotalBytesRead() { totalBytesRead_.store(0, std::memory_order_relaxed); }
+    uint32_t OpenCount() const { return openCount_; }
+
+    int32_t SetTryCount(uint32_t kind, uint32_t count);
+    uint32_t TryCount(uint32_t kind) const { return kind < kTryKinds ? tryCounts_[kind] : 0; }
+
+    DeviceIoWorker& Worker() { return worker_; }
+
+private:
+    FileHandle handles_[kMaxFiles]{};
+    uint32_t openCount_ = 0;
+    char workDir_[kMaxPath]{};
+    uint32_t workDirLength_ = 0;
+    std::atomic<uint64_t> totalBytesRead_{0};
+    DeviceIoWorker worker_;
+    uint32_t tryCounts_[kTryKinds]{};
+};
+
+FileSystem& Files();
+
+// The file system's steps in the library's initialisation and termination.
+int32_t FileSystemStartup();
+// Puts the library's own drivers first in the device table (archive device,
+// then host device).
+void RegisterLibraryDevices();
+// Mounts directory at "/" and makes it the process's current directory.
+void MountRootDirectory(const char* directory);
+void FileSystemShutdown();
+// Ends the listings still open (directory.cpp).
+void DirectoriesShutdown();
+
+} // namespace zk
+
+#endif // ZK_FILE_FILE_SYSTEM_H

@@ -1,0 +1,24 @@
+// The host device: the driver through which the library reaches the host's
+// own files. It claims drive paths (a letter and a colon), network paths (two
+// backslashes first) and every name without a colon; each operation on one of
+// its files is one call of the platform file layer (platform/file.h).
+#ifndef ZK_FILE_HOST_DEVICE_H
+#define ZK_FILE_HOST_DEVICE_H
+
+#include <zk/device.h>
+
+#include <cstdint>
+
+namespace zk {
+
+// The host driver, a static instance. Each call counts as fetching the driver
+// for registration: the driver's flag word becomes 1.
+DeviceDriver* HostDeviceDriver();
+
+// The number of host file objects; CreateFileObject answers null while all are
+// handed out.
+constexpr uint32_t kHostFileCount = 32;
+
+} // namespace zk
+
+#endif // ZK_FILE_HOST_DEVICE_H

@@ -1,0 +1,197 @@
+// The device I/O worker and the synchronous callers' waiter. See io_worker.h
+// for the queue's invariants, its locks and why both sides spin first.
+#include "file/io_worker.h"
+
+#include <zk/result.h>
+
+namespace zk {
+
+namespace {
+
+// The worker's thread: a larger stack than the bare minimum, because host
+// drivers search directories on it and sanitizer builds grow every frame.
+constexpr uint32_t kWorkerStackSize = 65536;
+constexpr int32_t kWorkerPriority = 0;
+
+// Spin budgets, in microseconds, before a caller or the idle worker sleeps.
+constexpr int64_t kWaiterSpinMicroseconds = 50;
+constexpr int64_t kWorkerSpinMicroseconds = 50;
+
+inline void CpuPause() {
+#if defined(__i386__) || defined(__x86_64__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
+}
+
+// Spins until done() or the budget is spent; true when done() came true.
+template <typename Done> bool SpinUntil(int64_t microseconds, Done done) {
+    static const int64_t frequency = os::PerformanceFrequency();
+    const int64_t budget = frequency * microseconds / 1000000;
+    const int64_t start = os::PerformanceCounter();
+    for (uint32_t round = 0;; ++round) {
+        for (int i = 0; i < 32; ++i) {
+            if (done()) return true;
+            CpuPause();
+        }
+        if (os::PerformanceCounter() - start > budget) return done();
+        // After a few microseconds, give the core away between rounds: when
+        // the partner thread waits for this very core, spinning on cannot help.
+        if (round >= 4) os::Sleep(0);
+    }
+}
+
+} // namespace
+
+void SyncWaiter::NotifyCompletion() {
+    Monitor* monitor = monitor_; // `this` may be gone once the flag is set
+    if (state_.exchange(kDone, std::memory_order_acq_rel) != kSleeping) return;
+    monitor->Enter();
+    monitor->WakeAll();
+    monitor->Leave();
+}
+
+void SyncWaiter::Wait() {
+    auto done = [this] { return state_.load(std::memory_order_acquire) == kDone; };
+    if (SpinUntil(kWaiterSpinMicroseconds, done)) return;
+    monitor_->Enter();
+    uint32_t expected = kPending;
+    if (state_.compare_exchange_strong(expected, kSleeping, std::memory_order_acq_rel)) {
+        while (!done())
+            monitor_->Wait();
+    }
+    monitor_->Leave();
+}
+
+int32_t DeviceIoWorker::Start() {
+    completionMonitor_.Initialize();
+    queueMonitor_.Initialize();
+    for (uint32_t i = 0; i < kNodes; ++i)
+        nodes_[i] = Node{nullptr, nullptr, nullptr, i + 1 < kNodes ? &nodes_[i + 1] : nullptr};
+    freeList_ = &nodes_[0];
+    queues_[0] = queues_[1] = Queue{nullptr, nullptr};
+    current_ = nullptr;
+    currentQueue_ = nullptr;
+    count_.store(0, std::memory_order_relaxed);
+    stopRequested_ = 0;
+    thread_.Initialize(this, kWorkerStackSize, kWorkerPriority);
+    if (thread_.Start() < 0) {
+        queueMonitor_.Destroy();
+        completionMonitor_.Destroy();
+        return ZK_ERR_NO_SLOT;
+    }
+    running_ = true;
+    return ZK_OK;
+}
+
+void DeviceIoWorker::Stop() {
+    if (!running_) return;
+    queueMonitor_.Enter();
+    stopRequested_ = 1;
+    queueMonitor_.WakeAll();
+    queueMonitor_.Leave();
+    thread_.Release();
+    running_ = false;
+    queueMonitor_.Destroy();
+    completionMonitor_.Destroy();
+}
+
+int32_t DeviceIoWorker::Submit(IoOperation* operation, CompletionTarget* completion,
+                               uint32_t priority) {
+    if (operation->IsImmediate()) {
+        while (operation->Execute() != 0) {
+        }
+        if (completion) completion->NotifyCompletion();
+        return ZK_OK;
+    }
+    if (!running_) return ZK_ERR_NO_SLOT;
+    if (completion) return Enqueue(operation, completion, priority) ? ZK_OK : ZK_ERR_NO_SLOT;
+    SyncWaiter waiter(&completionMonitor_);
+    if (!Enqueue(operation, &waiter, priority)) return ZK_ERR_NO_SLOT;
+    waiter.Wait();
+    return ZK_OK;
+}
+
+void DeviceIoWorker::Append(Queue* queue, Node* node) {
+    node->next = nullptr;
+    node->previous = queue->tail;
+    if (queue->tail)
+        queue->tail->next = node;
+    else
+        queue->head = node;
+    queue->tail = node;
+}
+
+bool DeviceIoWorker::Enqueue(IoOperation* operation, CompletionTarget* completion,
+                             uint32_t priority) {
+    queueMonitor_.Enter();
+    while (!freeList_ && !stopRequested_)
+        queueMonitor_.Wait();
+    if (stopRequested_) {
+        queueMonitor_.Leave();
+        return false;
+    }
+    Node* node = freeList_;
+    freeList_ = node->next;
+    node->operation = operation;
+    node->completion = completion;
+    Append(&queues_[priority & 1], node);
+    count_.fetch_add(1, std::memory_order_release);
+    queueMonitor_.WakeAll();
+    queueMonitor_.Leave();
+    return true;
+}
+
+bool DeviceIoWorker::Take() {
+    auto busy = [this] { return count_.load(std::memory_order_acquire) != 0; };
+    if (!busy()) SpinUntil(kWorkerSpinMicroseconds, busy);
+    queueMonitor_.Enter();
+    while (count_.load(std::memory_order_relaxed) == 0) {
+        if (stopRequested_) {
+            queueMonitor_.Leave();
+            return false;
+        }
+        queueMonitor_.Wait();
+    }
+    Queue* queue = queues_[0].head ? &queues_[0] : &queues_[1];
+    Node* node = queue->head;
+    queue->head = node->next;
+    if (queue->head)
+        queue->head->previous = nullptr;
+    else
+        queue->tail = nullptr;
+    node->next = node->previous = nullptr;
+    current_ = node;
+    currentQueue_ = queue;
+    queueMonitor_.Leave();
+    return true;
+}
+
+void DeviceIoWorker::Run() {
+    while (Take()) {
+        Node* node = current_;
+        if (node->operation->Execute() != 0) {
+            queueMonitor_.Enter();
+            Append(currentQueue_, node);
+            current_ = nullptr;
+            currentQueue_ = nullptr;
+            queueMonitor_.Leave();
+            continue;
+        }
+        CompletionTarget* completion = node->completion;
+        queueMonitor_.Enter();
+        node->operation = nullptr;
+        node->completion = nullptr;
+        node->next = freeList_;
+        freeList_ = node;
+        current_ = nullptr;
+        currentQueue_ = nullptr;
+        count_.fetch_sub(1, std::memory_order_release);
+        queueMonitor_.WakeAll();
+        queueMonitor_.Leave();
+        if (completion) completion->NotifyCompletion();
+    }
+}
+
+} // namespace zk

@@ -1,0 +1,126 @@
+// The device I/O worker: one thread that executes queued I/O operations of
+// every device, from two first-in-first-out queues (0 urgent, 1 normal).
+//
+// Storage: 16 fixed queue nodes; at most 16 operations are queued or running
+// at once, and a submitter blocks while none is free. An operation that asks
+// to run again (a retry, or the next piece of a transfer) goes back to the
+// tail of the queue it came from, so one long transfer does not hold up the
+// others and queue 0 always goes first.
+//
+// Locks: queueMonitor guards the nodes, the queues and the count; it is held
+// only for the queue's bookkeeping, never while a driver runs or a completion
+// is told. Synchronous callers wait on their own SyncWaiter, which sleeps on
+// the shared completionMonitor only after a short spin.
+//
+// Hand-off cost: a small read is one enqueue and one completion. Both sides
+// spin for a bounded time (50 microseconds, with a pause instruction) before
+// they sleep, so a burst of small operations passes between the caller and the
+// worker without a sleep and a wake: the worker finds the next node while
+// spinning, the caller finds its done flag while spinning. After the first few
+// microseconds the spinner yields its core between rounds, so that on a
+// machine with more busy threads than cores the partner it waits for can run
+// on the same core instead of waiting out the spin.
+//
+// Threads: the worker thread is started by the file system's start and
+// stopped and joined by its stop, after it has run everything queued.
+#ifndef ZK_FILE_IO_WORKER_H
+#define ZK_FILE_IO_WORKER_H
+
+#include "thread/request.h"
+#include "thread/sync.h"
+#include "thread/thread.h"
+
+#include <atomic>
+#include <cstdint>
+
+namespace zk {
+
+// One step of I/O work. Execute returns 0 when the operation has finished
+// (its outcome stored in it) and non-zero when it is to run again.
+class IoOperation {
+public:
+    virtual int32_t IsImmediate() = 0;
+    virtual int32_t Execute() = 0;
+
+protected:
+    ~IoOperation() = default;
+};
+
+constexpr uint32_t kUnlimitedTries = 0xFFFFFFFFu;
+
+// After a failed driver call: true to try again. N tries give N attempts;
+// 0 behaves like 1; kUnlimitedTries never runs out.
+inline bool ConsumeTry(uint32_t& tries) {
+    if (tries == kUnlimitedTries) return true;
+    return tries-- > 1;
+}
+
+// A synchronous caller's completion: the caller spins on its done flag for a
+// short time, then sleeps on the worker's completion monitor. The notifier
+// touches the waiter only through one atomic exchange; it enters the monitor
+// only when the caller has gone to sleep.
+class SyncWaiter final : public CompletionTarget {
+public:
+    explicit SyncWaiter(Monitor* monitor) : monitor_(monitor) {}
+    void NotifyCompletion() override;
+    void Wait();
+
+private:
+    enum : uint32_t { kPending = 0, kDone = 1, kSleeping = 2 };
+    Monitor* monitor_;
+    std::atomic<uint32_t> state_{kPending};
+};
+
+class DeviceIoWorker final : public Runnable {
+public:
+    static constexpr uint32_t kNodes = 16;
+
+    // Starts the thread; -19 when the system refuses it (nothing runs then).
+    int32_t Start();
+    // Runs what is queued, then ends and joins the thread.
+    void Stop();
+    bool Running() const { return running_; }
+
+    // Runs an immediate operation at once; otherwise queues it (priority bit 0
+    // set: normal queue, clear: urgent) and, with completion null, returns
+    // when it has finished. -19 when the worker is stopped (nothing ran).
+    int32_t Submit(IoOperation* operation, CompletionTarget* completion, uint32_t priority);
+
+    // Nodes queued or running (for tests and diagnostics).
+    uint32_t Count() const { return count_.load(std::memory_order_relaxed); }
+
+    void Run() override;
+
+private:
+    struct Node {
+        IoOperation* operation;
+        CompletionTarget* completion;
+        Node* previous;
+        Node* next;
+    };
+    struct Queue {
+        Node* head;
+        Node* tail;
+    };
+
+    bool Enqueue(IoOperation* operation, CompletionTarget* completion, uint32_t priority);
+    void Append(Queue* queue, Node* node);
+    // Waits for a node and unlinks it; false when stopping with nothing queued.
+    bool Take();
+
+    Node nodes_[kNodes]{};
+    Queue queues_[2]{};
+    Node* freeList_ = nullptr;
+    Node* current_ = nullptr;
+    Queue* currentQueue_ = nullptr;
+    std::atomic<uint32_t> count_{0};
+    Monitor queueMonitor_;
+    uint32_t stopRequested_ = 0;
+    Thread thread_;
+    Monitor completionMonitor_;
+    bool running_ = false;
+};
+
+} // namespace zk
+
+#endif // ZK_FILE_IO_WORKER_H

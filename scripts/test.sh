@@ -51,6 +51,22 @@ run_ctest() {
     return "$status"
 }
 
+# The exported names must be exactly those pinned in tests/kernel/exports_test.cpp:
+# an export added or removed without its entry there fails the leg.
+compare_with_pinned() {
+    local lib=$1 names=$2 pinned extra missing
+    pinned=$(grep -o 'X(_\{0,1\}zk[A-Za-z0-9_]*)' "$ROOT/tests/kernel/exports_test.cpp" | sed 's/^X(//; s/)$//' | sort -u)
+    extra=$(comm -13 <(printf '%s\n' "$pinned") <(printf '%s\n' "$names" | grep -v '^$' | sort -u))
+    missing=$(comm -23 <(printf '%s\n' "$pinned") <(printf '%s\n' "$names" | grep -v '^$' | sort -u))
+    if [ -n "$extra$missing" ]; then
+        echo "exports: $(basename "$lib") differs from the pinned list in tests/kernel/exports_test.cpp"
+        [ -n "$extra" ] && printf '  exported, not pinned: %s\n' $extra | head -n 20
+        [ -n "$missing" ] && printf '  pinned, not exported: %s\n' $missing | head -n 20
+        return 1
+    fi
+    return 0
+}
+
 # The DLL exports zk names only; on 32-bit they must be undecorated (no
 # leading underscore but the one _zkSlideExpand has, no @n suffix).
 check_exports() {
@@ -64,7 +80,8 @@ check_exports() {
         printf '  %s\n' $bad | head -n 20
         return 1
     fi
-    echo "exports: $(printf '%s\n' "$names" | grep -c '^zk\|^_zk') zk names, nothing else"
+    compare_with_pinned "$dll" "$names" || return 1
+    echo "exports: $(printf '%s\n' "$names" | grep -c '^zk\|^_zk') zk names, nothing else, as pinned"
 }
 
 # The Linux library exports zk names only, like the DLL: everything else is
@@ -78,7 +95,8 @@ check_linux_exports() {
         printf '  %s\n' $bad | head -n 20
         return 1
     fi
-    echo "exports: $(printf '%s\n' "$names" | grep -c '^zk\|^_zk') zk names, nothing else"
+    compare_with_pinned "$lib" "$names" || return 1
+    echo "exports: $(printf '%s\n' "$names" | grep -c '^zk\|^_zk') zk names, nothing else, as pinned"
 }
 
 leg_linux_asan() {

@@ -59,7 +59,15 @@ const Export kExports[] = {
     X(zkWaitForRequestCompletion) X(zkUpdateAllRequests) X(zkLoadOverlayForDebug)
     X(zkLoadOverlayForRelease) X(zkLoadOverlayFromMemoryForDebug)
     X(zkLoadOverlayFromMemoryForRelease) X(zkBeginLoadOverlay) X(zkEndLoadOverlayForDebug)
-    X(zkEndLoadOverlayForRelease)
+    X(zkEndLoadOverlayForRelease) X(zkRegisterDevice) X(zkMount) X(zkUnmount) X(zkUnmountAll)
+    X(zkControlDevice) X(zkGetPartitionStatus) X(zkCreatePartition) X(zkDeletePartition)
+    X(zkFormat) X(zkQueryDeviceInfo) X(zkGetDeviceStatus) X(zkSetDeviceTryCount)
+    X(zkGetDeviceTryCount) X(zkSetWorkDir) X(zkGetFullPath) X(zkGetPhysicalPath) X(zkSplitPath)
+    X(zkOpenFile) X(zkCloseFile) X(zkReadFile) X(zkReadFileOffset) X(zkWriteFile) X(zkSeekFile)
+    X(zkGetFileSize) X(zkGetFilePath) X(zkGetFileTime) X(zkSetFileTime) X(zkDeleteFile)
+    X(zkCopyFile) X(zkGetOpenFileCount) X(zkGetTotalBytesRead) X(zkResetTotalBytesRead)
+    X(zkSetFileTryCount) X(zkGetFileTryCount) X(zkOpenDir) X(zkReadDir) X(zkCloseDir) X(zkMakeDir)
+    X(zkRemoveDir) X(zkDumpDir)
 };
 #undef X
 // clang-format on

@@ -14,7 +14,7 @@ constexpr uint32_t kWorkerStackSize = 65536;
 constexpr int32_t kWorkerPriority = 0;
 
 // Spin budgets, in microseconds, before a caller or the idle worker sleeps.
-constexpr int64_t kWaiterSpinMicroseconds = 30;
+constexpr int64_t kWaiterSpinMicroseconds = 50;
 constexpr int64_t kWorkerSpinMicroseconds = 50;
 
 inline void CpuPause() {
@@ -30,12 +30,15 @@ template <typename Done> bool SpinUntil(int64_t microseconds, Done done) {
     static const int64_t frequency = os::PerformanceFrequency();
     const int64_t budget = frequency * microseconds / 1000000;
     const int64_t start = os::PerformanceCounter();
-    for (;;) {
+    for (uint32_t round = 0;; ++round) {
         for (int i = 0; i < 32; ++i) {
             if (done()) return true;
             CpuPause();
         }
         if (os::PerformanceCounter() - start > budget) return done();
+        // After a few microseconds, give the core away between rounds: when
+        // the partner thread waits for this very core, spinning on cannot help.
+        if (round >= 4) os::Sleep(0);
     }
 }
 

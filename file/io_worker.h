@@ -13,10 +13,13 @@
 // the shared completionMonitor only after a short spin.
 //
 // Hand-off cost: a small read is one enqueue and one completion. Both sides
-// spin for a bounded time (a few tens of microseconds, with a pause
-// instruction) before they sleep, so a burst of small operations passes
-// between the caller and the worker without a system call: the worker finds
-// the next node while spinning, the caller finds its done flag while spinning.
+// spin for a bounded time (50 microseconds, with a pause instruction) before
+// they sleep, so a burst of small operations passes between the caller and the
+// worker without a sleep and a wake: the worker finds the next node while
+// spinning, the caller finds its done flag while spinning. After the first few
+// microseconds the spinner yields its core between rounds, so that on a
+// machine with more busy threads than cores the partner it waits for can run
+// on the same core instead of waiting out the spin.
 //
 // Threads: the worker thread is started by the file system's start and
 // stopped and joined by its stop, after it has run everything queued.

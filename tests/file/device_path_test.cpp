@@ -22,42 +22,20 @@ TEST(DriverInterface, SlotsStandInTheirFixedOrder) {
     using D = zk::DeviceDriver;
     using F = zk::FileObject;
     using R = zk::DirObject;
-    const size_t slots[] = {SlotOf(&D::MatchName),
-                            SlotOf(&D::InitializeDevice),
-                            SlotOf(&D::TerminateDevice),
-                            SlotOf(&D::Reserved3),
-                            SlotOf(&D::ConvertPath),
-                            SlotOf(&D::GetTryCount),
-                            SlotOf(&D::SetTryCount),
-                            SlotOf(&D::CreateFileObject),
-                            SlotOf(&D::Reserved8),
-                            SlotOf(&D::Mount),
-                            SlotOf(&D::Unmount),
-                            SlotOf(&D::Format),
-                            SlotOf(&D::DumpDir),
-                            SlotOf(&D::MakeDir),
-                            SlotOf(&D::RemoveDir),
-                            SlotOf(&D::GetFileTime),
-                            SlotOf(&D::SetFileTime),
-                            SlotOf(&D::DeleteFile),
-                            SlotOf(&D::OpenDir),
-                            SlotOf(&D::QueryDeviceInfo),
-                            SlotOf(&D::ControlDevice),
-                            SlotOf(&D::GetPartitionStatus),
-                            SlotOf(&D::CreatePartition),
-                            SlotOf(&D::DeletePartition),
-                            SlotOf(&D::GetUnit),
-                            SlotOf(&F::IsImmediate),
-                            SlotOf(&F::Open),
-                            SlotOf(&F::Close),
-                            SlotOf(&F::GetSize),
-                            SlotOf(&F::Read),
-                            SlotOf(&F::ReadAt),
-                            SlotOf(&F::Write),
-                            SlotOf(&F::Seek),
-                            SlotOf(&R::Open),
-                            SlotOf(&R::Close),
-                            SlotOf(&R::Read)};
+    // clang-format off
+    const size_t slots[] = {
+        SlotOf(&D::MatchName), SlotOf(&D::InitializeDevice), SlotOf(&D::TerminateDevice),
+        SlotOf(&D::Reserved3), SlotOf(&D::ConvertPath), SlotOf(&D::GetTryCount),
+        SlotOf(&D::SetTryCount), SlotOf(&D::CreateFileObject), SlotOf(&D::Reserved8),
+        SlotOf(&D::Mount), SlotOf(&D::Unmount), SlotOf(&D::Format), SlotOf(&D::DumpDir),
+        SlotOf(&D::MakeDir), SlotOf(&D::RemoveDir), SlotOf(&D::GetFileTime),
+        SlotOf(&D::SetFileTime), SlotOf(&D::DeleteFile), SlotOf(&D::OpenDir),
+        SlotOf(&D::QueryDeviceInfo), SlotOf(&D::ControlDevice), SlotOf(&D::GetPartitionStatus),
+        SlotOf(&D::CreatePartition), SlotOf(&D::DeletePartition), SlotOf(&D::GetUnit),
+        SlotOf(&F::IsImmediate), SlotOf(&F::Open), SlotOf(&F::Close), SlotOf(&F::GetSize),
+        SlotOf(&F::Read), SlotOf(&F::ReadAt), SlotOf(&F::Write), SlotOf(&F::Seek),
+        SlotOf(&R::Open), SlotOf(&R::Close), SlotOf(&R::Read)};
+    // clang-format on
     // 25 driver slots, then 8 file-object slots, then 3 listing slots.
     for (size_t i = 0; i < 36; ++i)
         EXPECT_EQ(slots[i], i < 25 ? i : i < 33 ? i - 25 : i - 33) << i;

@@ -56,6 +56,8 @@ bool FileWrite(File file, const void* buffer, uint32_t size, uint32_t* written);
 // lie within 0 .. 0xFFFFFFFE; false (and the position unchanged) otherwise.
 bool FileSeek(File file, int32_t offset, uint32_t origin, uint32_t* newPosition);
 // SetFilePointer(file, offset, high word 0, FILE_BEGIN): offset is unsigned.
+// Made for a read at an offset: the POSIX backend keeps the position until a
+// call needs it, so that the read that follows is one pread.
 bool FileSeekFromStart(File file, uint32_t offset);
 // SetEndOfFile: cuts the file at the position.
 bool FileTruncateHere(File file);

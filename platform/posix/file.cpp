@@ -31,6 +31,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -197,6 +198,35 @@ bool CopyContents(int in, int out) {
     }
 }
 
+// Positions that FileSeekFromStart set and the kernel has not been told, by
+// descriptor. A read at an offset is then one pread instead of an lseek and
+// a read; the reads and writes that follow carry on from the pending
+// position with pread and pwrite, and anything that needs the kernel's
+// position (a seek, a cut) settles it first. Each file is used by one thread
+// at a time; the slots are atomic only so that a descriptor number reused by
+// another thread after a close starts clean.
+constexpr int64_t kNoPending = -1;
+constexpr intptr_t kTrackedDescriptors = 4096;
+// Each slot holds the pending position plus one, so that 0 (static storage's
+// first value) means none.
+std::atomic<int64_t> gPending[kTrackedDescriptors];
+
+std::atomic<int64_t>* PendingSlot(File file) {
+    return (file >= 0 && file < kTrackedDescriptors) ? &gPending[file] : nullptr;
+}
+int64_t LoadPending(std::atomic<int64_t>* slot) {
+    return slot ? slot->load(std::memory_order_relaxed) - 1 : kNoPending;
+}
+void StorePending(std::atomic<int64_t>* slot, int64_t position) {
+    if (slot) slot->store(position + 1, std::memory_order_relaxed);
+}
+
+// The position the next read or write starts at; -1 when it cannot be told.
+int64_t CurrentPosition(File file) {
+    int64_t at = LoadPending(PendingSlot(file));
+    return at != kNoPending ? at : lseek(static_cast<int>(file), 0, SEEK_CUR);
+}
+
 } // namespace
 
 void FileConvertPath(char* path) {
@@ -234,45 +264,57 @@ File FileOpen(const char* path, uint32_t access, bool create) {
     if (fd < 0) return kInvalidFile;
     // A directory opens for reading on POSIX but is no file to Windows.
     struct stat status;
-    bool isDirectory = (access & kFileAccessWrite) == 0 && fstat(fd, &status) == 0 &&
-                       S_ISDIR(status.st_mode);
+    bool isDirectory =
+        (access & kFileAccessWrite) == 0 && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
     if (isDirectory || !LockForAccess(fd, access)) {
         close(fd);
         return kInvalidFile;
     }
+    StorePending(PendingSlot(fd), kNoPending);
     return fd;
 }
 
 void FileClose(File file) {
+    if (file == kInvalidFile) return;
+    StorePending(PendingSlot(file), kNoPending);
     // The descriptor is gone even when close reports an error: never retried.
-    if (file != kInvalidFile) close(static_cast<int>(file));
+    close(static_cast<int>(file));
 }
 
 bool FileRead(File file, void* buffer, uint32_t size, uint32_t* got) {
     if (size > kLargestTransfer) size = kLargestTransfer;
+    int fd = static_cast<int>(file);
+    std::atomic<int64_t>* slot = PendingSlot(file);
+    int64_t at = LoadPending(slot);
     ssize_t n;
     do
-        n = read(static_cast<int>(file), buffer, size);
+        n = at == kNoPending ? read(fd, buffer, size) : pread(fd, buffer, size, at);
     while (n < 0 && errno == EINTR);
+    if (n > 0 && at != kNoPending) StorePending(slot, at + n);
     *got = n > 0 ? static_cast<uint32_t>(n) : 0;
     return n >= 0;
 }
 
 bool FileWrite(File file, const void* buffer, uint32_t size, uint32_t* written) {
     if (size > kLargestTransfer) size = kLargestTransfer;
+    int fd = static_cast<int>(file);
+    std::atomic<int64_t>* slot = PendingSlot(file);
+    int64_t at = LoadPending(slot);
     ssize_t n;
     do
-        n = write(static_cast<int>(file), buffer, size);
+        n = at == kNoPending ? write(fd, buffer, size) : pwrite(fd, buffer, size, at);
     while (n < 0 && errno == EINTR);
+    if (n > 0 && at != kNoPending) StorePending(slot, at + n);
     *written = n > 0 ? static_cast<uint32_t>(n) : 0;
     return n >= 0;
 }
 
 bool FileSeek(File file, int32_t offset, uint32_t origin, uint32_t* newPosition) {
     int fd = static_cast<int>(file);
-    off_t base = 0;
+    std::atomic<int64_t>* slot = PendingSlot(file);
+    int64_t base = 0;
     if (origin == kFileSeekCurrent) {
-        base = lseek(fd, 0, SEEK_CUR);
+        base = CurrentPosition(file);
     } else if (origin == kFileSeekEnd) {
         struct stat status;
         base = fstat(fd, &status) == 0 ? status.st_size : -1;
@@ -281,21 +323,25 @@ bool FileSeek(File file, int32_t offset, uint32_t origin, uint32_t* newPosition)
     }
     if (base < 0) return false;
     // Without a high word the position must fit below the invalid value.
-    int64_t target = static_cast<int64_t>(base) + offset;
+    int64_t target = base + offset;
     if (target < 0 || target >= 0xFFFFFFFFll) return false;
     if (lseek(fd, static_cast<off_t>(target), SEEK_SET) < 0) return false;
+    StorePending(slot, kNoPending);
     *newPosition = static_cast<uint32_t>(target);
     return true;
 }
 
 bool FileSeekFromStart(File file, uint32_t offset) {
+    if (std::atomic<int64_t>* slot = PendingSlot(file)) {
+        StorePending(slot, offset);
+        return true;
+    }
     return lseek(static_cast<int>(file), static_cast<off_t>(offset), SEEK_SET) >= 0;
 }
 
 bool FileTruncateHere(File file) {
-    int fd = static_cast<int>(file);
-    off_t position = lseek(fd, 0, SEEK_CUR);
-    return position >= 0 && ftruncate(fd, position) == 0;
+    int64_t position = CurrentPosition(file);
+    return position >= 0 && ftruncate(static_cast<int>(file), static_cast<off_t>(position)) == 0;
 }
 
 bool FileSize(File file, uint32_t* size) {

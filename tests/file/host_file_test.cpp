@@ -107,6 +107,9 @@ TEST_F(HostFileTest, CreateWriteReadSeekAndSize) {
     uint32_t position = 0;
     ASSERT_EQ(zkSeekFile(file, 0, ZK_SEEK_CUR, &position), 0);
     EXPECT_EQ(position, 25u);
+    ASSERT_EQ(zkReadFileOffset(file, 30, buffer, 5, &n, 0), 0);
+    ASSERT_EQ(zkWriteFile(file, "XY", 2, &n), 0); // lands behind the read
+    data.replace(35, 2, "XY");
     EXPECT_EQ(Contents(file), data);
     zkCloseFile(file);
 }

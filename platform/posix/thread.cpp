@@ -90,7 +90,8 @@ Handle ThreadCreateSuspended(uint32_t stackSize, ThreadEntry entry, void* parame
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     if (stackSize) {
-        size_t size = stackSize < PTHREAD_STACK_MIN ? PTHREAD_STACK_MIN : stackSize;
+        const size_t least = static_cast<size_t>(PTHREAD_STACK_MIN);
+        size_t size = stackSize < least ? least : size_t(stackSize);
         size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
         size = (size + page - 1) / page * page;
         pthread_attr_setstacksize(&attr, size);

@@ -1,35 +1,29 @@
 // A memory-backed device for the file-system tests, registered with
 // zkRegisterDevice like an application's driver. It claims names that begin
-// with its prefix ("mem:"), keeps files and directories in memory, and can be
-// told to fail the k-th call of any slot, deliver reads in small pieces,
+// with "mem:", keeps files and directories in memory, and can be
+// told to fail a run of calls of a slot, deliver reads in small pieces,
 // answer -57 for a missing file, claim more bytes than it was asked for, or
-// hold a slot's calls until released. It records every call in order.
+// hold a slot's calls until released. It records the calls of the slots
+// below in order.
 #ifndef ZK_TESTS_FILE_MEMORY_DEVICE_H
 #define ZK_TESTS_FILE_MEMORY_DEVICE_H
 
 #include "support/library_test.h"
 
-#include <zk.h>
-
 #include <algorithm>
+#include <array>
 #include <condition_variable>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace zktest {
 
-// The slots the device counts and logs (driver slots keep their numbers).
-constexpr int kInitializeDevice = 1, kMount = 9, kUnmount = 10, kFormat = 11, kDumpDir = 12,
-              kMakeDir = 13, kRemoveDir = 14, kGetFileTime = 15, kSetFileTime = 16,
-              kDeleteFile = 17, kQueryDeviceInfo = 19, kControlDevice = 20,
-              kGetPartitionStatus = 21, kCreatePartition = 22, kDeletePartition = 23,
-              kFileOpen = 26, kFileClose = 27, kFileGetSize = 28, kFileRead = 29, kFileReadAt = 30,
-              kFileWrite = 31, kFileSeek = 32, kDirOpen = 33, kDirClose = 34;
+// Driver slots keep their numbers; file-object slots follow from 26, listing slots from 33.
+constexpr int kDumpDir = 12, kMakeDir = 13, kSetFileTime = 16, kFileOpen = 26, kFileClose = 27,
+              kFileGetSize = 28, kFileRead = 29, kFileReadAt = 30, kFileSeek = 32, kDirOpen = 33,
+              kDirClose = 34, kSlots = 35;
 
 class MemoryDevice final : public zk::DeviceDriver {
 public:
@@ -38,28 +32,19 @@ public:
         std::string text; // path or file name
         std::thread::id thread;
     };
-    struct Fault {
-        int slot;
-        uint32_t first, count; // calls first .. first + count - 1 of the slot, from 1
-        int32_t code;
-    };
     // What the device does; set before the calls it affects.
     struct Plan {
         uint32_t piece = 0xFFFFFFFFu; // most bytes one read delivers
         uint32_t tries = 1;
         int32_t missing = -51; // Open's answer for a missing file without create
-        bool immediate = false, overclaim = false, noDirObject = false;
-        std::vector<Fault> faults;
+        bool immediate = false, overclaim = false;
+        // Per slot {from, to, code}: its calls from .. to - 1 (counted from 1) answer code.
+        std::array<int64_t, 3> faults[kSlots] = {};
     } plan;
 
-    explicit MemoryDevice(const char* prefix = "mem:") : prefix_(prefix) {}
-    void Reset() {
-        std::lock_guard<std::mutex> g(mutex_);
+    void Reset() { // while the worker is idle
         plan = Plan{};
         state_ = State{};
-    }
-    void Fail(int slot, uint32_t first, uint32_t count, int32_t code) {
-        plan.faults.push_back({slot, first, count, code});
     }
     // Calls of slot wait inside the driver until Release; WaitHeld(n) waits
     // until n of them are waiting.
@@ -87,10 +72,8 @@ public:
         return out;
     }
 
-    int32_t MatchName(const char* name) override {
-        return std::strncmp(name, prefix_, std::strlen(prefix_)) == 0 ? 0 : -6;
-    }
-    int32_t InitializeDevice() override { return Enter(kInitializeDevice, ""); }
+    int32_t MatchName(const char* name) override { return std::strncmp(name, "mem:", 4) ? -6 : 0; }
+    int32_t InitializeDevice() override { return 0; }
     void TerminateDevice() override {}
     int32_t Reserved3() override { return 0; }
     int32_t ConvertPath(char*, uint32_t) override { return 0; }
@@ -103,47 +86,35 @@ public:
         return nullptr;
     }
     int32_t Reserved8(uint32_t* out) override { return *out = 0, 0; }
-    int32_t Mount(char* path, uint32_t, uint32_t) override { return Enter(kMount, path); }
-    int32_t Unmount(char* path) override { return Enter(kUnmount, path); }
-    int32_t Format(char* path) override { return Enter(kFormat, path); }
+    int32_t Mount(char*, uint32_t, uint32_t) override { return 0; }
+    int32_t Unmount(char*) override { return 0; }
+    int32_t Format(char*) override { return 0; }
     int32_t DumpDir(char* path, uint32_t) override { return Enter(kDumpDir, path); }
     int32_t MakeDir(char* path, uint32_t, uint32_t mode) override {
-        const int32_t r = Enter(kMakeDir, path);
-        state_.lastMode = mode;
-        if (r < 0 || !ParentExists(path)) return r < 0 ? r : -51;
-        return state_.dirs.insert(path), 0;
+        Enter(kMakeDir, path), state_.lastMode = mode;
+        return ParentExists(path) ? (state_.dirs.insert(path), 0) : -51;
     }
-    int32_t RemoveDir(char* path, uint32_t) override { return Enter(kRemoveDir, path); }
-    int32_t GetFileTime(char* path, FileTimeRecord* a, FileTimeRecord* b,
-                        FileTimeRecord* c) override {
-        *a = *b = *c = state_.time;
-        return Enter(kGetFileTime, path);
+    int32_t RemoveDir(char*, uint32_t) override { return 0; }
+    int32_t GetFileTime(char*, FileTimeRecord* a, FileTimeRecord* b, FileTimeRecord* c) override {
+        return *a = *b = *c = state_.time, 0;
     }
     int32_t SetFileTime(char* path, const FileTimeRecord* a, const FileTimeRecord*,
                         const FileTimeRecord*) override {
-        state_.time = *a;
-        return Enter(kSetFileTime, path);
+        return state_.time = *a, Enter(kSetFileTime, path);
     }
-    int32_t DeleteFile(char* path, uint32_t) override {
-        const int32_t r = Enter(kDeleteFile, path);
-        return r < 0 ? r : state_.data.erase(path) ? 0 : -51;
-    }
+    int32_t DeleteFile(char* path, uint32_t) override { return state_.data.erase(path) ? 0 : -51; }
     zk::DirObject* OpenDir() override {
         for (Dir& d : dirs_)
-            if (!d.device && !plan.noDirObject) return d.device = this, &d;
+            if (!d.device) return d.device = this, &d;
         return nullptr;
     }
-    int32_t QueryDeviceInfo(char* path, uint32_t what, uint32_t, uint32_t) override {
-        return Enter(kQueryDeviceInfo, path) < 0 ? -1 : what == 1 ? -6 : 5;
+    int32_t QueryDeviceInfo(char*, uint32_t what, uint32_t, uint32_t) override {
+        return what == 1 ? -6 : 5;
     }
-    int32_t ControlDevice(const char* n, uint32_t, uint32_t, uint32_t) override {
-        return Enter(kControlDevice, n);
-    }
-    int32_t GetPartitionStatus(const char* n) override { return Enter(kGetPartitionStatus, n); }
-    int32_t CreatePartition(const char* n, uint32_t, uint32_t) override {
-        return Enter(kCreatePartition, n);
-    }
-    int32_t DeletePartition(const char* n) override { return Enter(kDeletePartition, n); }
+    int32_t ControlDevice(const char*, uint32_t, uint32_t, uint32_t) override { return 0; }
+    int32_t GetPartitionStatus(const char*) override { return 0; }
+    int32_t CreatePartition(const char*, uint32_t, uint32_t) override { return 0; }
+    int32_t DeletePartition(const char*) override { return 0; }
     int32_t GetUnit(const char*) override { return 0; }
 
 private:
@@ -162,11 +133,9 @@ private:
             return 0;
         }
         int32_t Close() override {
-            MemoryDevice* owner = device;
-            const int32_t r = owner->Enter(kFileClose, name);
-            std::lock_guard<std::mutex> g(owner->mutex_);
-            if (r >= 0) device = nullptr;
-            return r;
+            device->Enter(kFileClose, name);
+            std::lock_guard<std::mutex> g(device->mutex_);
+            return device = nullptr, 0;
         }
         int32_t GetSize(uint32_t* size) override {
             *size = static_cast<uint32_t>(Data().size());
@@ -177,15 +146,14 @@ private:
             return r < 0 ? r : Transfer(position, buffer, size, got);
         }
         int32_t ReadAt(uint32_t at, void* buffer, uint32_t size, uint32_t* got, uint32_t) override {
-            const int32_t r = device->Enter(kFileReadAt, name);
-            return r < 0 ? r : Transfer(at, buffer, size, got);
+            device->Enter(kFileReadAt, name);
+            return Transfer(at, buffer, size, got);
         }
         int32_t Write(const void* buffer, uint32_t size, uint32_t* written) override {
             std::string& d = Data();
             d.resize(std::max<size_t>(d.size(), position + size));
             d.replace(position, size, static_cast<const char*>(buffer), size);
-            position += * written = size;
-            return device->Enter(kFileWrite, name);
+            return position += *written = size, 0;
         }
         int32_t Seek(int32_t offset, uint32_t origin, uint32_t* newPosition) override {
             const size_t base = origin == 0 ? 0 : origin == 1 ? position : Data().size();
@@ -195,8 +163,8 @@ private:
         std::string& Data() { return device->state_.data[name]; }
         int32_t Transfer(uint32_t from, void* buffer, uint32_t size, uint32_t* got) {
             const std::string& d = Data();
-            uint32_t n = from < d.size() ? static_cast<uint32_t>(d.size()) - from : 0;
-            n = std::min({n, size, device->plan.piece});
+            const uint32_t n = std::min(
+                {from < d.size() ? uint32_t(d.size()) - from : 0u, size, device->plan.piece});
             std::memcpy(buffer, d.data() + from, n);
             position = from + n;
             *got = device->plan.overclaim ? size + 100 : n;
@@ -215,10 +183,7 @@ private:
                 if (f.first.rfind(path, 0) == 0) names.push_back(f.first.substr(std::strlen(path)));
             return device->Enter(kDirOpen, path);
         }
-        void Close() override {
-            device->Enter(kDirClose, "");
-            device = nullptr;
-        }
+        void Close() override { device->Enter(kDirClose, ""), device = nullptr; }
         int32_t Read(void* entry) override {
             if (names.empty()) return 0;
             std::strncpy(static_cast<char*>(entry), names.front().c_str(), 63);
@@ -230,35 +195,32 @@ private:
     // The device root and made directories exist.
     bool ParentExists(const std::string& path) const {
         const size_t slash = path.find_last_of('/');
-        return slash == std::string::npos || path.substr(0, slash) == prefix_ ||
+        return slash == std::string::npos || path.substr(0, slash) == "mem:" ||
                state_.dirs.count(path.substr(0, slash)) != 0;
     }
-    // Logs the call, waits while the slot is held, applies faults.
+    // Logs and counts the call, waits while the slot is held, applies its fault.
     int32_t Enter(int slot, const std::string& text) {
         std::unique_lock<std::mutex> lock(mutex_);
         state_.log.push_back({slot, text, std::this_thread::get_id()});
-        const uint32_t n = static_cast<uint32_t>(std::count_if(
-            state_.log.begin(), state_.log.end(), [&](const Call& c) { return c.slot == slot; }));
+        const uint32_t n = ++state_.calls[slot];
         if (state_.held == slot) {
             ++state_.waiting;
             gate_.notify_all();
             gate_.wait(lock, [&] { return state_.held != slot; });
             --state_.waiting;
         }
-        for (const Fault& f : plan.faults)
-            if (f.slot == slot && n >= f.first && n - f.first < f.count) return f.code;
-        return 0;
+        const auto& f = plan.faults[slot];
+        return n >= f[0] && n < f[1] ? int32_t(f[2]) : 0;
     }
 
     struct State {
         int held = -1;
-        uint32_t waiting = 0, lastMode = 0;
+        uint32_t waiting = 0, lastMode = 0, calls[kSlots] = {};
         std::vector<Call> log;
         std::map<std::string, std::string> data;
         std::set<std::string> dirs;
         FileTimeRecord time{};
     } state_;
-    const char* prefix_;
     std::mutex mutex_;
     std::condition_variable gate_;
     File files_[40];
@@ -272,8 +234,7 @@ protected:
     static MemoryDevice& Device() {
         static MemoryDevice device;
         static const int32_t registered = zkRegisterDevice(&device);
-        (void)registered;
-        return device;
+        return (void)registered, device;
     }
     void SetUp() override {
         LibraryTest::SetUp();

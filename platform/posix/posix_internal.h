@@ -36,7 +36,6 @@
 
 namespace zk::os::posix {
 
-constexpr uint32_t kObjectCount = 1024;
 constexpr uint32_t kQueueCount = 64;
 constexpr uint32_t kQueueCapacity = 1024;
 constexpr uint32_t kClassCount = 32;

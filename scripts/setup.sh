@@ -9,7 +9,7 @@
 # that cannot run 32-bit programs), fuzz (clang with the libFuzzer and
 # sanitizer runtimes), bench (the peers the benchmarks measure against:
 # mimalloc, the JACK ring buffer and boost's lock-free queues). The test legs
-# of scripts/test.sh are
+# of scripts/test.sh are (install: pkg-config for the consumer check)
 # accepted too and stand for what they need. No leg means base.
 # Packages already installed are skipped, so repeated runs are quick. Runs as
 # root, or through sudo otherwise.
@@ -21,13 +21,14 @@ packages_of() {
     m32) echo "g++-multilib" ;;
     qemu) echo "qemu-user-static" ;;
     linux-m32) echo "cmake ninja-build g++ googletest g++-multilib" ;;
-    win64) echo "cmake ninja-build googletest g++-mingw-w64-x86-64-posix wine64 xvfb xauth" ;;
+    win64) echo "cmake ninja-build googletest g++-mingw-w64-x86-64-posix wine64 xvfb xauth pkg-config" ;;
+    install) echo "cmake ninja-build g++ pkg-config" ;;
     win32) echo "cmake ninja-build googletest g++-mingw-w64-i686-posix debootstrap" ;;
     fuzz) echo "cmake ninja-build clang libclang-rt-14-dev" ;;
     bench) echo "cmake ninja-build g++ libmimalloc-dev libjack-jackd2-dev libboost-dev" ;;
-    all) echo "$(packages_of linux-m32) $(packages_of win64) $(packages_of win32) $(packages_of fuzz) $(packages_of bench)" ;;
+    all) echo "$(packages_of linux-m32) $(packages_of win64) $(packages_of install) $(packages_of win32) $(packages_of fuzz) $(packages_of bench)" ;;
     *)
-        echo "setup.sh: unknown leg '$1' (base, m32, qemu, win64, win32, fuzz, bench, linux-asan, linux-m32, tsan, all)" >&2
+        echo "setup.sh: unknown leg '$1' (base, m32, qemu, win64, win32, install, fuzz, bench, linux-asan, linux-m32, tsan, all)" >&2
         return 1
         ;;
     esac

@@ -11,6 +11,9 @@
 #               Debian root (scripts/i386-root.sh) when one can be made
 #   tsan        ThreadSanitizer; every test program with only its Stress and
 #               Concurrency suites
+#   install     Release build installed into a prefix; a program outside the
+#               tree is built against it through find_package and pkg-config
+#               (the win64 leg does the same for the MinGW build under wine)
 #   fuzz        clang libFuzzer targets (fuzz/*.cpp), each run for
 #               ZK_FUZZ_SECONDS (20) seconds; the corpora grow in the build folder
 #
@@ -22,7 +25,7 @@ set -uo pipefail
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 BUILD_ROOT=${ZK_CI_BUILD_DIR:-$ROOT/build-ci}
 JOBS=2
-ALL_LEGS=(linux-asan linux-m32 win64 win32 tsan fuzz)
+ALL_LEGS=(linux-asan linux-m32 win64 win32 tsan install fuzz)
 
 declare -A LEG_STATUS LEG_TIME LEG_NOTE
 
@@ -146,7 +149,7 @@ leg_win64() {
     # One Xvfb and one wine prefix (inside the build folder) for all tests.
     local log="$dir/ctest.log"
     xvfb-run -a env WINEPREFIX="$dir/wineprefix" WINEDEBUG=-all bash -c '
-        dir=$1 jobs=$2
+        dir=$1 jobs=$2 root=$3
         if [ ! -f "$WINEPREFIX/system.reg" ]; then
             # Without a window manager, wine waits two seconds for every
             # visible window it hides unless windows are unmanaged.
@@ -157,8 +160,9 @@ leg_win64() {
         fi
         ctest --test-dir "$dir" --output-on-failure -j "$jobs"
         status=$?
+        bash "$root/scripts/consumer-check.sh" "$dir" "$dir/consumer" win64 || status=1
         /usr/lib/wine/wineserver64 -k 2>/dev/null
-        exit $status' _ "$dir" "$JOBS" 2>&1 | tee "$log"
+        exit $status' _ "$dir" "$JOBS" "$ROOT" 2>&1 | tee "$log"
     local status=${PIPESTATUS[0]}
     LEG_NOTE[win64]=$(ctest_summary "$log")
     return "$status"
@@ -223,6 +227,15 @@ leg_tsan() {
     done
     LEG_NOTE[tsan]="$((ran - failed)) of $ran test programs passed"
     [ "$failed" -eq 0 ]
+}
+
+leg_install() {
+    local dir="$BUILD_ROOT/install"
+    setup install || return 1
+    configure_and_build "$dir" -DCMAKE_BUILD_TYPE=Release -DZK_BUILD_TESTS=OFF \
+        -DZK_BUILD_BENCH=OFF -DZK_BUILD_EXAMPLES=OFF || return 1
+    bash "$ROOT/scripts/consumer-check.sh" "$dir" "$dir/consumer" linux || return 1
+    LEG_NOTE[install]="installed; consumer built through find_package and pkg-config and ran"
 }
 
 leg_fuzz() {

@@ -6,8 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <set>
+#include <string>
 
 namespace {
 
@@ -79,6 +81,26 @@ TEST(Exports, EveryDeclaredFunctionResolvesOnceUnderThePrefix) {
         EXPECT_EQ(std::strncmp(e.name, "zk", 2), 0) << e.name;
         EXPECT_TRUE(seen.insert(e.name).second) << e.name << " listed twice";
     }
+}
+
+// qaxkrnl.def, from which Microsoft's tools make an import library, names
+// exactly the functions above: no more, no fewer.
+TEST(Exports, ModuleDefinitionFileListsExactlyTheExports) {
+    std::FILE* def = std::fopen(ZK_SOURCE_DIR "/platform/win32/qaxkrnl.def", "r");
+    ASSERT_NE(def, nullptr);
+    std::set<std::string> listed;
+    char line[256];
+    bool inExports = false;
+    while (std::fgets(line, sizeof line, def)) {
+        char name[256];
+        if (std::sscanf(line, " %255s", name) != 1 || name[0] == ';') continue;
+        if (inExports) listed.insert(name);
+        inExports = inExports || std::strcmp(name, "EXPORTS") == 0;
+    }
+    std::fclose(def);
+    std::set<std::string> pinned;
+    for (const Export& e : kExports) pinned.insert(e.name);
+    EXPECT_EQ(listed, pinned) << "run scripts/update-def.sh after changing the exports";
 }
 
 } // namespace

@@ -15,7 +15,8 @@
 #               tree is built against it through find_package and pkg-config
 #               (the win64 leg does the same for the MinGW build under wine)
 #   fuzz        clang libFuzzer targets (fuzz/*.cpp), each run for
-#               ZK_FUZZ_SECONDS (20) seconds; the corpora grow in the build folder
+#               ZK_FUZZ_SECONDS (20) seconds from the seeds in fuzz/corpus/<target>/;
+#               what they find grows in the build folder
 #
 # Each leg installs what it needs first (scripts/setup.sh). Builds go to
 # build-ci/<leg> (ZK_CI_BUILD_DIR overrides build-ci). Exit status is non-zero
@@ -245,7 +246,7 @@ leg_fuzz() {
         -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DZK_BUILD_FUZZ=ON \
         -DZK_BUILD_TESTS=OFF -DZK_BUILD_BENCH=OFF -DZK_BUILD_EXAMPLES=OFF \
         -DZK_BUILD_TOOLS=OFF || return 1
-    local program name log runs ran=0 failed=0
+    local program name log runs seeds ran=0 failed=0
     mkdir -p "$dir/artifacts"
     for program in "$dir"/bin/fuzz_*; do
         [ -x "$program" ] || continue
@@ -254,8 +255,12 @@ leg_fuzz() {
         mkdir -p "$dir/corpus/$name"
         ran=$((ran + 1))
         echo "--- $name ($seconds s)"
+        # The repository's seeds (fuzz/corpus/<target>/) are read; what the
+        # run finds grows in the build folder.
+        seeds=()
+        [ -d "$ROOT/fuzz/corpus/${name#fuzz_}" ] && seeds=("$ROOT/fuzz/corpus/${name#fuzz_}")
         if "$program" -max_total_time="$seconds" -print_final_stats=1 \
-            -artifact_prefix="$dir/artifacts/$name-" "$dir/corpus/$name" >"$log" 2>&1; then
+            -artifact_prefix="$dir/artifacts/$name-" "$dir/corpus/$name" "${seeds[@]}" >"$log" 2>&1; then
             runs=$(awk '/stat::number_of_executed_units/ { print $NF }' "$log")
             echo "$name: ${runs:-?} runs, no finding"
         else

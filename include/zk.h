@@ -22,5 +22,6 @@
 #include "zk/overlay.h"
 #include "zk/device.h"
 #include "zk/file.h"
+#include "zk/profile.h"
 
 #endif /* ZK_H */

@@ -127,6 +127,7 @@ int32_t Terminate() {
         k.fileLock = nullptr;
     }
     if (k.running) {
+        ProfilesShutdown();
         RequestsShutdown();
         // The archive registry lets go of the file system here. The worker
         // finishes what is queued and its thread is joined; open files are

@@ -26,6 +26,9 @@ void RequestsShutdown();
 void OverlaysStartup();
 void ProfilersStartup();
 void ProfilersShutdown();
+// kernel/: profile files still open are closed (their blocks freed) before the
+// system pool goes away.
+void ProfilesShutdown();
 
 } // namespace zk
 

@@ -70,6 +70,8 @@ const Export kExports[] = {
     X(zkCopyFile) X(zkGetOpenFileCount) X(zkGetTotalBytesRead) X(zkResetTotalBytesRead)
     X(zkSetFileTryCount) X(zkGetFileTryCount) X(zkOpenDir) X(zkReadDir) X(zkCloseDir) X(zkMakeDir)
     X(zkRemoveDir) X(zkDumpDir)
+    // profiles
+    X(zkOpenProfile) X(zkGetProfileSection) X(zkGetProfileString) X(zkCloseProfile)
 };
 #undef X
 // clang-format on

@@ -1,0 +1,190 @@
+// Profile (ini) files read from tests/data/profiles through a mount: the
+// sections and values the text rules give, lookups without regard to case,
+// the table of 32, and the system pool left as it was after every close and
+// after every failed open.
+#include "support/library_test.h"
+
+#include <string>
+#include <vector>
+
+namespace {
+
+// Shift_JIS texts used by the data files. The first one's second byte is
+// 0x5D (']'), the key's first two characters have trailing bytes 0x5D and
+// 0x5B ('[').
+#define SJ_HYOUKA "\x95\x5d\x89\xbf"
+#define SJ_ZOON "\x83\x5d\x81\x5b\x83\x93"
+#define SJ_SETTEI "\x90\xdd\x92\xe8"
+#define SJ_ONRYOU "\x89\xb9\x97\xca"
+#define SJ_OOKII "\x91\xe5\x82\xab\x82\xa2"
+#define SJ_NAMAE "\x96\xbc\x91\x4f"
+#define SJ_TESUTO "\x83\x65\x83\x58\x83\x67"
+
+class ProfileTest : public zktest::LibraryTest {
+protected:
+    void SetUp() override {
+        LibraryTest::SetUp();
+        ASSERT_EQ(zkMount("/profiles/", ZK_SOURCE_DIR "/tests/data/profiles", 0), 0);
+    }
+    void TearDown() override {
+        zkUnmount("/profiles/");
+        LibraryTest::TearDown();
+    }
+    static uint32_t UsedBlocks() {
+        MemoryInfo info{};
+        zkGetMemoryInfo(&info);
+        return info.blockCount;
+    }
+    // Every section with its entries, in file order, as one text.
+    static std::string Dump(const ProfileFile* profile) {
+        std::string text;
+        for (uint32_t i = 0; i < profile->sectionCount; ++i) {
+            const ProfileSection& section = profile->sections[i];
+            text += "[" + std::string(section.name) + "]";
+            for (uint32_t k = 0; k < section.entryCount; ++k) {
+                text += " <" + std::string(section.entries[k].key) + ">=<" +
+                        section.entries[k].value + ">";
+            }
+            text += "\n";
+        }
+        return text;
+    }
+};
+
+TEST_F(ProfileTest, FilesGiveTheSectionsAndValuesOfTheTextRules) {
+    struct Case {
+        const char* path;
+        const char* sections;
+    } cases[] = {
+        // CR LF lines: comments and lines before the first section skipped,
+        // trimming of blanks and quotes, a line without '=', an empty key, a
+        // ';' inside a value, text after ']', a header without ']', Shift_JIS
+        // names, keys and values, an empty section, a last line without its end.
+        {"/profiles/game.ini",
+         "[Video] <Width>=<1280> <Height>=<720> <Title>=<Space Trader> "
+         "<Caption>=<alpha \"beta\" gamma> <fullscreen>=<> <>=<x> <WIDTH>=<1920> "
+         "<Note>=<100% ; not a comment>\n"
+         "[Audio] <Volume>=<80> <Device>=<Speakers (USB)>\n"
+         "[" SJ_HYOUKA "] <" SJ_ZOON ">=<1>\n"
+         "[Unclosed] <k>=<v>\n"
+         "[" SJ_SETTEI "] <" SJ_ONRYOU ">=<" SJ_OOKII "> <" SJ_NAMAE ">=<" SJ_TESUTO ">\n"
+         "[VIDEO] <Width>=<640>\n"
+         "[Empty]\n"
+         "[Tail] <last>=<>\n"},
+        // Line feeds alone end no line: the whole rest is the first header's line.
+        {"/profiles/lf_only.ini", "[First]\n"},
+        // A line feed ends a value but not its line; a zero byte ends the text.
+        {"/profiles/mixed.ini", "[S] <a>=<1> <c>=<3>\n[Z] <x>=<1>\n"},
+        {"/profiles/no_sections.ini", ""},
+    };
+    for (const Case& c : cases) {
+        const uint32_t before = UsedBlocks();
+        ProfileFile* profile = zkOpenProfile(c.path);
+        ASSERT_NE(profile, nullptr) << c.path;
+        EXPECT_EQ(profile->inUse, 1u);
+        EXPECT_EQ(Dump(profile), c.sections) << c.path;
+        zkCloseProfile(profile);
+        EXPECT_EQ(profile->inUse, 0u);
+        EXPECT_EQ(UsedBlocks(), before) << c.path << ": blocks left after close";
+    }
+}
+
+TEST_F(ProfileTest, LookupsIgnoreTheCaseOfLettersAndTakeTheFirstMatch) {
+    ProfileFile* profile = zkOpenProfile("/profiles/game.ini");
+    ASSERT_NE(profile, nullptr);
+    ProfileSection* video = zkGetProfileSection(profile, "VIDEO");
+    ASSERT_EQ(video, &profile->sections[0]); // "Video" comes before "VIDEO"
+    EXPECT_STREQ(zkGetProfileString(profile, video, "width"), "1280");
+    EXPECT_STREQ(zkGetProfileString(profile, video, "TITLE"), "Space Trader");
+    EXPECT_STREQ(zkGetProfileString(profile, video, ""), "x");
+    ProfileSection* settings = zkGetProfileSection(profile, SJ_SETTEI);
+    ASSERT_NE(settings, nullptr);
+    EXPECT_STREQ(zkGetProfileString(profile, settings, SJ_NAMAE), SJ_TESUTO);
+
+    // What is not there, and arguments that name nothing, give null or "".
+    EXPECT_EQ(zkGetProfileSection(profile, "Videos"), nullptr);
+    EXPECT_EQ(zkGetProfileSection(profile, nullptr), nullptr);
+    EXPECT_EQ(zkGetProfileSection(nullptr, "Video"), nullptr);
+    const char* empty[] = {
+        zkGetProfileString(profile, video, "Depth"), zkGetProfileString(profile, nullptr, "Width"),
+        zkGetProfileString(profile, video, nullptr), zkGetProfileString(nullptr, video, "Width")};
+    for (const char* value : empty)
+        EXPECT_STREQ(value, "");
+    zkCloseProfile(profile);
+    EXPECT_EQ(zkGetProfileSection(profile, "Video"), nullptr);
+    EXPECT_STREQ(zkGetProfileString(profile, nullptr, "Width"), "");
+    zkCloseProfile(profile); // a second close does nothing
+    EXPECT_EQ(zkOpenProfile("/profiles/missing.ini"), nullptr);
+    EXPECT_EQ(zkOpenProfile(nullptr), nullptr);
+}
+
+TEST_F(ProfileTest, ThirtyTwoOpenAtOnceAndTheThirtyThirdFails) {
+    const uint32_t before = UsedBlocks();
+    std::vector<ProfileFile*> open;
+    for (int i = 0; i < 32; ++i)
+        open.push_back(zkOpenProfile("/profiles/lf_only.ini"));
+    for (ProfileFile* profile : open)
+        ASSERT_NE(profile, nullptr);
+    EXPECT_EQ(zkOpenProfile("/profiles/lf_only.ini"), nullptr);
+    zkCloseProfile(open[7]);
+    EXPECT_EQ(zkOpenProfile("/profiles/lf_only.ini"), open[7]); // the freed record again
+    for (ProfileFile* profile : open)
+        zkCloseProfile(profile);
+    EXPECT_EQ(UsedBlocks(), before);
+}
+
+// Refuses the system pool's allocations from the k-th one after it is set.
+uint32_t g_refuseFrom = 0;
+uint32_t g_seen = 0;
+int32_t ZK_CALL RefuseFromK(uint32_t, uint32_t) {
+    return ++g_seen < g_refuseFrom ? 1 : 0;
+}
+
+TEST_F(ProfileTest, AFailedAllocationAtAnyPointFailsTheOpenAndGivesEverythingBack) {
+    const uint32_t before = UsedBlocks();
+    bool opened = false;
+    uint32_t k = 1;
+    for (; k < 200 && !opened; ++k) {
+        g_refuseFrom = k;
+        g_seen = 0;
+        zkSetAllocHook(RefuseFromK);
+        ProfileFile* profile = zkOpenProfile("/profiles/game.ini");
+        zkSetAllocHook(nullptr);
+        if (profile == nullptr) {
+            EXPECT_EQ(UsedBlocks(), before) << "allocation " << k << " refused";
+        } else {
+            opened = true;
+            EXPECT_EQ(Dump(profile).substr(0, 20), "[Video] <Width>=<128");
+            zkCloseProfile(profile);
+            EXPECT_EQ(UsedBlocks(), before);
+        }
+    }
+    // The text, 8 tables and 40 strings: 49 allocations that each failed once.
+    EXPECT_TRUE(opened);
+    EXPECT_GT(k, 50u);
+}
+
+TEST(ProfileLifetime, TerminationClosesOpenProfiles) {
+    ASSERT_GE(zkBeginProcess(0), 0);
+    ASSERT_GE(zkInitializeEx(zktest::kArenaSize, zktest::kDescriptors), 0);
+    ASSERT_EQ(zkMount("/profiles/", ZK_SOURCE_DIR "/tests/data/profiles", 0), 0);
+    ProfileFile* left = zkOpenProfile("/profiles/game.ini");
+    ASSERT_NE(left, nullptr);
+    zkTerminate();
+    EXPECT_EQ(left->inUse, 0u);
+    EXPECT_EQ(left->sections, nullptr);
+    ASSERT_GE(zkInitializeEx(zktest::kArenaSize, zktest::kDescriptors), 0);
+    zkCloseProfile(left); // closed at termination: nothing to free in the new pool
+    ASSERT_EQ(zkMount("/profiles/", ZK_SOURCE_DIR "/tests/data/profiles", 0), 0);
+    std::vector<ProfileFile*> open;
+    for (int i = 0; i < 32; ++i)
+        open.push_back(zkOpenProfile("/profiles/mixed.ini"));
+    for (ProfileFile* profile : open)
+        EXPECT_NE(profile, nullptr);
+    for (ProfileFile* profile : open)
+        zkCloseProfile(profile);
+    zkTerminate();
+    zkEndProcess();
+}
+
+} // namespace

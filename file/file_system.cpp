@@ -45,6 +45,10 @@ int32_t FileSystem::Startup() {
 }
 
 void FileSystem::Shutdown() {
+    // Background loads finish first: their threads still need the worker.
+    for (FileHandle& handle : handles_) {
+        if (handle.owner) ReleaseBackgroundLoad(&handle);
+    }
     worker_.Stop();
     // Files left open: with the worker gone their objects are closed here.
     for (FileHandle& handle : handles_) {
@@ -127,6 +131,10 @@ void FileSystem::CloseHandleFile(FileHandle* handle) {
 }
 
 void FileSystem::Close(FileHandle* handle) {
+    // A background load still running owns the file object: the job is
+    // released first (which waits for its thread, and the thread closes the
+    // file), so the close step never pulls the file from under it.
+    ReleaseBackgroundLoad(handle);
     CloseHandleFile(handle);
     ReleaseHandle(handle);
 }

@@ -117,6 +117,9 @@ void MountRootDirectory(const char* directory);
 void FileSystemShutdown();
 // Ends the listings still open (directory.cpp).
 void DirectoriesShutdown();
+// Waits until the handle's background load has ended, frees the data it still
+// holds and the job itself (async_file.cpp). Nothing without a job.
+void ReleaseBackgroundLoad(FileHandle* handle);
 
 } // namespace zk
 

@@ -14,6 +14,7 @@
 
 #include "config.h"
 #include "device.h"
+#include "request.h"
 
 /* Directory-making flag: make missing parents too. */
 #define ZK_MAKEDIR_PARENTS 0x2u
@@ -81,6 +82,60 @@ ZK_API int32_t ZK_CALL zkMakeDir(const char* path, uint32_t flags, uint32_t mode
 ZK_API int32_t ZK_CALL zkRemoveDir(const char* path, uint32_t arg);
 /* Null path: 0 without a call. */
 ZK_API int32_t ZK_CALL zkDumpDir(const char* path, uint32_t arg);
+
+/* ---- asynchronous open, close and read ---------------------------------
+ * A Begin call builds the operation inside a frame of request (a request of
+ * zkCreateRequest) and returns at once; the I/O worker runs it. Its result is
+ * 0, or -55 (null request) / -56 (released request, or one whose previous
+ * operation has not been ended): then nothing was queued. Every other failure
+ * comes back from the matching End call, which waits for the operation (see
+ * zkIsRequestCompleted to poll) and returns its result. The request must not
+ * be reused or released between Begin and End; the buffer of a read must stay
+ * valid until its End. */
+
+/* Takes a file handle at once (-19 at End when none is free; -3 for a null
+ * path) and opens it. End gives the handle to *handle on success; on failure
+ * *handle is null and the handle is already released. A null handle pointer at
+ * End closes what was opened and returns -3. */
+ZK_API int32_t ZK_CALL zkBeginOpenFile(const char* path, uint32_t openFlags, uint32_t mode,
+                                       Request* request);
+ZK_API int32_t ZK_CALL zkEndOpenFile(FileHandle** handle, Request* request);
+/* Closes the file and, at End, frees the handle (as zkCloseFile). A handle
+ * not in use ends with -4 and nothing done. A handle without an open file, or
+ * one whose background load still runs, completes at once without a driver
+ * call; End then waits for the load and frees it with the handle. */
+ZK_API int32_t ZK_CALL zkBeginCloseFile(FileHandle* handle, Request* request);
+ZK_API int32_t ZK_CALL zkEndCloseFile(Request* request);
+/* Reads up to size bytes at the file position. End: the result, with the
+ * bytes delivered in *got (also counted in zkGetTotalBytesRead, whatever the
+ * result); -4 for a null or closed handle, -23 without an open file, -3 for a
+ * null buffer. */
+ZK_API int32_t ZK_CALL zkBeginReadFile(FileHandle* handle, void* buffer, uint32_t size,
+                                       Request* request);
+ZK_API int32_t ZK_CALL zkEndReadFile(uint32_t* got, Request* request);
+
+/* ---- whole-file loading -------------------------------------------------- */
+
+/* Reads the whole file at path into a new block of the system pool: *data and
+ * *size; the caller gives the block back with zkFreeData. An empty file gives
+ * 0 with *data null and *size 0. -3 for a null argument, -19 without a free
+ * handle, -5 without memory, -11 when the file delivers fewer bytes than its
+ * size said (it shrank while being read), else the open's or read's code. */
+ZK_API int32_t ZK_CALL zkLoadDataFromFile(const char* path, void** data, uint32_t* size);
+/* The same on a loading thread of its own. Returns the handle that owns the
+ * load (it counts as an open file until zkCloseFile), or null when no handle,
+ * memory or thread was available. */
+ZK_API FileHandle* ZK_CALL zkStartLoadingDataFromFile(const char* path);
+/* 1 while the load's thread runs, else 0 (also for handles without a load). */
+ZK_API uint32_t ZK_CALL zkIsFileProcessing(FileHandle* handle);
+/* Hands the loaded bytes to the caller (who frees them with zkFreeData) and
+ * returns the load's result; a second call gives the same result with null and
+ * 0. While the load still runs: 0 with null and 0. -4 for a handle without a
+ * load, -3 for a null pointer. zkCloseFile waits for a running load and frees
+ * bytes not taken. */
+ZK_API int32_t ZK_CALL zkGetLoadedData(FileHandle* handle, void** data, uint32_t* size);
+/* Gives loaded data back (zkFree). */
+ZK_API void ZK_CALL zkFreeData(void* data);
 
 ZK_EXTERN_C_END
 

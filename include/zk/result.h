@@ -13,7 +13,7 @@
 #define ZK_ERR_NO_MEMORY            (-5)
 #define ZK_ERR_NOT_SUPPORTED        (-6)  /* not supported, or already done */
 #define ZK_ERR_HOST_REMOVE_OR_COPY  (-8)  /* host directory not removed, host file not copied */
-#define ZK_ERR_SHORT_READ           (-11) /* an archive read delivered less than asked */
+#define ZK_ERR_SHORT_READ           (-11) /* a read delivered less than asked (archives, whole-file loads) */
 #define ZK_ERR_NOT_ARCHIVE          (-13) /* bad archive magic */
 #define ZK_ERR_NO_ITEM              (-14) /* no such archive item */
 #define ZK_ERR_NO_SLOT              (-19) /* a fixed table is full, the system refused a thread */

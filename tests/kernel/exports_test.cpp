@@ -70,6 +70,10 @@ const Export kExports[] = {
     X(zkCopyFile) X(zkGetOpenFileCount) X(zkGetTotalBytesRead) X(zkResetTotalBytesRead)
     X(zkSetFileTryCount) X(zkGetFileTryCount) X(zkOpenDir) X(zkReadDir) X(zkCloseDir) X(zkMakeDir)
     X(zkRemoveDir) X(zkDumpDir)
+    // asynchronous files and whole-file loading
+    X(zkBeginOpenFile) X(zkEndOpenFile) X(zkBeginCloseFile) X(zkEndCloseFile) X(zkBeginReadFile)
+    X(zkEndReadFile) X(zkLoadDataFromFile) X(zkStartLoadingDataFromFile) X(zkIsFileProcessing)
+    X(zkGetLoadedData) X(zkFreeData)
     // profiles
     X(zkOpenProfile) X(zkGetProfileSection) X(zkGetProfileString) X(zkCloseProfile)
 };

@@ -1,0 +1,304 @@
+// Asynchronous open, close and read through requests, whole-file loads and
+// background loads: the results a caller sees, seen through the memory device
+// (which can hold a call inside the driver, so "still running" is observed
+// without timing), and a host file streamed in pieces while frames run.
+#include "file/memory_device.h"
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+namespace zktest {
+namespace {
+
+using Codes = std::vector<int64_t>;
+
+class AsyncFiles : public MemoryDeviceTest {
+protected:
+    void SetUp() override {
+        MemoryDeviceTest::SetUp();
+        ASSERT_EQ(zkInitializeRequest(8), 0);
+        request_ = zkCreateRequest();
+        ASSERT_NE(request_, nullptr);
+    }
+    void TearDown() override {
+        zkReleaseRequest(request_);
+        MemoryDeviceTest::TearDown();
+    }
+    static uint32_t UsedBlocks() {
+        MemoryInfo info{};
+        zkGetMemoryInfo(&info);
+        return info.blockCount;
+    }
+    // Begin and End of an open of path: {begin, end, handle given}.
+    Codes Open(const char* path, FileHandle** handle) {
+        const int32_t begun = zkBeginOpenFile(path, ZK_OPEN_READ, 0, request_);
+        const int32_t ended = zkEndOpenFile(handle, request_);
+        return {begun, ended, handle && *handle ? 1 : 0};
+    }
+    Request* request_ = nullptr;
+};
+
+TEST_F(AsyncFiles, BeginAndEndGiveTheResultsOfTheSynchronousCalls) {
+    Device().Put("mem:/a.bin", "0123456789abcdef");
+    const uint32_t openBefore = zkGetOpenFileCount();
+    FileHandle* h = reinterpret_cast<FileHandle*>(1);
+    EXPECT_EQ(Open(nullptr, &h), Codes({0, -3, 0}));
+    EXPECT_EQ(Open("/m/missing.bin", &h), Codes({0, -51, 0}));
+    EXPECT_EQ(Open("/m/a.bin", nullptr), Codes({0, -3, 0})); // opened, then closed again
+    EXPECT_EQ(zkGetOpenFileCount(), openBefore);
+
+    ASSERT_EQ(zkBeginOpenFile("/m/a.bin", ZK_OPEN_READ, 0, request_), 0);
+    EXPECT_EQ(zkBeginOpenFile("/m/a.bin", ZK_OPEN_READ, 0, request_), -56); // End not run yet
+    ASSERT_EQ(zkEndOpenFile(&h, request_), 0);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(zkGetOpenFileCount(), openBefore + 1);
+
+    zkResetTotalBytesRead();
+    char buffer[32] = {};
+    uint32_t got = 99;
+    EXPECT_EQ(Codes({zkBeginReadFile(h, buffer, 10, request_), zkEndReadFile(&got, request_), got}),
+              Codes({0, 0, 10}));
+    EXPECT_EQ(std::string(buffer, 10), "0123456789");
+    EXPECT_EQ(Codes({zkBeginReadFile(h, buffer, 32, request_), zkEndReadFile(&got, request_), got}),
+              Codes({0, 0, 6})); // the rest of the file
+    EXPECT_EQ(std::string(buffer, 6), "abcdef");
+    EXPECT_EQ(zkGetTotalBytesRead(), 16u);
+    EXPECT_EQ(Codes({zkBeginReadFile(h, nullptr, 4, request_), zkEndReadFile(&got, request_)}),
+              Codes({0, -3}));
+
+    EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}), Codes({0, 0}));
+    EXPECT_EQ(zkGetOpenFileCount(), openBefore);
+    // The failed open gave its file object back, so did the open with a null
+    // handle pointer, and this close.
+    EXPECT_EQ(Device().Count(kFileClose), 3u);
+    // A closed handle: the read ends with -4 and nothing delivered; the close with -4.
+    got = 99;
+    EXPECT_EQ(Codes({zkBeginReadFile(h, buffer, 4, request_), zkEndReadFile(&got, request_), got}),
+              Codes({0, -4, 0}));
+    EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}), Codes({0, -4}));
+    EXPECT_EQ(Codes({zkBeginCloseFile(nullptr, request_), zkEndCloseFile(request_)}),
+              Codes({0, -4}));
+    EXPECT_EQ(Device().Count(kFileClose), 3u); // neither reached the driver
+
+    // Null and released requests: nothing is queued.
+    EXPECT_EQ(Codes({zkBeginOpenFile("/m/a.bin", 0, 0, nullptr), zkEndOpenFile(&h, nullptr),
+                     zkBeginReadFile(h, buffer, 1, nullptr), zkEndReadFile(&got, nullptr),
+                     zkBeginCloseFile(h, nullptr), zkEndCloseFile(nullptr)}),
+              Codes({-55, -55, -55, -55, -55, -55}));
+    EXPECT_EQ(zkEndReadFile(&got, request_), -56); // nothing pending
+    EXPECT_EQ(zkGetOpenFileCount(), openBefore);
+}
+
+TEST_F(AsyncFiles, TheOperationRunsOnTheWorkerWhileTheCallerGoesOn) {
+    Device().Put("mem:/a.bin", std::string(64, 'q'));
+    FileHandle* h = nullptr;
+    ASSERT_EQ(Open("/m/a.bin", &h), Codes({0, 0, 1}));
+    Device().Hold(kFileRead);
+    char buffer[64];
+    ASSERT_EQ(zkBeginReadFile(h, buffer, 64, request_), 0); // returns with the read held
+    Device().WaitHeld(1);
+    EXPECT_EQ(zkIsRequestCompleted(request_), 0);
+    EXPECT_NE(Device().Log({kFileRead}).back().thread, std::this_thread::get_id());
+    Device().Release();
+    uint32_t got = 0;
+    EXPECT_EQ(Codes({zkEndReadFile(&got, request_), got}), Codes({0, 64}));
+
+    // Driver failures come back through End: a failing read, a missing file
+    // answered with -57 (reported as -51).
+    Device().plan.faults[kFileRead] = {2, 3, -35}; // the second read
+    EXPECT_EQ(Codes({zkBeginReadFile(h, buffer, 8, request_), zkEndReadFile(&got, request_)}),
+              Codes({0, -35}));
+    EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}), Codes({0, 0}));
+    Device().plan.missing = -57;
+    EXPECT_EQ(Open("/m/none.bin", &h), Codes({0, -51, 0}));
+}
+
+TEST_F(AsyncFiles, WholeFileLoads) {
+    std::string big(100000, '\0');
+    for (size_t i = 0; i < big.size(); ++i)
+        big[i] = char(i * 7 + i / 251);
+    Device().Put("mem:/big.bin", big);
+    Device().Put("mem:/empty.bin", "");
+    const uint32_t blocks = UsedBlocks();
+    void* data = reinterpret_cast<void*>(1);
+    uint32_t size = 7;
+    EXPECT_EQ(Codes({zkLoadDataFromFile("/m/empty.bin", &data, &size), data != nullptr, size}),
+              Codes({0, 0, 0}));
+    Device().plan.piece = 4096; // many reads for one load
+    ASSERT_EQ(zkLoadDataFromFile("/m/big.bin", &data, &size), 0);
+    EXPECT_EQ(std::string(static_cast<char*>(data), size), big);
+    zkFreeData(data);
+    EXPECT_EQ(Codes({zkLoadDataFromFile(nullptr, &data, &size),
+                     zkLoadDataFromFile("/m/big.bin", nullptr, &size),
+                     zkLoadDataFromFile("/m/big.bin", &data, nullptr),
+                     zkLoadDataFromFile("/m/missing.bin", &data, &size)}),
+              Codes({-3, -3, -3, -51}));
+    // A file whose reads stop delivering before its size is reached.
+    Device().plan.piece = 0;
+    EXPECT_EQ(Codes({zkLoadDataFromFile("/m/big.bin", &data, &size), data != nullptr, size}),
+              Codes({-11, 0, 0}));
+    EXPECT_EQ(UsedBlocks(), blocks);
+    EXPECT_EQ(zkGetOpenFileCount(), 0u);
+}
+
+TEST_F(AsyncFiles, BackgroundLoadsAreCollectedOnceAndFreedAtClose) {
+    Device().Put("mem:/level.dat", std::string(5000, 'L'));
+    const uint32_t blocks = UsedBlocks();
+    Device().Hold(kFileRead);
+    FileHandle* h = zkStartLoadingDataFromFile("/m/level.dat");
+    ASSERT_NE(h, nullptr);
+    Device().WaitHeld(1);
+    void* data = reinterpret_cast<void*>(1);
+    uint32_t size = 7;
+    EXPECT_EQ(Codes({zkIsFileProcessing(h), zkGetLoadedData(h, &data, &size), data != nullptr, size,
+                     zkGetOpenFileCount()}),
+              Codes({1, 0, 0, 0, 1})); // still loading: nothing handed out yet
+    Device().Release();
+    while (zkIsFileProcessing(h))
+        zkSleep(1);
+    EXPECT_EQ(Codes({zkGetLoadedData(h, &data, &size), size}), Codes({0, 5000}));
+    EXPECT_EQ(std::string(static_cast<char*>(data), size), std::string(5000, 'L'));
+    zkFreeData(data);
+    EXPECT_EQ(Codes({zkGetLoadedData(h, &data, &size), data != nullptr, size}), Codes({0, 0, 0}));
+    zkCloseFile(h);
+    EXPECT_EQ(Codes({zkIsFileProcessing(h), zkGetLoadedData(h, &data, &size),
+                     zkGetLoadedData(nullptr, &data, &size), zkIsFileProcessing(nullptr)}),
+              Codes({0, -4, -4, 0}));
+
+    // Closed while the load still runs: the close waits for it and frees the
+    // data nobody took; so does an asynchronous close.
+    for (int asyncClose = 0; asyncClose < 2; ++asyncClose) {
+        Device().Hold(kFileRead);
+        h = zkStartLoadingDataFromFile("/m/level.dat");
+        ASSERT_NE(h, nullptr);
+        Device().WaitHeld(1);
+        std::thread releaser([] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            Device().Release();
+        });
+        if (asyncClose) {
+            EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}),
+                      Codes({0, 0}));
+        } else {
+            zkCloseFile(h);
+        }
+        releaser.join();
+        EXPECT_EQ(zkGetOpenFileCount(), 0u);
+        EXPECT_EQ(UsedBlocks(), blocks);
+        // The loading thread opened, read and closed its own file object.
+        EXPECT_EQ(Device().Log({kFileOpen, kFileRead, kFileClose}).back().slot, kFileClose);
+    }
+    // A missing file: the load finishes with the open's code.
+    h = zkStartLoadingDataFromFile("/m/missing.dat");
+    ASSERT_NE(h, nullptr);
+    while (zkIsFileProcessing(h))
+        zkSleep(1);
+    EXPECT_EQ(zkGetLoadedData(h, &data, &size), -51);
+    zkCloseFile(h);
+    EXPECT_EQ(zkStartLoadingDataFromFile(nullptr), nullptr);
+    EXPECT_EQ(UsedBlocks(), blocks);
+}
+
+// A host file of 64 MiB read in 64 KiB pieces on two requests while a loop of
+// frames goes on: each frame collects what has completed and begins the next
+// read; the bytes arrive whole and in order.
+TEST_F(AsyncFiles, StreamingAHostFileWhileFramesRun) {
+    constexpr uint32_t kChunk = 64 * 1024, kChunks = zktest::kThreadSanitizer ? 64 : 1024;
+    char root[261];
+    ASSERT_EQ(zkGetPhysicalPath("/", root, sizeof(root)), 0);
+    const std::filesystem::path path = std::filesystem::path(root) / "stream.bin";
+    std::vector<uint32_t> words(kChunk / 4);
+    {
+        std::ofstream out(path, std::ios::binary);
+        for (uint32_t c = 0; c < kChunks; ++c) {
+            for (uint32_t i = 0; i < words.size(); ++i)
+                words[i] = c * (kChunk / 4) + i;
+            out.write(reinterpret_cast<const char*>(words.data()), kChunk);
+        }
+    }
+    FileHandle* h = nullptr;
+    ASSERT_EQ(Open("/stream.bin", &h), Codes({0, 0, 1}));
+    Request* second = zkCreateRequest();
+    ASSERT_NE(second, nullptr);
+    Request* requests[2] = {request_, second};
+    std::vector<uint32_t> buffers[2] = {std::vector<uint32_t>(kChunk / 4),
+                                        std::vector<uint32_t>(kChunk / 4)};
+    // Reads at the file position complete in the order they were begun.
+    uint32_t begun = 0, checked = 0, frames = 0, bad = 0;
+    for (; begun < 2; ++begun)
+        ASSERT_EQ(zkBeginReadFile(h, buffers[begun].data(), kChunk, requests[begun]), 0);
+    while (checked < kChunks) {
+        ++frames;
+        const uint32_t slot = checked % 2;
+        if (!zkIsRequestCompleted(requests[slot])) {
+            std::this_thread::yield();
+            continue;
+        }
+        uint32_t got = 0;
+        ASSERT_EQ(Codes({zkEndReadFile(&got, requests[slot]), got}), Codes({0, kChunk}));
+        for (uint32_t i = 0; i < kChunk / 4; ++i)
+            bad += buffers[slot][i] != checked * (kChunk / 4) + i;
+        ++checked;
+        if (begun < kChunks) {
+            ASSERT_EQ(zkBeginReadFile(h, buffers[slot].data(), kChunk, requests[slot]), 0);
+            ++begun;
+        }
+    }
+    EXPECT_EQ(bad, 0u);
+    EXPECT_GE(frames, kChunks);
+    EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}), Codes({0, 0}));
+    zkReleaseRequest(second);
+    std::filesystem::remove(path);
+}
+
+// Threads each streaming their own file through their own request beside a
+// background load.
+TEST_F(AsyncFiles, ConcurrencyOwnRequestsBesideABackgroundLoad) {
+    for (int t = 0; t < 4; ++t)
+        Device().Put("mem:/t" + std::to_string(t), std::string(4096, char('a' + t)));
+    Device().Put("mem:/bg", std::string(20000, 'b'));
+    FileHandle* background = zkStartLoadingDataFromFile("/m/bg");
+    ASSERT_NE(background, nullptr);
+    Request* requests[4];
+    for (Request*& r : requests)
+        ASSERT_NE(r = zkCreateRequest(), nullptr);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            const std::string path = "/m/t" + std::to_string(t);
+            for (int round = 0; round < 20; ++round) {
+                FileHandle* h = nullptr;
+                zkBeginOpenFile(path.c_str(), ZK_OPEN_READ, 0, requests[t]);
+                if (zkEndOpenFile(&h, requests[t]) != 0) {
+                    ++wrong;
+                    continue;
+                }
+                char buffer[4096];
+                uint32_t got = 0;
+                zkBeginReadFile(h, buffer, sizeof(buffer), requests[t]);
+                if (zkEndReadFile(&got, requests[t]) != 0 || got != 4096 ||
+                    buffer[got - 1] != char('a' + t))
+                    ++wrong;
+                zkBeginCloseFile(h, requests[t]);
+                if (zkEndCloseFile(requests[t]) != 0) ++wrong;
+            }
+        });
+    }
+    for (std::thread& t : threads)
+        t.join();
+    while (zkIsFileProcessing(background))
+        zkSleep(1);
+    void* data = nullptr;
+    uint32_t size = 0;
+    EXPECT_EQ(Codes({zkGetLoadedData(background, &data, &size), size}), Codes({0, 20000}));
+    zkFreeData(data);
+    zkCloseFile(background);
+    EXPECT_EQ(wrong.load(), 0);
+    for (Request* r : requests)
+        zkReleaseRequest(r);
+}
+
+} // namespace
+} // namespace zktest

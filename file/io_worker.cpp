@@ -1,6 +1,7 @@
 // The device I/O worker and the synchronous callers' waiter. See io_worker.h
 // for the queue's invariants, its locks and why both sides spin first.
 #include "file/io_worker.h"
+#include "thread/spin.h"
 
 #include <zk/result.h>
 
@@ -12,35 +13,6 @@ namespace {
 // drivers search directories on it and sanitizer builds grow every frame.
 constexpr uint32_t kWorkerStackSize = 65536;
 constexpr int32_t kWorkerPriority = 0;
-
-// Spin budgets, in microseconds, before a caller or the idle worker sleeps.
-constexpr int64_t kWaiterSpinMicroseconds = 50;
-constexpr int64_t kWorkerSpinMicroseconds = 50;
-
-inline void CpuPause() {
-#if defined(__i386__) || defined(__x86_64__)
-    __builtin_ia32_pause();
-#elif defined(__aarch64__)
-    asm volatile("yield");
-#endif
-}
-
-// Spins until done() or the budget is spent; true when done() came true.
-template <typename Done> bool SpinUntil(int64_t microseconds, Done done) {
-    static const int64_t frequency = os::PerformanceFrequency();
-    const int64_t budget = frequency * microseconds / 1000000;
-    const int64_t start = os::PerformanceCounter();
-    for (uint32_t round = 0;; ++round) {
-        for (int i = 0; i < 32; ++i) {
-            if (done()) return true;
-            CpuPause();
-        }
-        if (os::PerformanceCounter() - start > budget) return done();
-        // After a few microseconds, give the core away between rounds: when
-        // the partner thread waits for this very core, spinning on cannot help.
-        if (round >= 4) os::Sleep(0);
-    }
-}
 
 } // namespace
 

@@ -1,6 +1,7 @@
 // The request frame protocol: the arena, completion and the continuation
 // walk, the writer and reader cursors, and the synchronous completion waiter.
 #include "thread/request.h"
+#include "thread/spin.h"
 
 #include <zk/result.h>
 
@@ -196,6 +197,13 @@ int32_t Request::IsCompleted() const {
 }
 
 void Request::WaitForFrame(uint32_t index) {
+    // The awaited frame on top of the stack (no nested operations above it):
+    // a completion that comes within microseconds is seen without sleeping.
+    // Only this thread pushes and pops frames, so frameCount is stable here.
+    if (index + 1 == frameCount) {
+        zk::SpinUntil(zk::kWaiterSpinMicroseconds,
+                      [&] { return FrameState(index) != zk::kFramePending; });
+    }
     for (;;) {
         monitor.Enter();
         // A continuation run below may already have popped the awaited frame.

@@ -178,8 +178,7 @@ int32_t FileSystemStartup() {
 }
 
 void RegisterLibraryDevices() {
-    // Each is put first, so the last one put stands first in the table. The
-    // archive device will be put after the host device here.
+    // Put first; the archive registry's start puts its device before it.
     DeviceTable& devices = Devices();
     DeviceDriver* host = HostDeviceDriver();
     devices.RemoveAll(host);

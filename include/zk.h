@@ -23,5 +23,6 @@
 #include "zk/device.h"
 #include "zk/file.h"
 #include "zk/profile.h"
+#include "zk/archive.h"
 
 #endif /* ZK_H */

@@ -101,6 +101,7 @@ int32_t Initialize(uint32_t arenaSize, uint32_t descriptorCount) {
     // The library's drivers stand first in the device table: the archive
     // device, then the host device.
     RegisterLibraryDevices();
+    ArchivesStartup();
 
     if (!k.fileLock) k.fileLock = os::SemaphoreCreate(1, 1);
     k.vblankTimer.Start();
@@ -129,8 +130,9 @@ int32_t Terminate() {
     if (k.running) {
         ProfilesShutdown();
         RequestsShutdown();
-        // The archive registry lets go of the file system here. The worker
-        // finishes what is queued and its thread is joined; open files are
+        // Archives still open are closed while their files and blocks exist.
+        ArchivesShutdown();
+        // The worker finishes what is queued and its thread is joined; open files are
         // closed and every mount removed, so initialisation can follow again.
         FileSystemShutdown();
         MainThreadShutdown();

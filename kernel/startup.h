@@ -30,6 +30,12 @@ void ProfilersShutdown();
 // system pool goes away.
 void ProfilesShutdown();
 
+// archive/: the archive registry's tables built (first start only) and the
+// archive device put first in the device table; at stop every archive and
+// item stream still open is closed, before the file system stops.
+void ArchivesStartup();
+void ArchivesShutdown();
+
 } // namespace zk
 
 #endif // ZK_KERNEL_STARTUP_H

@@ -192,7 +192,7 @@ TEST_F(HostFileTest, UnsupportedOperationsAndPathConversion) {
         EXPECT_STREQ(out, c[backslashes_ ? 1 : 2]);
     }
     // A device name before the colon other than one drive letter is no host name.
-    for (const char* name : {"host0:", "hdd0:/x", "ab:c", "kiv0:x", "1:x"})
+    for (const char* name : {"host0:", "hdd0:/x", "ab:c", "zip0:x", "1:x"})
         EXPECT_EQ(zkGetPhysicalPath(name, out, sizeof(out)), -23) << name;
 }
 

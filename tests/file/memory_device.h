@@ -146,8 +146,8 @@ private:
             return r < 0 ? r : Transfer(position, buffer, size, got);
         }
         int32_t ReadAt(uint32_t at, void* buffer, uint32_t size, uint32_t* got, uint32_t) override {
-            device->Enter(kFileReadAt, name);
-            return Transfer(at, buffer, size, got);
+            const int32_t r = device->Enter(kFileReadAt, name);
+            return r < 0 ? r : Transfer(at, buffer, size, got);
         }
         int32_t Write(const void* buffer, uint32_t size, uint32_t* written) override {
             std::string& d = Data();

@@ -1,0 +1,246 @@
+// The archive device: mounted archives read through the ordinary file calls.
+//
+// Owns: the one KivDevice (static, outliving re-initialisation) with its ten
+// slots kiv0: .. kiv9: and its 32 KivDeviceFile objects.
+//
+// Locks: the FileLock while CreateFileObject scans for a free object; an
+// object goes back by one atomic store in its own Close. Slots change only in
+// zkMountKiv, zkUnmountKiv and when an archive closes, which must not overlap
+// file operations on the device.
+//
+// Threads: open, close, size and seek run on the caller's thread; reads run
+// on the device I/O worker, which reads the archive file straight through its
+// file object (mounted archives are opened with ZK_KIV_DIRECT_READ), so an
+// item read never queues a second operation behind itself.
+#include "archive/kiv_archive.h"
+
+#include "file/file_system.h"
+#include "kernel/context.h"
+
+#include <zk/device.h>
+#include <zk/result.h>
+
+#include <atomic>
+
+namespace zk {
+namespace {
+
+constexpr uint32_t kSlotCount = 10;
+constexpr uint32_t kDeviceFileCount = 32;
+
+class KivDevice;
+
+// The slot a device name or physical path names ("kivN:..."), or -1: "kiv:"
+// without a digit names none.
+int32_t SlotOf(const char* name) {
+    if (!name || name[0] != 'k' || name[1] != 'i' || name[2] != 'v') return -1;
+    if (name[3] < '0' || name[3] > '9' || name[4] != ':') return -1;
+    return name[3] - '0';
+}
+
+class KivDeviceFile final : public FileObject {
+public:
+    bool TryTake(KivDevice* device) {
+        if (device_.load(std::memory_order_acquire)) return false;
+        archive_ = nullptr;
+        index_ = size_ = position_ = 0;
+        device_.store(device, std::memory_order_release);
+        return true;
+    }
+    // The archive is closing: the object stays handed out but reads nothing.
+    void Detach(const KivArchive* archive) {
+        if (device_.load(std::memory_order_acquire) && archive_ == archive) archive_ = nullptr;
+    }
+
+    int32_t IsImmediate(int32_t kind) override {
+        return kind == 1 || kind == 2 || kind == 3 || kind == 6;
+    }
+    int32_t Open(const char* physicalPath, uint32_t, uint32_t) override;
+    int32_t Close() override {
+        if (device_.load(std::memory_order_acquire)) {
+            archive_ = nullptr;
+            device_.store(nullptr, std::memory_order_release);
+        }
+        return ZK_OK;
+    }
+    int32_t GetSize(uint32_t* size) override {
+        if (size) *size = size_;
+        return ZK_OK;
+    }
+    int32_t Read(void* buffer, uint32_t size, uint32_t* got, uint32_t flags) override {
+        return ReadAt(position_, buffer, size, got, flags);
+    }
+    int32_t ReadAt(uint32_t offset, void* buffer, uint32_t size, uint32_t* got,
+                   uint32_t flags) override {
+        uint32_t done = 0;
+        int32_t result = ZK_ERR_INVALID_HANDLE;
+        if (!buffer) {
+            result = ZK_ERR_INVALID_ARGUMENT;
+        } else if (archive_) {
+            result = KivReadItemBytes(archive_, index_, offset, buffer, size, &done, flags);
+            if (result >= 0) position_ = offset + done;
+        }
+        if (got) *got = done;
+        return result;
+    }
+    int32_t Write(const void* buffer, uint32_t, uint32_t* written) override {
+        if (written) *written = 0;
+        return buffer ? ZK_ERR_NOT_SUPPORTED : ZK_ERR_INVALID_ARGUMENT;
+    }
+    int32_t Seek(int32_t offset, uint32_t origin, uint32_t* newPosition) override {
+        const bool ok = SeekPosition(position_, size_, offset, origin, &position_);
+        if (newPosition) *newPosition = position_;
+        return ok ? ZK_OK : ZK_ERR_INVALID_ARGUMENT;
+    }
+
+private:
+    std::atomic<KivDevice*> device_{nullptr};
+    KivArchive* archive_ = nullptr;
+    uint32_t index_ = 0;
+    uint32_t size_ = 0;
+    uint32_t position_ = 0;
+};
+
+class KivDevice final : public DeviceDriver {
+public:
+    KivArchive* slots[kSlotCount]{};
+    KivDeviceFile files[kDeviceFileCount];
+
+    int32_t MatchName(const char* name) override {
+        if (!name || name[0] != 'k' || name[1] != 'i' || name[2] != 'v')
+            return ZK_ERR_NOT_SUPPORTED;
+        const char* p = name + 3;
+        if (*p >= '0' && *p <= '9') ++p;
+        return *p == ':' ? ZK_OK : ZK_ERR_NOT_SUPPORTED;
+    }
+    int32_t InitializeDevice() override { return ZK_OK; }
+    void TerminateDevice() override {}
+    int32_t Reserved3() override { return ZK_OK; }
+    int32_t ConvertPath(char* physicalPath, uint32_t) override {
+        for (char* p = physicalPath; p && *p; ++p)
+            if (*p == '\\') *p = '/';
+        return ZK_OK;
+    }
+    // The try count of the device holding the mounted archive's file.
+    uint32_t GetTryCount(int32_t unit) override {
+        if (unit < 0 || unit >= int32_t(kSlotCount) || !slots[unit]) return 1;
+        const KivArchive* root = slots[unit]->root;
+        const FileHandle* file = root ? root->file : nullptr;
+        if (!file || !file->device) return 1;
+        return file->device->GetTryCount(file->unit);
+    }
+    int32_t SetTryCount(int32_t unit, uint32_t) override {
+        return static_cast<int32_t>(GetTryCount(unit));
+    }
+    FileObject* CreateFileObject() override {
+        FileLockTake();
+        FileObject* taken = nullptr;
+        for (KivDeviceFile& f : files) {
+            if (f.TryTake(this)) {
+                taken = &f;
+                break;
+            }
+        }
+        FileLockGive();
+        return taken;
+    }
+    int32_t Reserved8(uint32_t* out) override {
+        if (out) *out = 0;
+        return ZK_OK;
+    }
+    int32_t Mount(char*, uint32_t, uint32_t) override { return ZK_ERR_NOT_SUPPORTED; }
+    int32_t Unmount(char*) override { return ZK_ERR_NOT_SUPPORTED; }
+    int32_t Format(char*) override { return ZK_ERR_NOT_SUPPORTED; }
+    int32_t DumpDir(char*, uint32_t) override { return ZK_ERR_NOT_SUPPORTED; }
+    int32_t MakeDir(char*, uint32_t, uint32_t) override { return ZK_ERR_NOT_SUPPORTED; }
+    int32_t RemoveDir(char*, uint32_t) override { return ZK_ERR_NOT_SUPPORTED; }
+    int32_t GetFileTime(char*, FileTimeRecord*, FileTimeRecord*, FileTimeRecord*) override {
+        return ZK_ERR_NOT_SUPPORTED;
+    }
+    int32_t SetFileTime(char*, const FileTimeRecord*, const FileTimeRecord*,
+                        const FileTimeRecord*) override {
+        return ZK_ERR_NOT_SUPPORTED;
+    }
+    int32_t DeleteFile(char*, uint32_t) override { return ZK_ERR_NOT_SUPPORTED; }
+    DirObject* OpenDir() override { return nullptr; }
+    int32_t QueryDeviceInfo(char*, uint32_t, uint32_t, uint32_t) override {
+        return ZK_ERR_NOT_SUPPORTED;
+    }
+    int32_t ControlDevice(const char*, uint32_t, uint32_t, uint32_t) override {
+        return ZK_ERR_NOT_SUPPORTED;
+    }
+    int32_t GetPartitionStatus(const char*) override { return ZK_ERR_NOT_SUPPORTED; }
+    int32_t CreatePartition(const char*, uint32_t, uint32_t) override {
+        return ZK_ERR_NOT_SUPPORTED;
+    }
+    int32_t DeletePartition(const char*) override { return ZK_ERR_NOT_SUPPORTED; }
+    int32_t GetUnit(const char* name) override { return name ? name[3] - '0' : -1; }
+};
+
+KivDevice gDevice;
+
+// A physical path kivN:/dir/name names the item dir/name of slot N's archive.
+int32_t KivDeviceFile::Open(const char* physicalPath, uint32_t, uint32_t) {
+    const int32_t slot = SlotOf(physicalPath);
+    if (slot < 0 || !gDevice.slots[slot]) return ZK_ERR_NO_SUCH_FILE;
+    const char* name = physicalPath + 5;
+    if (*name == '/') ++name;
+    if (*name == '\0') return ZK_ERR_NO_SUCH_FILE; // the mount point itself
+    KivArchive* archive = gDevice.slots[slot];
+    uint32_t index;
+    if (!KivFind(archive, name, &index)) return ZK_ERR_NO_SUCH_FILE;
+    archive_ = archive;
+    index_ = index;
+    size_ = archive->directory.Entry(index).size;
+    position_ = 0;
+    return ZK_OK;
+}
+
+} // namespace
+
+DeviceDriver* KivDeviceDriver() {
+    return &gDevice;
+}
+
+void KivDeviceArchiveClosed(KivArchive* archive) {
+    for (KivArchive*& slot : gDevice.slots)
+        if (slot == archive) slot = nullptr;
+    for (KivDeviceFile& f : gDevice.files)
+        f.Detach(archive);
+}
+
+} // namespace zk
+
+extern "C" ZK_API int32_t ZK_CALL zkMountKiv(const char* mountPath, const char* archivePath,
+                                             uint32_t flags) {
+    if (!mountPath || !archivePath || (flags & ZK_KIV_BY_INDEX)) return ZK_ERR_INVALID_ARGUMENT;
+    int32_t slot = -1;
+    for (uint32_t i = 0; i < zk::kSlotCount && slot < 0; ++i)
+        if (!zk::gDevice.slots[i]) slot = static_cast<int32_t>(i);
+    if (slot < 0) return ZK_ERR_NO_MOUNT_SLOT;
+    KivArchive* archive = zk::KivOpenPath(archivePath, flags | ZK_KIV_DIRECT_READ);
+    if (!archive) return ZK_ERR_OPEN_FAILED;
+    char deviceName[] = "kiv0:";
+    deviceName[3] = static_cast<char>('0' + slot);
+    // The slot is filled first so that the mount's own checks see the device
+    // as it will be; a failed mount empties it again.
+    zk::gDevice.slots[slot] = archive;
+    const int32_t result = zkMount(mountPath, deviceName, 0);
+    if (result < 0) {
+        zk::KivClose(archive); // empties the slot
+        return result;
+    }
+    return ZK_OK;
+}
+
+extern "C" ZK_API int32_t ZK_CALL zkUnmountKiv(const char* mountPath) {
+    if (!mountPath) return ZK_ERR_INVALID_ARGUMENT;
+    char physical[zk::kMaxPath] = {};
+    zkGetPhysicalPath(mountPath, physical, sizeof physical);
+    const int32_t result = zkUnmount(mountPath);
+    if (result < 0) return result;
+    // A mount that zkMountKiv did not make names no slot; nothing else is touched.
+    const int32_t slot = zk::SlotOf(physical);
+    if (slot >= 0 && zk::gDevice.slots[slot]) zk::KivClose(zk::gDevice.slots[slot]);
+    return ZK_OK;
+}

@@ -1,0 +1,260 @@
+// Archives against their baselines, in the same run:
+//
+//   expand text / binary: the bounded slide expansion in MB/s of output
+//       against the byte-at-a-time ring expander (tests/archive), on packed
+//       English-like text and on packed structured binary data
+//   items: reading every item of an archive of 10 000 items of 64 B-4 KiB,
+//       by name through the archive calls (zkLoadKivItem, and an item stream
+//       into one buffer) and through a mounted path (zkOpenFile / zkReadFile
+//       / zkCloseFile), against open + read + close of the same files loose
+//       on disk, through the library and through stdio. Warm: after a pass
+//       that reads everything. Cold: every file's pages dropped first with
+//       posix_fadvise(DONTNEED) where the system has it (the page cache as a
+//       whole cannot be dropped without privileges).
+//
+// Figures are the best of several rounds; ratios are baseline time over
+// archive time (how many times faster the archive is).
+#include "archive/slide_expand.h"
+#include "kiv_pack.h"
+#include "tests/archive/reference_expand.h"
+
+#include <zk.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#if !defined(_WIN32)
+#include <fcntl.h>
+#endif
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+constexpr int kRounds = 5;
+constexpr int kItems = 10000;
+
+template <typename Body> double Best(Body body, bool* ok) {
+    double best = 1e30;
+    for (int round = 0; round < kRounds; ++round) {
+        const Clock::time_point start = Clock::now();
+        *ok = body() && *ok;
+        best = std::min(best, std::chrono::duration<double>(Clock::now() - start).count());
+    }
+    return best;
+}
+
+std::vector<uint8_t> Text(size_t size) {
+    static const char* words[] = {"the",      "frame",     "loop",   "waits", "for",    "a",
+                                  "vertical", "blank",     "and",    "then",  "reads",  "archive",
+                                  "items",    "from",      "disk",   "while", "thread", "monitor",
+                                  "request",  "completes", "quickly"};
+    std::mt19937 random(1);
+    std::vector<uint8_t> out;
+    while (out.size() < size) {
+        const char* w = words[random() % (sizeof words / sizeof *words)];
+        out.insert(out.end(), w, w + std::strlen(w));
+        out.push_back(random() % 11 ? ' ' : '\n');
+    }
+    out.resize(size);
+    return out;
+}
+
+// Records of a few fields each, as a directory or a mesh would hold.
+std::vector<uint8_t> Binary(size_t size) {
+    std::mt19937 random(2);
+    std::vector<uint8_t> out;
+    uint32_t offset = 0;
+    while (out.size() < size) {
+        const uint32_t record[4] = {offset, uint32_t(random() % 4096), 0x00010000u,
+                                    uint32_t(random() % 8)};
+        offset += record[1];
+        const uint8_t* p = reinterpret_cast<const uint8_t*>(record);
+        out.insert(out.end(), p, p + sizeof record);
+    }
+    out.resize(size);
+    return out;
+}
+
+void Expansion(const char* what, const std::vector<uint8_t>& original) {
+    const std::vector<uint8_t> packed = kivtool::SlidePack(original.data(), original.size());
+    std::vector<uint8_t> out(original.size());
+    const uint32_t n = uint32_t(out.size()), p = uint32_t(packed.size());
+    bool ok = true;
+    const double fast =
+        Best([&] { return zk::SlideExpandBounded(out.data(), n, packed.data(), p) == n; }, &ok);
+    ok = ok && out == original;
+    const double plain =
+        Best([&] { return zktest::ReferenceExpand(out.data(), n, packed.data(), p) == n; }, &ok);
+    ok = ok && out == original;
+    std::printf("expand %-7s %5.1f MB packed to %4.1f%%: %8.1f MB/s   byte-at-a-time %7.1f MB/s   "
+                "ratio %5.2f%s%s\n",
+                what, n / 1e6, 100.0 * p / n, n / fast / 1e6, n / plain / 1e6, plain / fast,
+                std::strcmp(what, "text") == 0 ? "  (goal >= 2.5)" : "", ok ? "" : "  FAILED");
+}
+
+bool WriteFile(const fs::path& path, const std::vector<uint8_t>& data) {
+    std::FILE* f = std::fopen(path.string().c_str(), "wb");
+    if (!f) return false;
+    const bool ok = std::fwrite(data.data(), 1, data.size(), f) == data.size();
+    return std::fclose(f) == 0 && ok;
+}
+
+// Drops a file's cached pages; false where the system cannot.
+bool DropCache(const std::string& path) {
+#if defined(_WIN32)
+    (void)path;
+    return false;
+#else
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (!f) return false;
+    const bool ok = posix_fadvise(fileno(f), 0, 0, POSIX_FADV_DONTNEED) == 0;
+    std::fclose(f);
+    return ok;
+#endif
+}
+
+} // namespace
+
+int main() {
+    Expansion("text", Text(8u << 20));
+    Expansion("binary", Binary(8u << 20));
+
+    if (zkBeginProcess(0) != 0 || zkInitializeEx(64u << 20, 4096) < 0) {
+        std::fprintf(stderr, "the library did not start\n");
+        return 1;
+    }
+    char root[261];
+    if (zkGetPhysicalPath("/", root, sizeof root) < 0) return 1;
+    const fs::path folder = fs::path(root) / "bench_archive";
+    fs::remove_all(folder);
+    fs::create_directories(folder / "loose");
+
+    std::mt19937 random(3);
+    std::vector<kivtool::PackItem> items(kItems);
+    std::vector<std::string> names(kItems), hostPaths(kItems), zkPaths(kItems), mountPaths(kItems);
+    bool ok = true;
+    for (int i = 0; i < kItems; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof name, "item%05d.bin", i);
+        names[i] = name;
+        items[i].name = name;
+        items[i].data.resize(64 + random() % (4096 - 64 + 1));
+        for (uint8_t& b : items[i].data)
+            b = uint8_t(random());
+        hostPaths[i] = (folder / "loose" / name).string();
+        zkPaths[i] = std::string("/bench_archive/loose/") + name;
+        mountPaths[i] = std::string("/arc/") + name;
+        ok = ok && WriteFile(hostPaths[i], items[i].data);
+    }
+    std::vector<uint8_t> archive;
+    std::string error;
+    ok = ok && kivtool::BuildArchive(items, kivtool::PackOptions{}, &archive, &error);
+    const std::string archiveHost = (folder / "items.kiv").string();
+    ok = ok && WriteFile(archiveHost, archive) &&
+         zkMountKiv("/arc", "/bench_archive/items.kiv", 0) == 0;
+    KivArchive* a = zkOpenKiv("/bench_archive/items.kiv", 0);
+    if (!ok || !a) {
+        std::fprintf(stderr, "could not make the files in %s %s\n", folder.string().c_str(),
+                     error.c_str());
+        return 1;
+    }
+    std::vector<char> buffer(4096);
+
+    auto load = [&] {
+        bool all = true;
+        for (int i = 0; i < kItems; ++i) {
+            void* p = nullptr;
+            uint32_t size = 0;
+            all = all && zkLoadKivItem(a, names[i].c_str(), &p, &size) == 0 &&
+                  size == items[i].data.size();
+            zkReleaseKivItem(p);
+        }
+        return all;
+    };
+    auto stream = [&] {
+        bool all = true;
+        for (int i = 0; i < kItems; ++i) {
+            KivItemStream* s = zkOpenKivItem(a, names[i].c_str());
+            uint32_t got = 0;
+            all = all && s && zkReadKivItem(s, buffer.data(), 4096, &got) == 0 &&
+                  got == items[i].data.size();
+            zkCloseKivItem(s);
+        }
+        return all;
+    };
+    auto files = [&](const std::vector<std::string>& paths) {
+        bool all = true;
+        for (int i = 0; i < kItems; ++i) {
+            FileHandle* f = zkOpenFile(paths[i].c_str(), ZK_OPEN_READ, 0);
+            uint32_t got = 0;
+            all = all && f && zkReadFile(f, buffer.data(), 4096, &got) == 0 &&
+                  got == items[i].data.size();
+            zkCloseFile(f);
+        }
+        return all;
+    };
+    auto stdio = [&] {
+        bool all = true;
+        for (int i = 0; i < kItems; ++i) {
+            std::FILE* f = std::fopen(hostPaths[i].c_str(), "rb");
+            all = all && f && std::fread(buffer.data(), 1, 4096, f) == items[i].data.size();
+            if (f) std::fclose(f);
+        }
+        return all;
+    };
+    auto dropAll = [&] {
+        bool dropped = DropCache(archiveHost);
+        for (const std::string& p : hostPaths)
+            dropped = DropCache(p) && dropped;
+        return dropped;
+    };
+
+    std::printf("items: %d of 64 B-4 KiB (%.1f MB), best of %d rounds, us per item\n", kItems,
+                archive.size() / 1e6, kRounds);
+    for (int cold = 0; cold < 2; ++cold) {
+        if (cold && !dropAll()) {
+            std::printf("cold: skipped (this system cannot drop a file's cached pages)\n");
+            break;
+        }
+        // Warm: the best of the rounds. Cold: every file's pages dropped
+        // before each round.
+        auto measure = [&](auto body) {
+            double best = 1e30;
+            for (int round = 0; round < kRounds; ++round) {
+                if (cold) dropAll();
+                const Clock::time_point start = Clock::now();
+                ok = body() && ok;
+                best = std::min(best, std::chrono::duration<double>(Clock::now() - start).count());
+            }
+            return best;
+        };
+        files(zkPaths), stdio(), load(); // one untimed pass: every path warm
+        const double tLoad = measure(load), tStream = measure(stream),
+                     tMount = measure([&] { return files(mountPaths); });
+        const double tLoose = measure([&] { return files(zkPaths); }), tStdio = measure(stdio);
+        const double per = 1e6 / kItems;
+        std::printf("%s: zkLoadKivItem %6.2f   item stream %6.2f   mounted path %6.2f | loose "
+                    "zkOpenFile %6.2f"
+                    "   loose stdio %6.2f\n",
+                    cold ? "cold" : "warm", tLoad * per, tStream * per, tMount * per, tLoose * per,
+                    tStdio * per);
+        std::printf("%s: loose zk / archive: load %5.2f  stream %5.2f  mounted %5.2f;  loose stdio "
+                    "/ archive:"
+                    " load %5.2f  stream %5.2f  mounted %5.2f%s\n",
+                    cold ? "cold" : "warm", tLoose / tLoad, tLoose / tStream, tLoose / tMount,
+                    tStdio / tLoad, tStdio / tStream, tStdio / tMount, cold ? "" : "  (goal >= 3)");
+    }
+    if (!ok) std::printf("FAILED: an item read did not deliver its bytes\n");
+    zkCloseKiv(a);
+    zkUnmountKiv("/arc");
+    fs::remove_all(folder);
+    zkTerminate();
+    zkEndProcess();
+    return ok ? 0 : 1;
+}

@@ -1,0 +1,433 @@
+// The archive calls as an application sees them: items by name and by index
+// in directory and memory-image mode for every layout the packer makes,
+// folded names, children, item streams, the handle tables, closing, and
+// archives whose bytes or reads are damaged. Archives live on the memory
+// device (mounted at /m), which can also fail reads.
+#include "archive/archive_builder.h"
+#include "file/memory_device.h"
+
+#include <algorithm>
+#include <map>
+
+namespace zktest {
+namespace {
+
+using Codes = std::vector<int64_t>;
+
+class Archives : public MemoryDeviceTest {
+protected:
+    void TearDown() override {
+        EXPECT_EQ(zkGetOpenKivCount(), 0u) << "an archive was left open";
+        EXPECT_EQ(zkGetOpenKivItemCount(), 0u) << "an item stream was left open";
+        MemoryDeviceTest::TearDown();
+    }
+    static std::string Store(const std::string& name, const std::string& bytes) {
+        Device().Put("mem:/" + name, bytes);
+        return "/m/" + name;
+    }
+    static uint32_t UsedBlocks() {
+        MemoryInfo info{};
+        zkGetMemoryInfo(&info);
+        return info.blockCount;
+    }
+    // An item loaded through the call that fits the archive's mode.
+    static std::string Load(KivArchive* a, const char* name, int32_t* code = nullptr) {
+        void* data = nullptr;
+        uint32_t size = 0;
+        const int32_t result = zkLoadKivItem(a, name, &data, &size);
+        if (code) *code = result;
+        std::string out(static_cast<const char*>(data ? data : ""), size);
+        zkReleaseKivItem(data);
+        return out;
+    }
+    static std::string LoadIndex(KivArchive* a, uint32_t index) {
+        void* data = nullptr;
+        uint32_t size = 0;
+        EXPECT_EQ(zkLoadKivItemByIndex(a, index, &data, &size), 0);
+        std::string out(static_cast<const char*>(data ? data : ""), size);
+        zkReleaseKivItem(data);
+        return out;
+    }
+};
+
+const std::vector<PackItem> kItems = {
+    Item("zeta.txt", "last by name, first stored"),
+    Item("dir/b.bin", std::string("\0\1\2", 3)),
+    Item("alpha", "a"),
+    Item("dir/a.bin", "AAAA"),
+    Item("empty", ""),
+    Item("dir/sub/long.dat", std::string(5000, 'x') + "end"),
+};
+
+// Every layout, every open mode: each item's bytes by name (both modes give
+// the same bytes), and by index in the order the format promises.
+TEST_F(Archives, EveryLayoutGivesTheSameItemsByNameAndByIndexInBothModes) {
+    for (const Layout& layout : AllLayouts()) {
+        SCOPED_TRACE(layout.name);
+        const std::string path = Store("all.kiv", Pack(kItems, layout.options));
+        for (uint32_t mode : {0u, ZK_KIV_MEMORY_IMAGE}) {
+            KivArchive* a = zkOpenKiv(path.c_str(), mode);
+            ASSERT_NE(a, nullptr) << "mode " << mode;
+            EXPECT_EQ(zkGetKivItemCount(a), kItems.size());
+            for (const PackItem& item : kItems) {
+                EXPECT_EQ(zkFindKivItem(a, item.name.c_str()), 1) << item.name;
+                EXPECT_EQ(Load(a, item.name.c_str()),
+                          std::string(item.data.begin(), item.data.end()));
+                void* p = nullptr;
+                uint32_t size = 0;
+                const int32_t got = zkGetKivItem(a, item.name.c_str(), &p, &size);
+                if (mode == ZK_KIV_MEMORY_IMAGE) {
+                    EXPECT_EQ(got, 0);
+                    EXPECT_EQ(std::string(static_cast<char*>(p), size),
+                              std::string(item.data.begin(), item.data.end()));
+                } else {
+                    EXPECT_EQ(Codes({got, p != nullptr, size}), Codes({-14, 0, 0})); // not an image
+                }
+            }
+            int32_t code = 0;
+            EXPECT_EQ(Load(a, "dir", &code), "");
+            EXPECT_EQ(code, -14);
+            EXPECT_EQ(zkFindKivItem(a, "dir/c.bin"), 0);
+            zkCloseKiv(a);
+
+            // By index: data order (the order given to the packer) when the
+            // archive was written in name order, else the stored order, which
+            // is then the given order too.
+            a = zkOpenKiv(path.c_str(), mode | ZK_KIV_BY_INDEX);
+            ASSERT_NE(a, nullptr);
+            for (uint32_t i = 0; i < kItems.size(); ++i)
+                EXPECT_EQ(LoadIndex(a, i),
+                          std::string(kItems[i].data.begin(), kItems[i].data.end()))
+                    << i;
+            zkCloseKiv(a);
+        }
+    }
+}
+
+TEST_F(Archives, FoldedNamesMatchEitherCaseButLeaveDoubleByteCharactersAlone) {
+    // 0x83 0x41 is one double-byte character whose second byte is "A".
+    const std::vector<PackItem> items = {Item("Data/Stage1.MAP", "map"),
+                                         Item("\x83\x41x.txt", "sjis"), Item("lower", "l")};
+    struct Case {
+        const char* query;
+        int folded, exact;
+    };
+    const Case cases[] = {
+        {"data/stage1.map", 1, 0}, {"DATA/STAGE1.MAP", 1, 0}, {"Data/Stage1.MAP", 1, 1},
+        {"LOWER", 1, 0},           {"lower", 1, 1},           {"\x83\x41X.TXT", 1, 0},
+        {"\x83\x61x.txt", 0, 0}, // the second byte was not folded in the name area
+    };
+    for (bool folded : {false, true}) {
+        PackOptions options;
+        options.foldedNames = folded;
+        // Without folding the packer stores names as given; with it, in lower case.
+        const std::string path = Store("fold.kiv", Pack(items, options));
+        for (uint32_t mode : {0u, ZK_KIV_MEMORY_IMAGE}) {
+            KivArchive* a = zkOpenKiv(path.c_str(), mode);
+            ASSERT_NE(a, nullptr);
+            for (const Case& c : cases)
+                EXPECT_EQ(zkFindKivItem(a, c.query), folded ? c.folded : c.exact)
+                    << c.query << (folded ? " folded" : " exact");
+            // A folded query is compared by its first 1024 bytes.
+            EXPECT_EQ(zkFindKivItem(a, (std::string(1500, 'L')).c_str()), 0);
+            zkCloseKiv(a);
+        }
+    }
+    PackOptions options;
+    options.foldedNames = true;
+    const std::string longName(1024, 'q');
+    const std::string path = Store("long.kiv", Pack({Item(longName, "q")}, options));
+    KivArchive* a = zkOpenKiv(path.c_str(), 0);
+    EXPECT_EQ(zkFindKivItem(a, (std::string(1024, 'Q') + "TAIL").c_str()), 1);
+    zkCloseKiv(a);
+}
+
+TEST_F(Archives, ChildrenNestTwoLevelsInBothModesAndInsideImages) {
+    const std::string grandchild =
+        Pack({Item("leaf.txt", "deep"), Item("tiny", std::string(19, 't'))});
+    PackOptions folded;
+    folded.foldedNames = true;
+    folded.nameOrder = false;
+    const std::string child = Pack({Item("inner.kiv", grandchild), Item("c.txt", "child")}, folded);
+    const std::string path =
+        Store("root.kiv", Pack({Item("x.bin", "root item"), Item("sub/child.kiv", child)}));
+    for (uint32_t rootMode : {0u, ZK_KIV_MEMORY_IMAGE}) {
+        for (uint32_t childMode : {0u, ZK_KIV_MEMORY_IMAGE}) {
+            SCOPED_TRACE(std::to_string(rootMode) + "/" + std::to_string(childMode));
+            KivArchive* root = zkOpenKiv(path.c_str(), rootMode);
+            ASSERT_NE(root, nullptr);
+            // Opened twice while the root stays open: the second opening must
+            // find the directory as stored, not folded or sorted twice.
+            for (int twice = 0; twice < 2; ++twice) {
+                KivArchive* c = zkOpenChildKiv(root, "sub/child.kiv", childMode);
+                ASSERT_NE(c, nullptr);
+                EXPECT_EQ(Load(c, "C.TXT"), "child");
+                KivArchive* g = zkOpenChildKiv(c, "inner.kiv", 0);
+                ASSERT_NE(g, nullptr);
+                EXPECT_EQ(Load(g, "leaf.txt"), "deep");
+                EXPECT_EQ(zkGetOpenKivCount(), 3u);
+                // An item of 19 bytes is no archive, held in memory or not.
+                EXPECT_EQ(zkOpenChildKiv(g, "tiny", 0), nullptr);
+                EXPECT_EQ(zkOpenChildKiv(g, "tiny", ZK_KIV_MEMORY_IMAGE), nullptr);
+                EXPECT_EQ(zkOpenChildKiv(g, "missing", 0), nullptr);
+                zkCloseKiv(g);
+                zkCloseKiv(c);
+            }
+            // A child opened by index from a parent opened by index.
+            KivArchive* byIndex = zkOpenKiv(path.c_str(), rootMode | ZK_KIV_BY_INDEX);
+            EXPECT_EQ(zkOpenChildKiv(byIndex, "sub/child.kiv", 0), nullptr); // by name refused
+            KivArchive* c = zkOpenChildKivByIndex(byIndex, 1, ZK_KIV_BY_INDEX);
+            ASSERT_NE(c, nullptr);
+            EXPECT_EQ(LoadIndex(c, 1), "child");
+            EXPECT_EQ(zkOpenChildKivByIndex(byIndex, 2, 0), nullptr);
+            EXPECT_EQ(zkOpenChildKivByIndex(root, 1, 0), nullptr); // root opened by name
+            zkCloseKiv(c);
+            zkCloseKiv(byIndex);
+            zkCloseKiv(root);
+        }
+    }
+    // A null parent opens the name as a path.
+    KivArchive* a = zkOpenChildKiv(nullptr, path.c_str(), 0);
+    EXPECT_EQ(Load(a, "x.bin"), "root item");
+    zkCloseKiv(a);
+}
+
+TEST_F(Archives, ItemStreamsReadSeekAndStopAtTheEnd) {
+    const std::string path =
+        Store("s.kiv", Pack({Item("abc", "abc"), Item("long", std::string(3000, 'z'))}));
+    for (uint32_t mode : {0u, ZK_KIV_MEMORY_IMAGE}) {
+        KivArchive* a = zkOpenKiv(path.c_str(), mode);
+        KivItemStream* s = zkOpenKivItem(a, "abc");
+        ASSERT_NE(s, nullptr);
+        uint32_t size = 0, got = 9, position = 9;
+        EXPECT_EQ(zkGetKivItemSize(s, &size), 0);
+        EXPECT_EQ(size, 3u);
+        char buffer[8] = {};
+        EXPECT_EQ(Codes({zkReadKivItem(s, buffer, 2, &got), got}), Codes({0, 2}));
+        EXPECT_EQ(Codes({zkReadKivItem(s, buffer + 2, 8, &got), got}), Codes({0, 1}));
+        EXPECT_EQ(std::string(buffer), "abc");
+        EXPECT_EQ(Codes({zkReadKivItem(s, buffer, 8, &got), got}), Codes({0, 0}));
+        // The seek table: from the start, the position and the end, held in 0..size.
+        const std::vector<std::array<int64_t, 4>> seeks = {
+            // {offset, origin, result, new position}
+            {-5, 2, 0, 0}, {10, 0, 0, 3}, {1, 0, 0, 1},  {1, 1, 0, 2},  {-1, 1, 0, 1},
+            {-9, 1, 0, 0}, {5, 2, 0, 3},  {-1, 2, 0, 2}, {1, 3, -3, 2}, {-3, 0, 0, 0},
+        };
+        for (const auto& k : seeks) {
+            EXPECT_EQ(zkSeekKivItem(s, int32_t(k[0]), uint32_t(k[1]), &position), k[2])
+                << k[0] << "," << k[1];
+            EXPECT_EQ(position, uint32_t(k[3])) << k[0] << "," << k[1];
+        }
+        EXPECT_EQ(Codes({zkReadKivItem(s, nullptr, 1, &got), got}), Codes({-3, 0}));
+        zkCloseKivItem(s);
+        zkCloseKivItem(s); // nothing the second time
+        EXPECT_EQ(Codes({zkReadKivItem(s, buffer, 1, &got), zkSeekKivItem(s, 0, 0, &position),
+                         position, zkGetKivItemSize(s, &size)}),
+                  Codes({-4, -4, 0, -4}));
+        EXPECT_EQ(zkOpenKivItem(a, "missing"), nullptr);
+        EXPECT_EQ(zkOpenKivItemByIndex(a, 0), nullptr); // opened by name
+        s = zkOpenKivItem(a, "long");
+        std::string all;
+        while (true) {
+            char piece[700];
+            ASSERT_EQ(zkReadKivItem(s, piece, sizeof piece, &got), 0);
+            if (got == 0) break;
+            all.append(piece, got);
+        }
+        EXPECT_EQ(all, std::string(3000, 'z'));
+        zkCloseKivItem(s);
+        zkCloseKiv(a);
+    }
+}
+
+TEST_F(Archives, ArgumentsAndModesAreCheckedInOrder) {
+    const std::string path = Store("c.kiv", Pack({Item("a", "1")}));
+    KivArchive* byName = zkOpenKiv(path.c_str(), ZK_KIV_MEMORY_IMAGE);
+    KivArchive* byIndex = zkOpenKiv(path.c_str(), ZK_KIV_MEMORY_IMAGE | ZK_KIV_BY_INDEX);
+    KivArchive* closed = zkOpenKiv(path.c_str(), 0);
+    zkCloseKiv(closed);
+    zkCloseKiv(closed); // nothing the second time
+    void* p = reinterpret_cast<void*>(1);
+    uint32_t size = 7;
+    auto load = [&](KivArchive* a, const char* name, bool withOut) {
+        p = reinterpret_cast<void*>(1), size = 7;
+        const int32_t r = zkLoadKivItem(a, name, withOut ? &p : nullptr, &size);
+        return Codes({r, p != nullptr, size});
+    };
+    EXPECT_EQ(load(nullptr, "a", true), Codes({-4, 0, 0}));
+    EXPECT_EQ(load(closed, "a", true), Codes({-4, 0, 0}));
+    EXPECT_EQ(load(byName, nullptr, true), Codes({-3, 0, 0}));
+    EXPECT_EQ(load(byName, "a", false), Codes({-3, 1, 0}));
+    EXPECT_EQ(load(byIndex, "a", true), Codes({-6, 0, 0}));
+    EXPECT_EQ(load(byName, "b", true), Codes({-14, 0, 0}));
+    EXPECT_EQ(Codes({zkLoadKivItemByIndex(byName, 0, &p, &size), p != nullptr, size}),
+              Codes({-6, 0, 0}));
+    EXPECT_EQ(zkLoadKivItemByIndex(byIndex, 1, &p, &size), -14);
+    EXPECT_EQ(zkLoadKivItemByIndex(closed, 0, &p, &size), -4);
+    EXPECT_EQ(zkGetKivItem(byIndex, "a", &p, &size), -6);
+    EXPECT_EQ(zkGetKivItemByIndex(byName, 0, &p, &size), -6);
+    EXPECT_EQ(zkGetKivItemByIndex(byIndex, 1, &p, &size), -14);
+    EXPECT_EQ(Codes({zkGetKivItemByIndex(byIndex, 0, &p, &size), size, *static_cast<char*>(p)}),
+              Codes({0, 1, '1'}));
+    EXPECT_EQ(zkGetKivItemCount(closed) + zkGetKivItemCount(nullptr), 0u);
+    EXPECT_EQ(zkFindKivItem(byIndex, "a") + zkFindKivItem(closed, "a") +
+                  zkFindKivItem(byName, nullptr),
+              0);
+    // A pointer that is no handle of the table counts as closed.
+    KivArchive* stray = reinterpret_cast<KivArchive*>(&size);
+    EXPECT_EQ(Codes({zkGetKivItemCount(stray), zkLoadKivItem(stray, "a", &p, &size)}),
+              Codes({0, -4}));
+    EXPECT_EQ(zkLoadKivFileItem("/m/none.kiv", "a", &p, &size), -51);
+    EXPECT_EQ(Codes({zkLoadKivFileItem(path.c_str(), "a", &p, &size), size}), Codes({0, 1}));
+    zkReleaseKivItem(p);
+    zkCloseKiv(byName);
+    zkCloseKiv(byIndex);
+}
+
+TEST_F(Archives, TheTablesHoldThirtyTwoAndClosingAParentClosesWhatCameFromIt) {
+    const std::string child = Pack({Item("i", "inner")});
+    const std::string path = Store("t.kiv", Pack({Item("child.kiv", child), Item("x", "xx")}));
+    std::vector<KivArchive*> open;
+    for (int i = 0; i < 32; ++i)
+        open.push_back(zkOpenKiv(path.c_str(), 0));
+    EXPECT_EQ(std::count(open.begin(), open.end(), nullptr), 0);
+    EXPECT_EQ(zkOpenKiv(path.c_str(), 0), nullptr);
+    EXPECT_EQ(zkOpenChildKiv(open[0], "child.kiv", 0), nullptr); // no record for it
+    zkCloseKiv(open.back());
+    open.pop_back();
+    EXPECT_EQ(zkGetOpenKivCount(), 31u);
+    KivArchive* c = zkOpenChildKiv(open[0], "child.kiv", 0);
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(zkGetOpenKivCount(), 32u);
+
+    std::vector<KivItemStream*> streams;
+    for (int i = 0; i < 32; ++i)
+        streams.push_back(zkOpenKivItem(i % 2 ? c : open[1], i % 2 ? "i" : "x"));
+    EXPECT_EQ(std::count(streams.begin(), streams.end(), nullptr), 0);
+    EXPECT_EQ(zkOpenKivItem(c, "i"), nullptr);
+    EXPECT_EQ(zkGetOpenKivItemCount(), 32u);
+
+    // Closing the parent closes its child and the child's sixteen streams;
+    // their handles then answer as closed ones.
+    zkCloseKiv(open[0]);
+    EXPECT_EQ(zkGetOpenKivCount(), 30u);
+    EXPECT_EQ(zkGetOpenKivItemCount(), 16u);
+    uint32_t got = 5;
+    char buffer[4];
+    EXPECT_EQ(Codes({zkReadKivItem(streams[1], buffer, 4, &got), got}), Codes({-4, 0}));
+    EXPECT_EQ(Codes({zkReadKivItem(streams[0], buffer, 4, &got), got}), Codes({0, 2}));
+    EXPECT_EQ(zkGetKivItemCount(c), 0u);
+    zkCloseKiv(c); // already closed with its parent: nothing
+    for (size_t i = 1; i < open.size(); ++i)
+        zkCloseKiv(open[i]);
+    EXPECT_EQ(zkGetOpenKivItemCount(), 0u);
+}
+
+// Damaged files and failing reads: every open fails cleanly and gives back
+// what it took; item data that runs past the archive is reported.
+TEST_F(Archives, DamagedArchivesAreRefusedAndShortItemsReported) {
+    PackOptions packed;
+    packed.packedDirectory = true;
+    const std::string good = Pack({Item("a", "alpha"), Item("b", "beta")}, packed);
+    const uint32_t blocksBefore = UsedBlocks();
+    std::vector<std::pair<std::string, std::string>> bad = {
+        {"shorter than a header", good.substr(0, 31)},
+        {"wrong magic", "KIV1" + good.substr(4)},
+        {"directory cut short", good.substr(0, 60)},
+        {"packed directory with a 32-byte header", good},
+        {"entry size below 12", good},
+        {"packed directory that expands short", good},
+        {"header length of 40", good},
+    };
+    Put16(bad[3].second, 16, 16);
+    Put16(bad[4].second, 22, 8);
+    Put32(bad[5].second, 32, Get32(good, 32) - 2);
+    Put16(bad[6].second, 16, 24);
+    for (const auto& [what, bytes] : bad) {
+        const std::string path = Store("bad.kiv", bytes);
+        for (uint32_t mode : {0u, ZK_KIV_MEMORY_IMAGE, ZK_KIV_BY_INDEX})
+            EXPECT_EQ(zkOpenKiv(path.c_str(), mode), nullptr) << what << " mode " << mode;
+    }
+    EXPECT_EQ(UsedBlocks(), blocksBefore);
+    EXPECT_EQ(zkGetOpenFileCount(), 0u);
+
+    // An item whose bytes run past the end of the file: directory mode reads
+    // short (-11); a memory image refuses the address (-11).
+    std::string cut = Pack({Item("a", "alpha"), Item("b", "beta-beta")});
+    Put32(cut, 8, uint32_t(cut.size()) - 4);
+    cut.resize(cut.size() - 4);
+    const std::string path = Store("cut.kiv", cut);
+    for (uint32_t mode : {0u, ZK_KIV_MEMORY_IMAGE}) {
+        KivArchive* a = zkOpenKiv(path.c_str(), mode);
+        ASSERT_NE(a, nullptr);
+        int32_t code = 0;
+        EXPECT_EQ(Load(a, "a", &code), "alpha");
+        EXPECT_EQ(Load(a, "b", &code), "");
+        EXPECT_EQ(code, -11) << mode;
+        KivItemStream* s = zkOpenKivItem(a, "b");
+        char buffer[16];
+        uint32_t got = 0, position = 0;
+        EXPECT_EQ(zkReadKivItem(s, buffer, 16, &got), -11);
+        EXPECT_EQ(zkSeekKivItem(s, 0, 1, &position), 0);
+        EXPECT_EQ(position, got); // moved by what was delivered
+        zkCloseKivItem(s);
+        zkCloseKiv(a);
+    }
+
+    // A read of the device that fails: the load returns the file layer's code.
+    KivArchive* a = zkOpenKiv(path.c_str(), 0);
+    const int64_t readsSoFar = Device().Count(kFileReadAt);
+    Device().plan.faults[kFileReadAt] = {readsSoFar + 1, readsSoFar + 100, -35};
+    int32_t code = 0;
+    EXPECT_EQ(Load(a, "a", &code), "");
+    EXPECT_LT(code, 0);
+    Device().plan.faults[kFileReadAt] = {};
+    zkCloseKiv(a);
+}
+
+int countdown = 0;
+int32_t ZK_CALL RefuseKth(uint32_t, uint32_t) {
+    return --countdown == 0 ? 0 : 1; // the k-th allocation from now is refused
+}
+
+TEST_F(Archives, EveryRefusedAllocationFailsTheOpenAndLeaksNothing) {
+    PackOptions packed;
+    packed.packedDirectory = true;
+    packed.nameOrder = false;
+    const std::string child = Pack({Item("c", "see")}, packed);
+    const std::string path =
+        Store("m.kiv", Pack({Item("child.kiv", child), Item("b", "b")}, packed));
+    zkSetAllocHook(RefuseKth);
+    for (uint32_t mode : {0u, ZK_KIV_MEMORY_IMAGE}) {
+        int opened = 0;
+        for (int k = 1; k < 12; ++k) {
+            const uint32_t before = UsedBlocks();
+            countdown = k;
+            KivArchive* a = zkOpenKiv(path.c_str(), mode);
+            KivArchive* c = a ? zkOpenChildKiv(a, "child.kiv", mode) : nullptr;
+            const bool ok = c && Load(c, "c") == "see";
+            countdown = 0;
+            zkCloseKiv(a);
+            EXPECT_EQ(UsedBlocks(), before) << "refusal " << k;
+            opened += ok;
+        }
+        EXPECT_GT(opened, 0); // once the refusals lie past the opens, everything works
+    }
+    zkSetAllocHook(nullptr);
+}
+
+TEST_F(Archives, TerminationClosesWhatIsStillOpen) {
+    const std::string path = Store("end.kiv", Pack({Item("a", "1")}));
+    KivArchive* a = zkOpenKiv(path.c_str(), 0);
+    ASSERT_NE(zkOpenKivItem(a, "a"), nullptr);
+    ASSERT_NE(zkOpenKiv(path.c_str(), ZK_KIV_MEMORY_IMAGE), nullptr);
+    zkTerminate();
+    EXPECT_EQ(zkGetOpenKivCount(), 0u);
+    EXPECT_EQ(zkGetOpenKivItemCount(), 0u);
+    ASSERT_GE(zkInitializeEx(kArenaSize, kDescriptors), 0);
+    ASSERT_EQ(zkMount("/m", "mem:", 0), 0);
+    EXPECT_EQ(zkGetKivItemCount(a), 0u);
+}
+
+} // namespace
+} // namespace zktest

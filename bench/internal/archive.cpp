@@ -1,7 +1,7 @@
 // Archives against their baselines, in the same run:
 //
 //   expand text / binary: the bounded slide expansion in MB/s of output
-//       against the byte-at-a-time ring expander (tests/archive), on packed
+//       against the archive tool's byte-at-a-time ring expander, on packed
 //       English-like text and on packed structured binary data
 //   items: reading every item of an archive of 10 000 items of 64 B-4 KiB,
 //       by name through the archive calls (zkLoadKivItem, and an item stream
@@ -16,7 +16,7 @@
 // archive time (how many times faster the archive is).
 #include "archive/slide_expand.h"
 #include "kiv_pack.h"
-#include "tests/archive/reference_expand.h"
+#include "kiv_check.h"
 
 #include <zk.h>
 
@@ -90,7 +90,7 @@ void Expansion(const char* what, const std::vector<uint8_t>& original) {
         Best([&] { return zk::SlideExpandBounded(out.data(), n, packed.data(), p) == n; }, &ok);
     ok = ok && out == original;
     const double plain =
-        Best([&] { return zktest::ReferenceExpand(out.data(), n, packed.data(), p) == n; }, &ok);
+        Best([&] { return kivtool::SlideUnpack(out.data(), n, packed.data(), p) == n; }, &ok);
     ok = ok && out == original;
     std::printf("expand %-7s %5.1f MB packed to %4.1f%%: %8.1f MB/s   byte-at-a-time %7.1f MB/s   "
                 "ratio %5.2f%s%s\n",

@@ -1,9 +1,15 @@
 // Slide expansion without a window ring: a window position is turned into a
 // distance back from the write position, and the byte is read from the
 // output already written (or is zero, the window's starting contents, when
-// the distance reaches before the first output byte). References that do not
-// overlap what they write are one memcpy; a group of eight literals is one
-// copy. Output equals the classic ring-buffer expander byte for byte.
+// the distance reaches before the first output byte). Output equals the
+// classic ring-buffer expander byte for byte.
+//
+// Speed: while at least one whole group of input and its largest output
+// (eight references of 18 bytes) fit, a group runs without bounds checks and
+// references copy in chunks (see CopyMatch); nothing is ever written past
+// the bytes the stream produces, so the exported form, which has no output
+// size, is as safe as the stream is well formed. Near the ends, one token at
+// a time with every check.
 #include "archive/slide_expand.h"
 
 #include <zk/archive.h>
@@ -16,6 +22,60 @@ namespace {
 
 constexpr uint32_t kWindowMask = 0xFFF;
 constexpr uint32_t kStartPosition = 4096 - 18; // 4078
+constexpr uint32_t kMaxLength = 18;
+// Output room a fast group may need: eight longest references.
+constexpr uint32_t kGroupRoom = 8 * kMaxLength;
+constexpr uint32_t kGroupInput = 1 + 8 * 2;
+
+inline uint32_t Distance(uint32_t out, uint32_t position) {
+    const uint32_t distance = ((kStartPosition + out) - position) & kWindowMask;
+    return distance == 0 ? 4096 : distance; // the write position holds the byte 4096 back
+}
+
+// Copies length bytes (3 to 18) from distance back, exactly: nothing past
+// length is written. The caller guarantees distance <= the bytes already
+// written. A reference that does not overlap what it writes is two chunk
+// copies (the second ending at length, overlapping the first); one that
+// overlaps by 8 or more copies 8-byte chunks in order, each reading what the
+// ones before it stored.
+inline void CopyMatch(uint8_t* dst, uint32_t distance, uint32_t length) {
+    const uint8_t* src = dst - distance;
+    if (distance >= length) {
+        if (length >= 16) {
+            std::memcpy(dst, src, 16);
+            std::memcpy(dst + length - 8, src + length - 8, 8);
+        } else if (length >= 8) {
+            std::memcpy(dst, src, 8);
+            std::memcpy(dst + length - 8, src + length - 8, 8);
+        } else if (length >= 4) {
+            std::memcpy(dst, src, 4);
+            std::memcpy(dst + length - 4, src + length - 4, 4);
+        } else {
+            dst[0] = src[0], dst[1] = src[1], dst[2] = src[2];
+        }
+        return;
+    }
+    uint32_t k = 0;
+    if (distance >= 8)
+        for (; k + 8 <= length; k += 8)
+            std::memcpy(dst + k, src + k, 8);
+    for (; k < length; ++k)
+        dst[k] = src[k];
+}
+
+// One reference with every check: bounded by room, reaching into the zeroed
+// start when the distance passes the first output byte.
+inline uint32_t CopyMatchChecked(uint8_t* destination, uint32_t out, uint32_t distance,
+                                 uint32_t length) {
+    if (distance > out) {
+        for (uint32_t k = 0; k < length; ++k, ++out)
+            destination[out] = out >= distance ? destination[out - distance] : 0;
+    } else {
+        for (uint32_t k = 0; k < length; ++k, ++out)
+            destination[out] = destination[out - distance];
+    }
+    return out;
+}
 
 } // namespace
 
@@ -24,20 +84,40 @@ uint32_t SlideExpandBounded(uint8_t* destination, uint32_t destinationSize, cons
     const uint8_t* in = source;
     const uint8_t* const end = source + sourceSize;
     uint32_t out = 0;
+
+    // Whole groups while the input holds one and the output has room for it.
+    while (uint32_t(end - in) >= kGroupInput && destinationSize - out >= kGroupRoom) {
+        uint32_t flags = *in++;
+        if (flags == 0xFF) { // eight literals
+            std::memcpy(destination + out, in, 8);
+            in += 8;
+            out += 8;
+            continue;
+        }
+        for (int token = 0; token < 8; ++token, flags >>= 1) {
+            if (flags & 1) {
+                destination[out++] = *in++;
+                continue;
+            }
+            const uint32_t b0 = in[0], b1 = in[1];
+            in += 2;
+            const uint32_t length = (b1 & 0x0F) + 3;
+            const uint32_t distance = Distance(out, b0 | ((b1 & 0xF0) << 4));
+            if (distance <= out)
+                CopyMatch(destination + out, distance, length);
+            else
+                CopyMatchChecked(destination, out, distance, length);
+            out += length;
+        }
+    }
+
+    // The tail: one token at a time, every bound checked.
     uint32_t flags = 0;
     for (;;) {
         flags >>= 1;
         if (!(flags & 0x100)) {
             if (in == end) break;
             flags = *in++ | 0xFF00u;
-            // Eight literals in a row: one copy of the group.
-            if ((flags & 0xFF) == 0xFF && end - in >= 8 && destinationSize - out >= 8) {
-                std::memcpy(destination + out, in, 8);
-                in += 8;
-                out += 8;
-                flags = 0;
-                continue;
-            }
         }
         if (flags & 1) {
             if (in == end || out == destinationSize) break;
@@ -48,26 +128,9 @@ uint32_t SlideExpandBounded(uint8_t* destination, uint32_t destinationSize, cons
         const uint32_t b0 = *in++;
         if (in == end) break;
         const uint32_t b1 = *in++;
-        const uint32_t position = b0 | ((b1 & 0xF0) << 4);
         uint32_t length = (b1 & 0x0F) + 3;
         if (length > destinationSize - out) length = destinationSize - out;
-        // How far back the window position lies from the write position; the
-        // write position itself holds the byte written 4096 bytes ago.
-        uint32_t distance = ((kStartPosition + out) - position) & kWindowMask;
-        if (distance == 0) distance = 4096;
-        if (distance > out) {
-            // Reaches into the window's zeroed start: byte by byte.
-            for (uint32_t k = 0; k < length; ++k, ++out) {
-                destination[out] = out >= distance ? destination[out - distance] : 0;
-            }
-        } else if (distance >= length) {
-            std::memcpy(destination + out, destination + out - distance, length);
-            out += length;
-        } else {
-            // Overlaps what it writes: repeats the last distance bytes.
-            for (uint32_t k = 0; k < length; ++k, ++out)
-                destination[out] = destination[out - distance];
-        }
+        out = CopyMatchChecked(destination, out, Distance(out, b0 | ((b1 & 0xF0) << 4)), length);
         if (out == destinationSize) break;
     }
     return out;

@@ -55,6 +55,7 @@ ZK_API int32_t ZK_CALL zkFindKivItem(KivArchive* archive, const char* name);
  * file layer's read code. On failure *buffer is null and *size 0. */
 ZK_API int32_t ZK_CALL zkLoadKivItem(KivArchive* archive, const char* name, void** buffer,
                                      uint32_t* size);
+/* The same by index, for an archive opened with ZK_KIV_BY_INDEX (-6 else). */
 ZK_API int32_t ZK_CALL zkLoadKivItemByIndex(KivArchive* archive, uint32_t index, void** buffer,
                                             uint32_t* size);
 /* Gives back a block of the load functions (zkFree). */
@@ -68,12 +69,14 @@ ZK_API int32_t ZK_CALL zkLoadKivFileItem(const char* path, const char* name, voi
  * memory image, -11 for an item that lies outside the image; else as the loads. */
 ZK_API int32_t ZK_CALL zkGetKivItem(KivArchive* archive, const char* name, void** data,
                                     uint32_t* size);
+/* The same by index, for an archive opened with ZK_KIV_BY_INDEX (-6 else). */
 ZK_API int32_t ZK_CALL zkGetKivItemByIndex(KivArchive* archive, uint32_t index, void** data,
                                            uint32_t* size);
 
 /* Item streams: an item read piece by piece. Null as zkLoadKivItem fails, or
  * when 32 streams are open. */
 ZK_API KivItemStream* ZK_CALL zkOpenKivItem(KivArchive* archive, const char* name);
+/* The same by index, for an archive opened with ZK_KIV_BY_INDEX. */
 ZK_API KivItemStream* ZK_CALL zkOpenKivItemByIndex(KivArchive* archive, uint32_t index);
 /* Null or a closed stream: nothing. */
 ZK_API void ZK_CALL zkCloseKivItem(KivItemStream* item);
@@ -86,8 +89,11 @@ ZK_API int32_t ZK_CALL zkReadKivItem(KivItemStream* item, void* buffer, uint32_t
  * for another origin (the position stays). */
 ZK_API int32_t ZK_CALL zkSeekKivItem(KivItemStream* item, int32_t offset, uint32_t origin,
                                      uint32_t* position);
+/* The item's size in *size. 0, -4 (null or closed stream), -3 (null size). */
 ZK_API int32_t ZK_CALL zkGetKivItemSize(KivItemStream* item, uint32_t* size);
+/* Archives open now, children and mounted archives included (of 32). */
 ZK_API uint32_t ZK_CALL zkGetOpenKivCount(void);
+/* Item streams open now (of 32). */
 ZK_API uint32_t ZK_CALL zkGetOpenKivItemCount(void);
 
 /* Opens the archive (flags | ZK_KIV_DIRECT_READ) and mounts it at mountPath on

@@ -12,6 +12,7 @@ ZK_API uint32_t ZK_CALL zkGetAppArgCount(void);
 ZK_API const char* ZK_CALL zkGetAppArg(uint32_t index);
 /* Ignored when null or 260 characters or longer; one trailing separator is dropped. */
 ZK_API void ZK_CALL zkSetModuleDir(const char* directory);
+/* The module directory (empty until set); the library owns the text. */
 ZK_API const char* ZK_CALL zkGetModuleDir(void);
 /* Composes name against the module directory; returns the bytes needed including
  * the terminator (nothing is written when outSize is smaller), 0 for null name or out.

@@ -136,15 +136,21 @@ ZK_API int32_t ZK_CALL zkUnmountAll(void);
  * directory (Format, QueryDeviceInfo, GetDeviceStatus). -3 for a null
  * argument, -23 when no driver claims it, else the driver's result. */
 ZK_API int32_t ZK_CALL zkControlDevice(const char* name, uint32_t code, uint32_t a, uint32_t b);
+/* Asks the driver claiming name for a partition's status. */
 ZK_API int32_t ZK_CALL zkGetPartitionStatus(const char* name);
+/* Asks the driver claiming name to create a partition (a, b: its arguments). */
 ZK_API int32_t ZK_CALL zkCreatePartition(const char* name, uint32_t a, uint32_t b);
+/* Asks the driver claiming name to delete a partition. */
 ZK_API int32_t ZK_CALL zkDeletePartition(const char* name);
+/* Asks the driver of the resolved path to format it. */
 ZK_API int32_t ZK_CALL zkFormat(const char* path);
+/* Asks the driver of the resolved path for information of kind what. */
 ZK_API int32_t ZK_CALL zkQueryDeviceInfo(const char* path, uint32_t what, uint32_t a, uint32_t b);
 /* zkQueryDeviceInfo(path, 1, 0, 0). */
 ZK_API int32_t ZK_CALL zkGetDeviceStatus(const char* path);
 /* The driver's answers; 0 for a null name or one no driver claims. */
 ZK_API int32_t ZK_CALL zkSetDeviceTryCount(const char* name, uint32_t count);
+/* The try count of the device claiming name. */
 ZK_API uint32_t ZK_CALL zkGetDeviceTryCount(const char* name);
 
 /* Sets the working directory that relative paths are built on (one trailing

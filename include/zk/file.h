@@ -38,10 +38,15 @@ ZK_API int32_t ZK_CALL zkReadFile(FileHandle* file, void* buffer, uint32_t size,
 /* flags bit 0: served before the normal queue; flags also go to the driver. */
 ZK_API int32_t ZK_CALL zkReadFileOffset(FileHandle* file, uint32_t offset, void* buffer,
                                         uint32_t size, uint32_t* got, uint32_t flags);
+/* Writes size bytes at the file position; *written (may be null) the bytes
+ * the driver took. -4, -23, -3 (null buffer), or the driver's code. */
 ZK_API int32_t ZK_CALL zkWriteFile(FileHandle* file, const void* buffer, uint32_t size,
                                    uint32_t* written);
+/* Moves the file position (origin ZK_SEEK_SET, ZK_SEEK_CUR, ZK_SEEK_END);
+ * *newPosition (may be null) the position now. -4, -23, or the driver's code. */
 ZK_API int32_t ZK_CALL zkSeekFile(FileHandle* file, int32_t offset, uint32_t origin,
                                   uint32_t* newPosition);
+/* The file's size in bytes. -4, -23, -3 (null size), or the driver's code. */
 ZK_API int32_t ZK_CALL zkGetFileSize(FileHandle* file, uint32_t* size);
 /* Copies the full path the file was opened with; -33 when outSize is not
  * greater than its length. */
@@ -49,6 +54,7 @@ ZK_API int32_t ZK_CALL zkGetFilePath(FileHandle* file, char* out, uint32_t outSi
 /* Null record pointers are skipped (get) or leave that time unchanged (set). */
 ZK_API int32_t ZK_CALL zkGetFileTime(FileHandle* file, FileTimeRecord* t0, FileTimeRecord* t1,
                                      FileTimeRecord* t2);
+/* Sets the file's three time records through its driver. */
 ZK_API int32_t ZK_CALL zkSetFileTime(FileHandle* file, const FileTimeRecord* t0,
                                      const FileTimeRecord* t1, const FileTimeRecord* t2);
 
@@ -59,9 +65,11 @@ ZK_API int32_t ZK_CALL zkDeleteFile(const char* path, uint32_t arg);
  * replacing an existing target. 0, -3, or -8 when the copy failed. */
 ZK_API int32_t ZK_CALL zkCopyFile(const char* source, const char* target);
 
+/* The number of file handles in use (of 32). */
 ZK_API uint32_t ZK_CALL zkGetOpenFileCount(void);
 /* The low 32 bits of the bytes delivered by successful reads. */
 ZK_API uint32_t ZK_CALL zkGetTotalBytesRead(void);
+/* Sets the bytes-read counter back to 0; returns 0. */
 ZK_API int32_t ZK_CALL zkResetTotalBytesRead(void);
 
 /* Try counts by kind 0 to 5 (kinds 1, 2, 3 also set the try count of the
@@ -69,16 +77,20 @@ ZK_API int32_t ZK_CALL zkResetTotalBytesRead(void);
  * the device's answer for kinds 1 to 3; kinds above 5 are refused with -3
  * (set) or read as 0 (get). */
 ZK_API int32_t ZK_CALL zkSetFileTryCount(uint32_t kind, uint32_t count);
+/* The try count of kind (0 for kinds above 5). */
 ZK_API uint32_t ZK_CALL zkGetFileTryCount(uint32_t kind);
 
 /* Directory listings, through a driver that supplies them. Null on any failure. */
 ZK_API DirHandle* ZK_CALL zkOpenDir(const char* path);
 /* -4 for a null or closed handle, -3 for a null entry, else the driver's answer. */
 ZK_API int32_t ZK_CALL zkReadDir(DirHandle* dir, void* entry);
+/* Ends a listing and frees its handle; null or closed: nothing. */
 ZK_API void ZK_CALL zkCloseDir(DirHandle* dir);
 /* Makes a directory (ZK_MAKEDIR_PARENTS: missing parents too); mode 0 means
  * 511. -3, a resolution code, or the driver's result. */
 ZK_API int32_t ZK_CALL zkMakeDir(const char* path, uint32_t flags, uint32_t mode);
+/* Removes an empty directory through its driver. -3, a resolution code,
+ * or the driver's result. */
 ZK_API int32_t ZK_CALL zkRemoveDir(const char* path, uint32_t arg);
 /* Null path: 0 without a call. */
 ZK_API int32_t ZK_CALL zkDumpDir(const char* path, uint32_t arg);
@@ -99,12 +111,14 @@ ZK_API int32_t ZK_CALL zkDumpDir(const char* path, uint32_t arg);
  * End closes what was opened and returns -3. */
 ZK_API int32_t ZK_CALL zkBeginOpenFile(const char* path, uint32_t openFlags, uint32_t mode,
                                        Request* request);
+/* Waits for the open begun on request; *handle the new handle. */
 ZK_API int32_t ZK_CALL zkEndOpenFile(FileHandle** handle, Request* request);
 /* Closes the file and, at End, frees the handle (as zkCloseFile). A handle
  * not in use ends with -4 and nothing done. A handle without an open file, or
  * one whose background load still runs, completes at once without a driver
  * call; End then waits for the load and frees it with the handle. */
 ZK_API int32_t ZK_CALL zkBeginCloseFile(FileHandle* handle, Request* request);
+/* Waits for the close begun on request; its result. */
 ZK_API int32_t ZK_CALL zkEndCloseFile(Request* request);
 /* Reads up to size bytes at the file position. End: the result, with the
  * bytes delivered in *got (also counted in zkGetTotalBytesRead, whatever the
@@ -112,6 +126,7 @@ ZK_API int32_t ZK_CALL zkEndCloseFile(Request* request);
  * null buffer. */
 ZK_API int32_t ZK_CALL zkBeginReadFile(FileHandle* handle, void* buffer, uint32_t size,
                                        Request* request);
+/* Waits for the read begun on request; *got (may be null) the bytes read. */
 ZK_API int32_t ZK_CALL zkEndReadFile(uint32_t* got, Request* request);
 
 /* ---- whole-file loading -------------------------------------------------- */

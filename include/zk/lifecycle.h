@@ -9,7 +9,9 @@ ZK_EXTERN_C_BEGIN
 /* Callbacks of zkMain. initProc returns non-zero to go on; frameProc returns
  * ZK_FRAME_END (0xFFFFFFFF) to end the loop. */
 typedef int(ZK_CALL* zkInitProc)(void);
+/* Called once per frame. */
 typedef uint32_t(ZK_CALL* zkFrameProc)(void);
+/* Called once after the loop ends. */
 typedef void(ZK_CALL* zkTermProc)(void);
 
 /* Opens the process level: the library lock, the library registry, the window
@@ -33,24 +35,36 @@ ZK_API int32_t ZK_CALL zkTerminate(void);
  * A null callback is skipped (a null initProc counts as success). While the loop
  * runs, an interrupt of a console program (SIGINT, SIGTERM) closes the main window. */
 ZK_API int32_t ZK_CALL zkMain(zkInitProc initProc, zkFrameProc frameProc, zkTermProc termProc,
-                               uint32_t reserved);
+                              uint32_t reserved);
 /* Frames started by the loop since the last reset (the first frame sees 1). */
 ZK_API uint32_t ZK_CALL zkGetLoopCount(void);
+/* Sets the frame count back to 0. */
 ZK_API void ZK_CALL zkResetLoopCount(void);
 /* The executable's module handle. */
 ZK_API zkNativeHandle ZK_CALL zkGetApplicationInstance(void);
+/* Milliseconds since the system started (wraps after 49.7 days). */
 ZK_API uint32_t ZK_CALL zkGetTickCount(void);
+/* Gives up the calling thread for at least the given milliseconds. */
 ZK_API void ZK_CALL zkSleep(uint32_t milliseconds);
 
-/* Exports kept so that applications written against the full interface link; they do nothing. */
+/* Exports kept so that applications written against the full interface link;
+ * they do nothing. Returns 0. */
 ZK_API int32_t ZK_CALL zkExecute(void);
+/* Returns 0. */
 ZK_API int32_t ZK_CALL zkEnableInterrupt(void);
+/* Returns 0. */
 ZK_API int32_t ZK_CALL zkDisableInterrupt(void);
+/* Returns 0. */
 ZK_API int32_t ZK_CALL zkInitializeDevice(void);
+/* Does nothing. */
 ZK_API void ZK_CALL zkTrace2(void);
+/* Does nothing. */
 ZK_API void ZK_CALL zkTerminateDevice(void);
+/* Does nothing. */
 ZK_API void ZK_CALL zkSkipLoadModule(void);
+/* Does nothing. */
 ZK_API void ZK_CALL zkReleaseOverlay(void);
+/* Does nothing. */
 ZK_API void ZK_CALL zkSetDisplayFrequency(void);
 
 ZK_EXTERN_C_END

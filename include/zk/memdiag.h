@@ -23,7 +23,9 @@ typedef struct MemoryInfo {
 /* Callbacks return 0 to stop the walk, anything else to continue. */
 typedef int32_t(ZK_CALL* MemoryBlockCallback)(zkAddr address, uint32_t requestedSize,
                                               uint32_t allocationNumber, void* user);
+/* One range: its start and length. */
 typedef int32_t(ZK_CALL* MemoryRangeCallback)(zkAddr start, uint32_t length, void* user);
+/* One used range of one category. */
 typedef int32_t(ZK_CALL* MemoryCategoryCallback)(zkAddr start, uint32_t length, uint32_t category,
                                                  void* user);
 
@@ -41,14 +43,17 @@ ZK_API zkAddr ZK_CALL zkQueryMemoryPoolInfo(MemoryPool* pool, uint32_t code);
  * returns the number of calls. Every walk returns 0 for a null pool or
  * callback, and stops right after a call that returns 0. */
 ZK_API uint32_t ZK_CALL zkEnumerateMemoryBlocks(MemoryBlockCallback callback, void* user);
+/* The same for an application pool. */
 ZK_API uint32_t ZK_CALL zkEnumerateMemoryPoolBlocks(MemoryPool* pool, MemoryBlockCallback callback,
                                                     void* user);
 /* Walks the free gaps, the one at the start of the range included. */
 ZK_API uint32_t ZK_CALL zkEnumerateMemoryGaps(MemoryRangeCallback callback, void* user);
+/* The same for an application pool. */
 ZK_API uint32_t ZK_CALL zkEnumerateMemoryPoolGaps(MemoryPool* pool, MemoryRangeCallback callback,
                                                   void* user);
 /* Walks the maximal used ranges (adjacent blocks form one range). */
 ZK_API uint32_t ZK_CALL zkEnumerateMemoryUsed(MemoryRangeCallback callback, void* user);
+/* The same for an application pool. */
 ZK_API uint32_t ZK_CALL zkEnumerateMemoryPoolUsed(MemoryPool* pool, MemoryRangeCallback callback,
                                                   void* user);
 /* Walks the maximal used ranges of one category. */
@@ -57,10 +62,12 @@ ZK_API uint32_t ZK_CALL zkEnumerateMemoryPoolCategory(MemoryPool* pool,
 /* Traces the blocks not marked by checkpoint (mod 32) and a summary line;
  * returns the count listed. The system form first traces a heading. */
 ZK_API uint32_t ZK_CALL zkDumpAllMemoryBlocks(uint32_t checkpoint);
+/* The same for an application pool. */
 ZK_API uint32_t ZK_CALL zkDumpAllMemoryPoolBlocks(MemoryPool* pool, uint32_t checkpoint);
 /* Traces the gaps of at least minimumSize and a summary of all gaps; returns
  * the count of all gaps. The system form first traces a heading. */
 ZK_API uint32_t ZK_CALL zkDumpAllMemoryGaps(uint32_t minimumSize);
+/* The same for an application pool. */
 ZK_API uint32_t ZK_CALL zkDumpAllMemoryPoolGaps(MemoryPool* pool, uint32_t minimumSize);
 /* Stores a flag; nothing acts on it. */
 ZK_API void ZK_CALL zkShowMemoryStatus(uint32_t flag);

@@ -19,19 +19,26 @@ ZK_API int32_t ZK_CALL zkResetPerformanceCounter(void);
 ZK_API int32_t ZK_CALL zkInitializeProfiler(uint32_t slotCount, uint32_t reserved);
 /* A different value clears every slot and name and starts a new window; 0 stops reports. */
 ZK_API void ZK_CALL zkSetProfileSwitch(uint32_t enabled);
+/* Milliseconds between two reports of the profiler. */
 ZK_API void ZK_CALL zkSetProfileInterval(uint32_t milliseconds);
 /* Begin and end of one slot belong in the same frame; slots out of range are ignored. */
 ZK_API void ZK_CALL zkBeginProfile(uint32_t slot);
+/* Ends the slot's measurement begun in this frame. */
 ZK_API void ZK_CALL zkEndProfile(uint32_t slot);
 /* At most 15 characters are kept. */
 ZK_API void ZK_CALL zkSetProfileName(uint32_t slot, const char* name);
 
 /* The system profiler: the same calls for a second, independent profiler. */
 ZK_API int32_t ZK_CALL zkInitializeSystemProfiler(uint32_t slotCount, uint32_t reserved);
+/* As zkSetProfileSwitch, for the system profiler. */
 ZK_API void ZK_CALL zkSetSystemProfileSwitch(uint32_t enabled);
+/* As zkSetProfileInterval, for the system profiler. */
 ZK_API void ZK_CALL zkSetSystemProfileInterval(uint32_t milliseconds);
+/* As zkBeginProfile, for the system profiler. */
 ZK_API void ZK_CALL zkBeginSystemProfile(uint32_t slot);
+/* As zkEndProfile, for the system profiler. */
 ZK_API void ZK_CALL zkEndSystemProfile(uint32_t slot);
+/* As zkSetProfileName, for the system profiler. */
 ZK_API void ZK_CALL zkSetSystemProfileName(uint32_t slot, const char* name);
 
 /* Once per frame: the user profiler, then the system profiler. A profiler

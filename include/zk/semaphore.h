@@ -10,6 +10,7 @@ typedef struct SemaphoreRecord SemaphoreRecord; /* a semaphore handle */
 
 /* Null when all 128 are in use or the counts are refused (initial above maximum). */
 ZK_API SemaphoreRecord* ZK_CALL zkCreateSemaphore(int32_t initialCount, int32_t maximumCount);
+/* Frees the semaphore; threads waiting on it are woken. Null: nothing. */
 ZK_API void ZK_CALL zkReleaseSemaphore(SemaphoreRecord* semaphore);
 /* Waits without time-out for one unit. */
 ZK_API void ZK_CALL zkWaitSemaphore(SemaphoreRecord* semaphore);

@@ -19,6 +19,7 @@ typedef struct DateTime {
 ZK_API void ZK_CALL zkGetTime(DateTime* out);
 /* Seconds since 1970-01-01 00:00:00 UTC. */
 ZK_API int32_t ZK_CALL zkGetTimeSec(void);
+/* Bytes before the terminator; 0 for null. */
 ZK_API uint32_t ZK_CALL zkGetStringLength(const char* text);
 /* 0 when equal up to the first string's end, else the difference of the first
  * differing bytes taken as signed 8-bit values. */

@@ -6,6 +6,7 @@
 
 ZK_EXTERN_C_BEGIN
 
+/* Receives every trace text (see zkSetTraceProc). */
 typedef void(ZK_CALL* TraceProc)(const char* text);
 typedef struct LibraryRecord LibraryRecord;
 

@@ -17,6 +17,7 @@ typedef struct VblankHandlerSlot VblankHandlerSlot;
 ZK_API uint32_t ZK_CALL zkWaitVblank(void);
 /* Mode 2 returns only on an even vblank count; every other mode acts as mode 1. Returns 1. */
 ZK_API uint32_t ZK_CALL zkWaitVblankEx(uint32_t mode);
+/* Vertical-blank ticks counted since the timer started. */
 ZK_API uint32_t ZK_CALL zkGetVblankCount(void);
 /* 59.94, or 0.0 before the timer was first started. */
 ZK_API float ZK_CALL zkGetDisplayFrequency(void);
@@ -26,6 +27,7 @@ ZK_API void ZK_CALL zkSetPeriodInterval(uint32_t interval);
 ZK_API int32_t ZK_CALL zkWaitForPeriodStart(void);
 /* Handle of the slot taken, or null (null handler, or all 8 slots taken). */
 ZK_API VblankHandlerSlot* ZK_CALL zkAddVblankHandler(VblankHandler handler, zkAddr user);
+/* Empties the slot zkAddVblankHandler returned; null: nothing. */
 ZK_API void ZK_CALL zkRemoveVblankHandler(VblankHandlerSlot* handle);
 
 ZK_EXTERN_C_END

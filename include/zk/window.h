@@ -11,7 +11,7 @@ typedef struct Window Window;
 /* Called for every message of the library's windows, in order of addition.
  * Non-zero means handled: the window procedure then returns *result. */
 typedef int(ZK_CALL* WindowHook)(zkNativeHandle hwnd, uint32_t message, zkAddr wParam,
-                                  zkSAddr lParam, zkSAddr* result, zkAddr user);
+                                 zkSAddr lParam, zkSAddr* result, zkAddr user);
 
 /* Copies each non-null argument into its 256-byte field, cut to 255 characters
  * and terminated; a null argument leaves its field alone. Returns 0. Call it after
@@ -19,9 +19,11 @@ typedef int(ZK_CALL* WindowHook)(zkNativeHandle hwnd, uint32_t message, zkAddr w
 ZK_API int32_t ZK_CALL zkSetTitle(const char* name, const char* caption);
 /* The main window with one more reference, created if there is none; null on failure. */
 ZK_API Window* ZK_CALL zkCreateMainWindow(void);
+/* The main window without a new reference, or null. */
 ZK_API Window* ZK_CALL zkGetMainWindow(void);
 /* Drops one reference; the native window is destroyed at the last. Returns 0. */
 ZK_API int32_t ZK_CALL zkReleaseWindow(Window* window);
+/* The system's window handle (HWND on Windows) in *out; null window: null. */
 ZK_API void ZK_CALL zkGetWindowNativeHandle(Window* window, zkNativeHandle* out);
 /* Shows (non-zero) or hides the window; null does nothing. */
 ZK_API void ZK_CALL zkSetWindowVisibility(Window* window, int32_t visible);

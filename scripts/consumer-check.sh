@@ -53,3 +53,18 @@ else
     run "$exe"
 fi
 echo "consumer: pkg-config route ($flags) built and ran"
+
+# The archive tool is installed beside the library: it packs a folder, and
+# the archive verifies.
+kivtool="$prefix/bin/kivtool"
+[ "$target" = win64 ] && kivtool="$kivtool.exe"
+mkdir -p "$work/tree/sub"
+echo "installed" >"$work/tree/sub/item.txt"
+if [ "$target" = win64 ]; then
+    /usr/lib/wine/wine64 "$kivtool" pack "$work/tree.kiv" "$work/tree"
+    /usr/lib/wine/wine64 "$kivtool" verify "$work/tree.kiv"
+else
+    "$kivtool" pack "$work/tree.kiv" "$work/tree"
+    "$kivtool" verify "$work/tree.kiv"
+fi
+echo "consumer: the installed kivtool packed and verified an archive"

@@ -94,6 +94,7 @@ int32_t MemoryManager::Start(uint32_t arenaSize, uint32_t descriptorCount) {
         return ZK_ERR_NO_MEMORY;
     }
     poolTable_->SetSystemPool(pool);
+    pool->TrackFreeBytes();
     systemPool_ = pool;
     arena_ = arena;
     arenaBytes_ = bytes;

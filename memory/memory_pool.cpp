@@ -1,6 +1,7 @@
 // The heap engine's operations. The invariants they keep are listed in
 // memory_pool.h.
 #include "memory/memory_pool.h"
+#include "memory/free_bytes_poison.h"
 
 #include <bit>
 #include <cstddef>
@@ -132,6 +133,7 @@ int32_t MemoryPool::Initialize(zkAddr base, uint32_t size, uint32_t descriptorCo
     breakNumber_ = 0;
     allocHook_ = nullptr;
     freeHook_ = nullptr;
+    tracksFreeBytes_ = false;
     lock_.Initialize();
 
     std::memset(room, 0, static_cast<std::size_t>(roomBytes));
@@ -162,6 +164,7 @@ int32_t MemoryPool::Initialize(zkAddr base, uint32_t size, uint32_t descriptorCo
 }
 
 void MemoryPool::Destroy(zk::DescriptorStore& store) {
+    UntrackFreeBytes();
     store.Free(descriptors_);
     lock_.Delete();
     descriptors_ = nullptr;
@@ -618,12 +621,29 @@ MemoryBlock* MemoryPool::Allocate(uint32_t size, uint32_t alignment, uint32_t fl
         if (hook(size, allocationCounter_) == 0) return nullptr;
     }
     zk::ScopedLock guard(lock_);
-    return Carve(size, alignment, flags, category);
+    MemoryBlock* block = Carve(size, alignment, flags, category);
+    if (block && tracksFreeBytes_) zk::UnpoisonUsedBytes(block->address, block->requestedSize);
+    return block;
+}
+
+void MemoryPool::TrackFreeBytes() {
+    zk::ScopedLock guard(lock_);
+    tracksFreeBytes_ = true;
+    zk::PoisonFreeBytes(base_, size_);
+    for (MemoryBlock* b = descriptors_ ? descriptors_->next : nullptr; b; b = b->next)
+        zk::UnpoisonUsedBytes(b->address, b->requestedSize);
+}
+
+void MemoryPool::UntrackFreeBytes() {
+    zk::ScopedLock guard(lock_);
+    if (tracksFreeBytes_) zk::UnpoisonUsedBytes(base_, size_);
+    tracksFreeBytes_ = false;
 }
 
 // ---- release ---------------------------------------------------------------------
 
 void MemoryPool::Absorb(MemoryBlock* block) {
+    if (tracksFreeBytes_) zk::PoisonFreeBytes(block->address, block->size);
     MemoryBlock* before = block->previous;
     if (before->gapAfter) BucketRemove(before);
     before->gapAfter += block->size + block->gapAfter;

@@ -194,6 +194,13 @@ public:
     // Next record in the pool table's free list; null while in use.
     MemoryPool* link = nullptr;
 
+    // Marks the pool's free bytes for the address sanitizer from now on (the
+    // system pool does): the whole range now, each block's requested bytes
+    // while it is handed out. Untrack clears every mark before the range is
+    // given back. Nothing in builds without the sanitizer.
+    void TrackFreeBytes();
+    void UntrackFreeBytes();
+
 private:
     // The engine steps, called with the lock held.
     MemoryBlock* Carve(uint32_t size, uint32_t alignment, uint32_t flags, uint32_t category);
@@ -238,6 +245,7 @@ private:
     zk::AddressSlot* index_ = nullptr; // address index, indexMask_ + 1 slots
     uint32_t indexMask_ = 0;
     uint32_t indexShift_ = 0;
+    bool tracksFreeBytes_ = false;
 
     // The engine's own test program reaches the counter through this.
     friend struct MemoryPoolTestAccess;

@@ -105,7 +105,9 @@ TEST_F(KivTool, PacksExtractsAndVerifiesATreeThatTheLibraryReadsBack) {
     // names are bytes), empty files and a few larger ones.
     std::map<std::string, std::string> tree;
     std::mt19937 random(5);
-    const char* folders[] = {"", "Data/", "data/Maps/", "snd/se/", "a/b/c/d/"};
+    // Folder names differ in more than case: on Windows "Data" and "data" would
+    // be one folder.
+    const char* folders[] = {"", "Data/", "levels/Maps/", "snd/se/", "a/b/c/d/"};
 #if !defined(_WIN32)
     const std::string sjis = "\x83\x65\x83\x58\x83\x67"; // a katakana word
 #else

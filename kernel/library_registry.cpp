@@ -46,6 +46,7 @@ LibraryRecord* LibraryRegistry::SetKernel(os::Handle module) {
 }
 
 LibraryRecord* LibraryRegistry::Register(os::Handle module, const char* name) {
+    if (!module) return nullptr; // no module to register
     LibraryRecord* record = nullptr;
     for (uint32_t i = 1; i <= count_; ++i) {
         if (records_[i].module == module) {

@@ -95,6 +95,9 @@ extern "C" ZK_API ProfileSection* ZK_CALL zkGetProfileSection(ProfileFile* profi
 extern "C" ZK_API const char* ZK_CALL zkGetProfileString(ProfileFile* profile,
                                                          ProfileSection* section, const char* key) {
     if (section == nullptr || key == nullptr || !IsOpen(profile)) return "";
+    // A section of another profile, or no section at all, matches nothing.
+    if (section < profile->sections || section >= profile->sections + profile->sectionCount)
+        return "";
     for (uint32_t i = 0; i < section->entryCount; ++i) {
         if (SameName(section->entries[i].key, key)) return section->entries[i].value;
     }

@@ -115,11 +115,12 @@ inline MemoryPool* SystemPool() {
     return Memory().SystemPool();
 }
 
-// A pool handle the pool functions may act on: null for null and for a
-// released pool (its record keeps no descriptor table), so that every pool
-// call answers a stale handle with 0 or null instead of reading freed memory.
+// A pool handle the pool functions may act on: null for null, for a pointer
+// that is no record of the pool table, and for a released pool (its record
+// keeps no descriptor table), so that every pool call answers such a handle
+// with 0 or null instead of reading memory that is no pool.
 inline MemoryPool* LivePool(MemoryPool* pool) {
-    return pool && pool->Live() ? pool : nullptr;
+    return pool && PoolTable().InUse(pool) && pool->Live() ? pool : nullptr;
 }
 
 } // namespace zk

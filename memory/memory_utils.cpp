@@ -34,7 +34,8 @@ extern "C" ZK_API void ZK_CALL zkCopyMemory(void* dest, const void* src, uint32_
 extern "C" ZK_API uint32_t ZK_CALL zkCopyString(char* dest, uint32_t limit, uint32_t start,
                                                 const char* src) {
     // dest holds limit + 1 bytes: a start past the limit copies nothing and
-    // terminates at the limit.
+    // terminates at the limit. Without a destination nothing is written.
+    if (!dest) return 0;
     uint32_t index = start < limit ? start : limit;
     if (src) {
         while (index < limit && *src)

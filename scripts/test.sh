@@ -55,15 +55,15 @@ run_ctest() {
     return "$status"
 }
 
-# The exported names must be exactly those pinned in tests/kernel/exports_test.cpp:
+# The exported names must be exactly those pinned in tests/kernel/export_list.h:
 # an export added or removed without its entry there fails the leg.
 compare_with_pinned() {
     local lib=$1 names=$2 pinned extra missing
-    pinned=$(grep -o 'X(_\{0,1\}zk[A-Za-z0-9_]*)' "$ROOT/tests/kernel/exports_test.cpp" | sed 's/^X(//; s/)$//' | sort -u)
+    pinned=$(grep -o 'X(_\{0,1\}zk[A-Za-z0-9_]*)' "$ROOT/tests/kernel/export_list.h" | sed 's/^X(//; s/)$//' | sort -u)
     extra=$(comm -13 <(printf '%s\n' "$pinned") <(printf '%s\n' "$names" | grep -v '^$' | sort -u))
     missing=$(comm -23 <(printf '%s\n' "$pinned") <(printf '%s\n' "$names" | grep -v '^$' | sort -u))
     if [ -n "$extra$missing" ]; then
-        echo "exports: $(basename "$lib") differs from the pinned list in tests/kernel/exports_test.cpp"
+        echo "exports: $(basename "$lib") differs from the pinned list in tests/kernel/export_list.h"
         [ -n "$extra" ] && printf '  exported, not pinned: %s\n' $extra | head -n 20
         [ -n "$missing" ] && printf '  pinned, not exported: %s\n' $missing | head -n 20
         return 1

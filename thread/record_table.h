@@ -15,8 +15,7 @@
 
 namespace zk {
 
-template <typename Record, std::size_t Count>
-class RecordTable {
+template <typename Record, std::size_t Count> class RecordTable {
 public:
     static constexpr std::size_t kCount = Count;
 
@@ -57,11 +56,11 @@ public:
         return true;
     }
 
-    bool Owns(const Record* r) const {
-        return r >= &records_[0] && r < &records_[0] + Count;
-    }
+    bool Owns(const Record* r) const { return r >= &records_[0] && r < &records_[0] + Count; }
     bool InUse(const Record* r) const { return Owns(r) && inUse_[IndexOf(r)]; }
-    std::size_t IndexOf(const Record* r) const { return static_cast<std::size_t>(r - &records_[0]); }
+    std::size_t IndexOf(const Record* r) const {
+        return static_cast<std::size_t>(r - &records_[0]);
+    }
     Record& operator[](std::size_t i) { return records_[i]; }
     uint32_t UsedCount() const { return used_; }
 

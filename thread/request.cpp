@@ -67,7 +67,7 @@ RequestWriter::RequestWriter(::Request* request, uint32_t size) {
     }
     // A released request has no arena: it is refused like one whose state
     // does not allow a new operation.
-    if (!request->manager || request->cursor != request->frameCount ||
+    if (!Requests().Owns(request) || !request->manager || request->cursor != request->frameCount ||
         request->frameCount >= ::Request::kFrames) {
         status_ = ZK_ERR_REQUEST_STATE;
         return;
@@ -117,7 +117,7 @@ RequestReader::RequestReader(::Request* request) {
         status_ = ZK_ERR_NULL_REQUEST;
         return;
     }
-    if (request->cursor >= request->frameCount) {
+    if (!Requests().Owns(request) || request->cursor >= request->frameCount) {
         status_ = ZK_ERR_REQUEST_STATE;
         return;
     }

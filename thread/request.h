@@ -161,6 +161,10 @@ public:
     void UpdateAll();
 
     uint32_t Count() const { return count_; }
+    // Whether request is one of the current array's records (taken or free):
+    // a pointer from anywhere else, or into an array a later Initialize
+    // replaced, is no request.
+    bool Owns(const ::Request* request) const;
 
 private:
     void ReleaseArray();

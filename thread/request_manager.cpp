@@ -66,6 +66,13 @@ int32_t RequestManager::Initialize(uint32_t count) {
     return 0;
 }
 
+bool RequestManager::Owns(const ::Request* r) const {
+    if (!r || !requests_ || r < requests_ || r >= requests_ + count_) return false;
+    return (reinterpret_cast<uintptr_t>(r) - reinterpret_cast<uintptr_t>(requests_)) %
+               sizeof(::Request) ==
+           0;
+}
+
 ::Request* RequestManager::Create() {
     ::Request* r = free_;
     if (!r) return nullptr;
@@ -103,7 +110,7 @@ void RequestManager::Unprepare(::Request* r) {
 
 int32_t RequestManager::Release(::Request* r) {
     if (!r) return ZK_ERR_NULL_REQUEST;
-    if (r->manager != this) return 0; // not active: already released
+    if (!Owns(r) || r->manager != this) return 0; // not active: already released
     ::Request* next = r->next;
     Unprepare(r);
     if (r->previous)
@@ -140,12 +147,13 @@ extern "C" ZK_API int32_t ZK_CALL zkReleaseRequest(Request* request) {
 }
 
 extern "C" ZK_API int32_t ZK_CALL zkIsRequestCompleted(Request* request) {
-    return request ? request->IsCompleted() : 0;
+    return zk::Requests().Owns(request) ? request->IsCompleted() : 0;
 }
 
 extern "C" ZK_API int32_t ZK_CALL zkWaitForRequestCompletion(Request* request) {
     if (!request) return ZK_ERR_NULL_REQUEST;
-    if (request->Cursor() >= request->FrameCount()) return ZK_ERR_REQUEST_STATE;
+    if (!zk::Requests().Owns(request) || request->Cursor() >= request->FrameCount())
+        return ZK_ERR_REQUEST_STATE;
     request->WaitForFrame(request->Cursor());
     return 0;
 }

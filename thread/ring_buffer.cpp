@@ -69,10 +69,16 @@ private:
 
 namespace {
 RingBuffer g_ring;
+
+// The one ring buffer, when ring is its handle; a pointer to anything else is
+// no ring buffer and every call answers it as it answers null.
+RingBuffer* Ring(RingBuffer* ring) {
+    return ring == &g_ring ? ring : nullptr;
+}
 } // namespace
 
 bool RingBuffer::Create(void* buffer, uint32_t bufferSize) {
-    if (inUse) return false;
+    if (inUse || !buffer || bufferSize == 0) return false;
     inUse = 1;
     base = reinterpret_cast<zkAddr>(buffer);
     size = bufferSize;
@@ -128,33 +134,33 @@ extern "C" ZK_API RingBuffer* ZK_CALL zkCreateRingBuffer(void* buffer, uint32_t 
 }
 
 extern "C" ZK_API void ZK_CALL zkReleaseRingBuffer(RingBuffer* ring) {
-    if (ring) ring->Release();
+    if (Ring(ring) && ring->inUse) ring->Release();
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkGetRingBufferDataSize(RingBuffer* ring) {
-    return ring ? ring->DataSize() : 0;
+    return Ring(ring) ? ring->DataSize() : 0;
 }
 
 extern "C" ZK_API void* ZK_CALL zkGetRingBufferAddress(RingBuffer* ring) {
-    return ring ? reinterpret_cast<void*>(ring->base) : nullptr;
+    return Ring(ring) ? reinterpret_cast<void*>(ring->base) : nullptr;
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkLockRingBufferForRead(RingBuffer* ring, void** first,
                                                            uint32_t* firstSize, void** second,
                                                            uint32_t* secondSize) {
-    return ring ? ring->LockForRead(first, firstSize, second, secondSize) : 0;
+    return Ring(ring) ? ring->LockForRead(first, firstSize, second, secondSize) : 0;
 }
 
 extern "C" ZK_API void ZK_CALL zkUnlockRingBufferForRead(RingBuffer* ring, uint32_t count) {
-    if (ring) ring->UnlockForRead(count);
+    if (Ring(ring) && ring->inUse) ring->UnlockForRead(count);
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkLockRingBufferForWrite(RingBuffer* ring, void** first,
                                                             uint32_t* firstSize, void** second,
                                                             uint32_t* secondSize) {
-    return ring ? ring->LockForWrite(first, firstSize, second, secondSize) : 0;
+    return Ring(ring) ? ring->LockForWrite(first, firstSize, second, secondSize) : 0;
 }
 
 extern "C" ZK_API void ZK_CALL zkUnlockRingBufferForWrite(RingBuffer* ring, uint32_t count) {
-    if (ring) ring->UnlockForWrite(count);
+    if (Ring(ring) && ring->inUse) ring->UnlockForWrite(count);
 }

@@ -67,14 +67,15 @@ ZK_API void ZK_CALL zkSetBreakAlloc(uint32_t number);
  * zkDumpAllMemoryBlocks(n) then lists only blocks allocated since. */
 ZK_API void ZK_CALL zkSetMemoryCheckpoint(uint32_t n);
 
-/* Writes count bytes of value. */
+/* Writes count bytes of value; a null dest writes nothing (so for the others). */
 ZK_API void ZK_CALL zkFillMemory(void* dest, uint32_t count, uint8_t value);
 /* Writes count zero bytes. */
 ZK_API void ZK_CALL zkZeroMemory(void* dest, uint32_t count);
 /* Copies count bytes forward; overlapping ranges are not supported. */
 ZK_API void ZK_CALL zkCopyMemory(void* dest, const void* src, uint32_t count);
 /* Copies src into dest from index start until src ends or the index reaches
- * limit, terminates, and returns the final index; dest holds limit + 1 bytes. */
+ * limit, terminates, and returns the final index; dest holds limit + 1 bytes.
+ * A null src copies nothing (dest is still terminated); a null dest: 0. */
 ZK_API uint32_t ZK_CALL zkCopyString(char* dest, uint32_t limit, uint32_t start, const char* src);
 
 ZK_EXTERN_C_END

@@ -52,8 +52,8 @@ ZK_API ProfileFile* ZK_CALL zkOpenProfile(const char* path);
 ZK_API ProfileSection* ZK_CALL zkGetProfileSection(ProfileFile* profile, const char* name);
 /* The value of the first entry of section whose key equals key (A-Z without
  * regard to case); "" (never null) when nothing matches, the profile is null
- * or closed, or section or key is null. section is used as given: it must be
- * a section of an open profile. */
+ * or closed, section or key is null, or section is not one of this profile's
+ * sections. */
 ZK_API const char* ZK_CALL zkGetProfileString(ProfileFile* profile, ProfileSection* section,
                                               const char* key);
 /* Frees every block of the profile and makes its record free; null or a

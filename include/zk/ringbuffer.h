@@ -8,8 +8,10 @@ ZK_EXTERN_C_BEGIN
 
 typedef struct RingBuffer RingBuffer;
 
-/* The library has one ring buffer. Null when it is already in use or its
- * guard semaphore cannot be created. The buffer stays the caller's. */
+/* The library has one ring buffer. Null when it is already in use, buffer is
+ * null or size 0, or its guard semaphore cannot be created. The buffer stays
+ * the caller's. Every ring call treats a pointer that is not this handle as
+ * null, and a released ring buffer as empty. */
 ZK_API RingBuffer* ZK_CALL zkCreateRingBuffer(void* buffer, uint32_t size);
 /* Frees the ring buffer for the next create; the caller's buffer is not touched. */
 ZK_API void ZK_CALL zkReleaseRingBuffer(RingBuffer* ring);

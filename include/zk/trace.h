@@ -23,7 +23,8 @@ ZK_API void ZK_CALL zkSetTraceProc(TraceProc proc);
 ZK_API void ZK_CALL zkAssertFailed(const char* file, int32_t line);
 /* Hexadecimal and character dump, 16 bytes a row, then a line of 64 dashes. */
 ZK_API void ZK_CALL zkDumpMemory(const void* address, uint32_t size);
-/* Registers a library module (at most 16) and traces its banner; null when full. */
+/* Registers a library module (at most 16) and traces its banner; null when
+ * full or for a null module. */
 ZK_API LibraryRecord* ZK_CALL zkRegisterLibrary(zkNativeHandle module, const char* name);
 /* Traces a banner with the version printed as third.fourth.first.second. */
 ZK_API void ZK_CALL zkOutputLibraryVersion(const char* name, uint32_t first, uint32_t second,

@@ -14,6 +14,7 @@
 // item read never queues a second operation behind itself.
 #include "archive/kiv_archive.h"
 
+#include "file/driver_defaults.h"
 #include "file/file_system.h"
 #include "kernel/context.h"
 
@@ -101,7 +102,7 @@ private:
     uint32_t position_ = 0;
 };
 
-class KivDevice final : public DeviceDriver {
+class KivDevice final : public DriverDefaults {
 public:
     KivArchive* slots[kSlotCount]{};
     KivDeviceFile files[kDeviceFileCount];
@@ -113,9 +114,6 @@ public:
         if (*p >= '0' && *p <= '9') ++p;
         return *p == ':' ? ZK_OK : ZK_ERR_NOT_SUPPORTED;
     }
-    int32_t InitializeDevice() override { return ZK_OK; }
-    void TerminateDevice() override {}
-    int32_t Reserved3() override { return ZK_OK; }
     int32_t ConvertPath(char* physicalPath, uint32_t) override {
         for (char* p = physicalPath; p && *p; ++p)
             if (*p == '\\') *p = '/';
@@ -144,36 +142,8 @@ public:
         FileLockGive();
         return taken;
     }
-    int32_t Reserved8(uint32_t* out) override {
-        if (out) *out = 0;
-        return ZK_OK;
-    }
     int32_t Mount(char*, uint32_t, uint32_t) override { return ZK_ERR_NOT_SUPPORTED; }
     int32_t Unmount(char*) override { return ZK_ERR_NOT_SUPPORTED; }
-    int32_t Format(char*) override { return ZK_ERR_NOT_SUPPORTED; }
-    int32_t DumpDir(char*, uint32_t) override { return ZK_ERR_NOT_SUPPORTED; }
-    int32_t MakeDir(char*, uint32_t, uint32_t) override { return ZK_ERR_NOT_SUPPORTED; }
-    int32_t RemoveDir(char*, uint32_t) override { return ZK_ERR_NOT_SUPPORTED; }
-    int32_t GetFileTime(char*, FileTimeRecord*, FileTimeRecord*, FileTimeRecord*) override {
-        return ZK_ERR_NOT_SUPPORTED;
-    }
-    int32_t SetFileTime(char*, const FileTimeRecord*, const FileTimeRecord*,
-                        const FileTimeRecord*) override {
-        return ZK_ERR_NOT_SUPPORTED;
-    }
-    int32_t DeleteFile(char*, uint32_t) override { return ZK_ERR_NOT_SUPPORTED; }
-    DirObject* OpenDir() override { return nullptr; }
-    int32_t QueryDeviceInfo(char*, uint32_t, uint32_t, uint32_t) override {
-        return ZK_ERR_NOT_SUPPORTED;
-    }
-    int32_t ControlDevice(const char*, uint32_t, uint32_t, uint32_t) override {
-        return ZK_ERR_NOT_SUPPORTED;
-    }
-    int32_t GetPartitionStatus(const char*) override { return ZK_ERR_NOT_SUPPORTED; }
-    int32_t CreatePartition(const char*, uint32_t, uint32_t) override {
-        return ZK_ERR_NOT_SUPPORTED;
-    }
-    int32_t DeletePartition(const char*) override { return ZK_ERR_NOT_SUPPORTED; }
     int32_t GetUnit(const char* name) override { return name ? name[3] - '0' : -1; }
 };
 

@@ -15,6 +15,7 @@
 // one fixed code. The driver adds no root to a path, checks no length and
 // supports no listing, deletion, file times or partitions.
 #include "file/host_device.h"
+#include "file/driver_defaults.h"
 
 #include "platform/file.h"
 
@@ -112,7 +113,7 @@ bool IsAsciiLetter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-class HostDevice final : public DeviceDriver {
+class HostDevice final : public DriverDefaults {
 public:
     constexpr HostDevice() = default;
 
@@ -124,10 +125,6 @@ public:
             if (*p == ':') return ZK_ERR_NOT_SUPPORTED;
         return 0;
     }
-
-    int32_t InitializeDevice() override { return ZK_OK; }
-    void TerminateDevice() override {}
-    int32_t Reserved3() override { return ZK_OK; }
 
     int32_t ConvertPath(char* physicalPath, uint32_t /*capacity*/) override {
         if (physicalPath) os::FileConvertPath(physicalPath);
@@ -144,19 +141,11 @@ public:
         return nullptr;
     }
 
-    int32_t Reserved8(uint32_t* out) override {
-        if (out) *out = 0;
-        return ZK_OK;
-    }
-
     int32_t Mount(char* /*physicalPath*/, uint32_t /*capacity*/, uint32_t /*mode*/) override {
         return ZK_OK;
     }
     int32_t Unmount(char* /*physicalPath*/) override { return ZK_OK; }
     int32_t Format(char* /*physicalPath*/) override { return ZK_OK; }
-    int32_t DumpDir(char* /*physicalPath*/, uint32_t /*arg*/) override {
-        return ZK_ERR_NOT_SUPPORTED;
-    }
 
     // One level only: the flags (parents) and the mode are not used.
     int32_t MakeDir(char* physicalPath, uint32_t /*flags*/, uint32_t /*mode*/) override {
@@ -167,26 +156,6 @@ public:
                                                                  : ZK_ERR_HOST_REMOVE_OR_COPY;
     }
 
-    int32_t GetFileTime(char*, FileTimeRecord*, FileTimeRecord*, FileTimeRecord*) override {
-        return ZK_ERR_NOT_SUPPORTED;
-    }
-    int32_t SetFileTime(char*, const FileTimeRecord*, const FileTimeRecord*,
-                        const FileTimeRecord*) override {
-        return ZK_ERR_NOT_SUPPORTED;
-    }
-    int32_t DeleteFile(char*, uint32_t) override { return ZK_ERR_NOT_SUPPORTED; }
-    DirObject* OpenDir() override { return nullptr; }
-    int32_t QueryDeviceInfo(char*, uint32_t, uint32_t, uint32_t) override {
-        return ZK_ERR_NOT_SUPPORTED;
-    }
-    int32_t ControlDevice(const char*, uint32_t, uint32_t, uint32_t) override {
-        return ZK_ERR_NOT_SUPPORTED;
-    }
-    int32_t GetPartitionStatus(const char*) override { return ZK_ERR_NOT_SUPPORTED; }
-    int32_t CreatePartition(const char*, uint32_t, uint32_t) override {
-        return ZK_ERR_NOT_SUPPORTED;
-    }
-    int32_t DeletePartition(const char*) override { return ZK_ERR_NOT_SUPPORTED; }
     int32_t GetUnit(const char* /*name*/) override { return 0; }
 
     // The driver's own slots after the interface's: the device flag word,

@@ -6,11 +6,12 @@
 // must give back every block it took.
 #include "archive/kiv_reader.h"
 
+#include "fuzz/start_library.h"
+
 #include <zk.h>
 
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 
 namespace {
@@ -55,10 +56,7 @@ void Exercise(const zk::KivDirectory& d, uint64_t length) {
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    const std::filesystem::path workingDirectory = std::filesystem::current_path();
-    if (zkInitializeEx(16u << 20, 4096) != 0) std::abort();
-    std::filesystem::current_path(workingDirectory);
-    zkSetTraceProc([](const char*) {});
+    StartLibraryForFuzzing(16u << 20, 4096);
     return 0;
 }
 

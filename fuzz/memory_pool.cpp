@@ -9,13 +9,14 @@
 // live blocks add up to the pool's used figure, and used + free = size; every
 // block handed out lies inside the range, at its alignment, and keeps its
 // requested size.
+#include "fuzz/start_library.h"
+
 #include <zk.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <vector>
 
 namespace {
@@ -156,13 +157,8 @@ bool IsPowerOfTwo(uint32_t v) {
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // A small system pool holds the pools' descriptor tables. Starting the
-    // library moves the working directory to the program's folder; the
-    // fuzzer's corpus paths may be relative to the one it was started in.
-    const std::filesystem::path workingDirectory = std::filesystem::current_path();
-    if (zkInitializeEx(4u << 20, 512) != 0) std::abort();
-    std::filesystem::current_path(workingDirectory);
-    zkSetTraceProc([](const char*) {});
+    // A small system pool holds the pools' descriptor tables.
+    StartLibraryForFuzzing(4u << 20, 512);
     return 0;
 }
 

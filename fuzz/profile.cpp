@@ -6,11 +6,12 @@
 // closing leaves the system pool with the blocks it had before.
 #include "kernel/profile_parser.h"
 
+#include "fuzz/start_library.h"
+
 #include <zk.h>
 
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <vector>
 
 namespace {
@@ -39,13 +40,7 @@ void CheckToken(const char* token, size_t textLength) {
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // Starting the library moves the working directory to the program's
-    // folder; the fuzzer's corpus paths may be relative to the one it was
-    // started in.
-    const std::filesystem::path workingDirectory = std::filesystem::current_path();
-    if (zkInitializeEx(16u << 20, 4096) != 0) std::abort();
-    std::filesystem::current_path(workingDirectory);
-    zkSetTraceProc([](const char*) {});
+    StartLibraryForFuzzing(16u << 20, 4096);
     return 0;
 }
 

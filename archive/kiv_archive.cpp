@@ -20,6 +20,7 @@
 #include "archive/slide_expand.h"
 
 #include "file/file_system.h"
+#include "kernel/context.h"
 #include "kernel/startup.h"
 #include "thread/sync.h"
 
@@ -304,6 +305,7 @@ void ArchivesStartup() {
         BuildTables(r);
     }
     r.fileSystem = &Files();
+    Kernel().archives = &r;
     DeviceTable& devices = Devices();
     DeviceDriver* device = KivDeviceDriver();
     devices.RemoveAll(device);

@@ -36,7 +36,7 @@ class Profiler;
 class MemoryPoolTable;
 class MemoryManager;
 class FileSystem;
-class KivRegistry;
+struct KivRegistry;
 class RequestManager;
 class Thread;
 

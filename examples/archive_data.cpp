@@ -51,7 +51,13 @@ int main(int, char** argv) {
     const std::string command = "\"" + (here / "kivtool").string() +
                                 "\" pack --packed-directory --folded-names \"" + archive.string() +
                                 "\" \"" + tree.string() + "\"";
-    if (std::system(command.c_str()) != 0) {
+#if defined(_WIN32)
+    // cmd.exe takes the outer pair of quotes off a command that begins with one.
+    const std::string shell = "\"" + command + "\"";
+#else
+    const std::string& shell = command;
+#endif
+    if (std::system(shell.c_str()) != 0) {
         std::fprintf(stderr, "kivtool failed: %s\n", command.c_str());
         return 1;
     }

@@ -63,6 +63,16 @@ public:
     void Put(const std::string& name, const std::string& data) { state_.data[name] = data; }
     uint32_t LastMode() const { return state_.lastMode; }
     uint32_t Count(int slot) { return static_cast<uint32_t>(Log({slot}).size()); }
+    // File and listing objects handed out and not given back yet.
+    uint32_t ObjectsOut() {
+        std::lock_guard<std::mutex> g(mutex_);
+        uint32_t n = 0;
+        for (const File& f : files_)
+            n += f.device != nullptr;
+        for (const Dir& d : dirs_)
+            n += d.device != nullptr;
+        return n;
+    }
     // The calls of the given slots, in the order they were made.
     std::vector<Call> Log(std::initializer_list<int> slots) {
         std::lock_guard<std::mutex> g(mutex_);

@@ -11,7 +11,7 @@ ZK_EXTERN_C_BEGIN
  * refused (-4, or nothing done) even after the record is handed out again
  * under a new handle. */
 typedef struct ThreadRecord ThreadRecord;
-/* A thread's body; argument as given to zkCreateThread. */
+/* A thread's body; argument as given to zkStartThread. */
 typedef void(ZK_CALL* ThreadProc)(void* argument);
 
 /* A free record, or null when all 32 are in use. No system thread exists yet. */

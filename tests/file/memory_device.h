@@ -22,8 +22,8 @@ namespace zktest {
 
 // Driver slots keep their numbers; file-object slots follow from 26, listing slots from 33.
 constexpr int kDumpDir = 12, kMakeDir = 13, kSetFileTime = 16, kFileOpen = 26, kFileClose = 27,
-              kFileGetSize = 28, kFileRead = 29, kFileReadAt = 30, kFileSeek = 32, kDirOpen = 33,
-              kDirClose = 34, kSlots = 35;
+              kFileGetSize = 28, kFileRead = 29, kFileReadAt = 30, kFileWrite = 31, kFileSeek = 32,
+              kDirOpen = 33, kDirClose = 34, kSlots = 35;
 
 class MemoryDevice final : public zk::DeviceDriver {
 public:
@@ -160,6 +160,7 @@ private:
             return r < 0 ? r : Transfer(at, buffer, size, got);
         }
         int32_t Write(const void* buffer, uint32_t size, uint32_t* written) override {
+            if (const int32_t r = device->Enter(kFileWrite, name); r < 0) return *written = 0, r;
             std::string& d = Data();
             d.resize(std::max<size_t>(d.size(), position + size));
             d.replace(position, size, static_cast<const char*>(buffer), size);

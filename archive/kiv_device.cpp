@@ -43,14 +43,17 @@ class KivDeviceFile final : public FileObject {
 public:
     bool TryTake(KivDevice* device) {
         if (device_.load(std::memory_order_acquire)) return false;
-        archive_ = nullptr;
+        archive_.store(nullptr, std::memory_order_relaxed);
         index_ = size_ = position_ = 0;
         device_.store(device, std::memory_order_release);
         return true;
     }
     // The archive is closing: the object stays handed out but reads nothing.
-    void Detach(const KivArchive* archive) {
-        if (device_.load(std::memory_order_acquire) && archive_ == archive) archive_ = nullptr;
+    // Another thread may be closing this object at the same moment, so the
+    // archive is swapped out only if it is still the one closing.
+    void Detach(KivArchive* archive) {
+        KivArchive* expected = archive;
+        archive_.compare_exchange_strong(expected, nullptr, std::memory_order_acq_rel);
     }
 
     int32_t IsImmediate(int32_t kind) override {
@@ -59,7 +62,7 @@ public:
     int32_t Open(const char* physicalPath, uint32_t, uint32_t) override;
     int32_t Close() override {
         if (device_.load(std::memory_order_acquire)) {
-            archive_ = nullptr;
+            archive_.store(nullptr, std::memory_order_release);
             device_.store(nullptr, std::memory_order_release);
         }
         return ZK_OK;
@@ -77,8 +80,8 @@ public:
         int32_t result = ZK_ERR_INVALID_HANDLE;
         if (!buffer) {
             result = ZK_ERR_INVALID_ARGUMENT;
-        } else if (archive_) {
-            result = KivReadItemBytes(archive_, index_, offset, buffer, size, &done, flags);
+        } else if (KivArchive* archive = archive_.load(std::memory_order_acquire)) {
+            result = KivReadItemBytes(archive, index_, offset, buffer, size, &done, flags);
             if (result >= 0) position_ = offset + done;
         }
         if (got) *got = done;
@@ -96,7 +99,7 @@ public:
 
 private:
     std::atomic<KivDevice*> device_{nullptr};
-    KivArchive* archive_ = nullptr;
+    std::atomic<KivArchive*> archive_{nullptr};
     uint32_t index_ = 0;
     uint32_t size_ = 0;
     uint32_t position_ = 0;
@@ -159,10 +162,10 @@ int32_t KivDeviceFile::Open(const char* physicalPath, uint32_t, uint32_t) {
     KivArchive* archive = gDevice.slots[slot];
     uint32_t index;
     if (!KivFind(archive, name, &index)) return ZK_ERR_NO_SUCH_FILE;
-    archive_ = archive;
     index_ = index;
     size_ = archive->directory.Entry(index).size;
     position_ = 0;
+    archive_.store(archive, std::memory_order_release);
     return ZK_OK;
 }
 

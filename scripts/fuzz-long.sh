@@ -4,15 +4,17 @@
 # inputs that reached code the corpus did not. Not part of CI: a run of all
 # targets takes about an hour on one core.
 #
-#   scripts/fuzz-long.sh FUZZ_BUILD_DIR [runs]
+#   scripts/fuzz-long.sh FUZZ_BUILD_DIR [runs [target ...]]
 set -uo pipefail
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 build=$1 runs=${2:-10000000}
+shift $(($# < 2 ? $# : 2))
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 for program in "$build"/bin/fuzz_*; do
     name=$(basename "$program")
     target=${name#fuzz_}
+    if [ $# -gt 0 ] && [[ " $* " != *" $target "* ]]; then continue; fi
     corpus="$ROOT/fuzz/corpus/$target"
     mkdir -p "$corpus" "$work/$target"
     start=$(date +%s)

@@ -9,8 +9,8 @@
 #   win32       MinGW i686 cross build (the library's own target), always
 #               built and linked; its tests run under 32-bit wine in a 32-bit
 #               Debian root (scripts/i386-root.sh) when one can be made
-#   tsan        ThreadSanitizer; every test program with only its Stress and
-#               Concurrency suites
+#   tsan        ThreadSanitizer; every test program with only its Stress,
+#               Concurrency and ArgumentSweep suites
 #   install     Release build installed into a prefix; a program outside the
 #               tree is built against it through find_package and pkg-config
 #               (the win64 leg does the same for the MinGW build under wine)
@@ -221,9 +221,9 @@ leg_tsan() {
     local program ran=0 failed=0
     for program in "$dir"/bin/test_*; do
         [ -x "$program" ] || continue
-        echo "--- $(basename "$program") (Stress and Concurrency suites)"
+        echo "--- $(basename "$program") (Stress, Concurrency and ArgumentSweep suites)"
         ran=$((ran + 1))
-        GTEST_FILTER='*Stress*:*Concurrency*' TSAN_OPTIONS='halt_on_error=1 second_deadlock_stack=1' \
+        GTEST_FILTER='*Stress*:*Concurrency*:*ArgumentSweep*' TSAN_OPTIONS='halt_on_error=1 second_deadlock_stack=1' \
             "$program" || failed=$((failed + 1))
     done
     LEG_NOTE[tsan]="$((ran - failed)) of $ran test programs passed"

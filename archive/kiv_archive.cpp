@@ -22,6 +22,7 @@
 #include "file/file_system.h"
 #include "kernel/context.h"
 #include "kernel/startup.h"
+#include "kernel/timeline.h"
 #include "thread/sync.h"
 
 #include <zk/memory.h>
@@ -217,6 +218,9 @@ KivArchive* OpenArchive(KivArchive* archive) {
 
 KivArchive* KivOpenPath(const char* path, uint32_t flags) {
     if (!path) return nullptr;
+    timeline::Scope scope("archive", "archive open");
+    scope.SetText("path", path);
+    scope.Set("flags", flags);
     KivArchive* a = TakeArchive();
     if (!a) return nullptr;
     a->openFlags = flags;
@@ -238,6 +242,8 @@ KivArchive* KivOpenPath(const char* path, uint32_t flags) {
         zkCloseFile(a->file);
         a->file = nullptr;
     }
+    scope.Set("bytes", fileSize);
+    scope.Set("items", a->directory.header.itemCount);
     return a;
 }
 

@@ -12,6 +12,8 @@
 // a time with every check.
 #include "archive/slide_expand.h"
 
+#include "kernel/timeline.h"
+
 #include <zk/archive.h>
 
 #include <cstring>
@@ -79,8 +81,24 @@ inline uint32_t CopyMatchChecked(uint8_t* destination, uint32_t out, uint32_t di
 
 } // namespace
 
+// The expansion itself; SlideExpandBounded adds the timeline's slice.
+uint32_t ExpandWithin(uint8_t* destination, uint32_t destinationSize, const uint8_t* source,
+                      uint32_t sourceSize);
+
 uint32_t SlideExpandBounded(uint8_t* destination, uint32_t destinationSize, const uint8_t* source,
                             uint32_t sourceSize) {
+    if (timeline::On()) {
+        timeline::Scope scope("archive", "slide expand");
+        const uint32_t expanded = ExpandWithin(destination, destinationSize, source, sourceSize);
+        scope.Set("packed", sourceSize);
+        scope.Set("expanded", expanded);
+        return expanded;
+    }
+    return ExpandWithin(destination, destinationSize, source, sourceSize);
+}
+
+uint32_t ExpandWithin(uint8_t* destination, uint32_t destinationSize, const uint8_t* source,
+                      uint32_t sourceSize) {
     const uint8_t* in = source;
     const uint8_t* const end = source + sourceSize;
     uint32_t out = 0;

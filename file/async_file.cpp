@@ -18,6 +18,7 @@
 // load runs on its own thread.
 #include "file/file_system.h"
 #include "file/operations.h"
+#include "kernel/timeline.h"
 #include "thread/request.h"
 
 #include <zk/file.h>
@@ -54,6 +55,8 @@ struct OpenItem {
 // cannot take it, the failure becomes the operation's result and the frame
 // completes here.
 template <typename Operation> void SubmitOrComplete(Operation* operation, ::Request* request) {
+    if (request->frameCount != 0)
+        operation->traceFlow = request->frames[request->frameCount - 1].timelineFlow;
     const int32_t submitted = Files().Worker().Submit(operation, request, 1);
     if (submitted < 0) {
         operation->result = submitted;
@@ -100,9 +103,14 @@ int32_t LoadWholeFile(FileHandle* handle, void** data, uint32_t* size) {
 
 void ZK_CALL RunBackgroundLoad(void* argument) {
     BackgroundLoad* job = static_cast<BackgroundLoad*>(argument);
+    timeline::NameThread("background load");
+    timeline::Scope scope("file", "background load");
+    scope.SetText("path", job->handle->fullPath);
     void* data = nullptr;
     uint32_t size = 0;
     const int32_t result = LoadWholeFile(job->handle, &data, &size);
+    scope.Set("bytes", size);
+    scope.Set("result", result);
     job->data = data;
     job->size = size;
     job->result = result;
@@ -132,6 +140,8 @@ using zk::RequestWriter;
 
 extern "C" ZK_API int32_t ZK_CALL zkBeginOpenFile(const char* path, uint32_t openFlags,
                                                   uint32_t mode, Request* request) {
+    zk::timeline::Scope scope("file", "zkBeginOpenFile");
+    scope.SetText("path", path);
     RequestWriter writer(request, zk::kFrameSize);
     if (writer.Status() < 0) return writer.Status();
     zk::OpenItem item{nullptr, ZK_ERR_INVALID_ARGUMENT};
@@ -149,6 +159,8 @@ extern "C" ZK_API int32_t ZK_CALL zkBeginOpenFile(const char* path, uint32_t ope
     const int32_t built = item.handle->fullPath[0]
                               ? open->Build(item.handle->fullPath, openFlags, mode)
                               : ZK_ERR_BUFFER_TOO_SMALL;
+    zk::SetDeviceName(item.handle, open->physicalPath);
+    open->traceHandle = item.handle;
     if (built < 0) {
         open->result = built;
         request->NotifyCompletion();
@@ -159,6 +171,7 @@ extern "C" ZK_API int32_t ZK_CALL zkBeginOpenFile(const char* path, uint32_t ope
 }
 
 extern "C" ZK_API int32_t ZK_CALL zkEndOpenFile(FileHandle** handle, Request* request) {
+    zk::timeline::Scope scope("file", "zkEndOpenFile");
     RequestReader reader(request);
     if (reader.Status() < 0) {
         if (handle) *handle = nullptr;
@@ -189,6 +202,7 @@ extern "C" ZK_API int32_t ZK_CALL zkEndOpenFile(FileHandle** handle, Request* re
 }
 
 extern "C" ZK_API int32_t ZK_CALL zkBeginCloseFile(FileHandle* handle, Request* request) {
+    zk::timeline::Scope scope("file", "zkBeginCloseFile");
     RequestWriter writer(request, zk::kFrameSize);
     if (writer.Status() < 0) return writer.Status();
     writer.Put(&handle, sizeof(handle));
@@ -204,6 +218,10 @@ extern "C" ZK_API int32_t ZK_CALL zkBeginCloseFile(FileHandle* handle, Request* 
     zk::FileObject* file = inUse && !handle->backgroundLoad ? handle->file : nullptr;
     auto* close = new (writer.Reserve(sizeof(zk::CloseOperation)))
         zk::CloseOperation(file, file ? Files().TriesOf(handle) : 0);
+    if (file) {
+        close->traceHandle = handle;
+        scope.SetText("path", handle->fullPath);
+    }
     if (!file) {
         close->result = inUse ? ZK_OK : ZK_ERR_INVALID_HANDLE;
         request->NotifyCompletion();
@@ -214,6 +232,7 @@ extern "C" ZK_API int32_t ZK_CALL zkBeginCloseFile(FileHandle* handle, Request* 
 }
 
 extern "C" ZK_API int32_t ZK_CALL zkEndCloseFile(Request* request) {
+    zk::timeline::Scope scope("file", "zkEndCloseFile");
     RequestReader reader(request);
     if (reader.Status() < 0) return reader.Status();
     FileHandle* handle = nullptr;
@@ -233,6 +252,8 @@ extern "C" ZK_API int32_t ZK_CALL zkEndCloseFile(Request* request) {
 
 extern "C" ZK_API int32_t ZK_CALL zkBeginReadFile(FileHandle* handle, void* buffer, uint32_t size,
                                                   Request* request) {
+    zk::timeline::Scope scope("file", "zkBeginReadFile");
+    scope.Set("size", size);
     RequestWriter writer(request, zk::kFrameSize);
     if (writer.Status() < 0) return writer.Status();
     writer.Put(&handle, sizeof(handle));
@@ -244,6 +265,10 @@ extern "C" ZK_API int32_t ZK_CALL zkBeginReadFile(FileHandle* handle, void* buff
     if (check >= 0 && !buffer) check = ZK_ERR_INVALID_ARGUMENT;
     auto* read = new (writer.Reserve(sizeof(zk::ReadOperation))) zk::ReadOperation(
         check < 0 ? nullptr : handle->file, buffer, size, check < 0 ? 0 : Files().TriesOf(handle));
+    if (check >= 0) {
+        read->traceHandle = handle;
+        scope.SetText("path", handle->fullPath);
+    }
     if (check < 0) {
         read->result = check;
         request->NotifyCompletion();
@@ -254,6 +279,7 @@ extern "C" ZK_API int32_t ZK_CALL zkBeginReadFile(FileHandle* handle, void* buff
 }
 
 extern "C" ZK_API int32_t ZK_CALL zkEndReadFile(uint32_t* got, Request* request) {
+    zk::timeline::Scope scope("file", "zkEndReadFile");
     RequestReader reader(request);
     if (reader.Status() < 0) return reader.Status();
     FileHandle* handle = nullptr;
@@ -267,15 +293,21 @@ extern "C" ZK_API int32_t ZK_CALL zkEndReadFile(uint32_t* got, Request* request)
     const uint32_t done = read->done > read->size ? read->size : read->done;
     if (got) *got = done;
     Files().AddBytesRead(done);
+    scope.Set("bytes", done);
+    scope.Set("result", read->result);
     return read->result;
 }
 
 extern "C" ZK_API int32_t ZK_CALL zkLoadDataFromFile(const char* path, void** data,
                                                      uint32_t* size) {
     if (!path || !data || !size) return ZK_ERR_INVALID_ARGUMENT;
+    zk::timeline::Scope scope("file", "zkLoadDataFromFile");
+    scope.SetText("path", path);
     FileHandle* handle = Files().AllocateHandle(path);
     if (!handle) return ZK_ERR_NO_SLOT;
     const int32_t result = zk::LoadWholeFile(handle, data, size);
+    scope.Set("bytes", *size);
+    scope.Set("result", result);
     zkCloseFile(handle);
     return result;
 }

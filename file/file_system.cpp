@@ -4,6 +4,7 @@
 #include "file/host_device.h"
 #include "file/operations.h"
 #include "kernel/context.h"
+#include "kernel/timeline.h"
 #include "platform/file.h"
 
 #include <zk/result.h>
@@ -35,7 +36,7 @@ FileSystem& Files() {
 }
 
 int32_t FileSystem::Startup() {
-    openCount_ = 0;
+    openCount_.store(0, std::memory_order_relaxed);
     totalBytesRead_.store(0, std::memory_order_relaxed);
     workDir_[0] = '/';
     workDir_[1] = '\0';
@@ -58,7 +59,7 @@ void FileSystem::Shutdown() {
         handle.device = nullptr;
         handle.owner = nullptr;
     }
-    openCount_ = 0;
+    openCount_.store(0, std::memory_order_relaxed);
 }
 
 bool FileSystem::Owns(const FileHandle* handle) const {
@@ -82,7 +83,7 @@ FileHandle* FileSystem::AllocateHandle(const char* path) {
         if (!h.owner) {
             handle = &h;
             handle->owner = this;
-            ++openCount_;
+            openCount_.fetch_add(1, std::memory_order_relaxed);
             break;
         }
     }
@@ -100,9 +101,22 @@ FileHandle* FileSystem::AllocateHandle(const char* path) {
 
 void FileSystem::ReleaseHandle(FileHandle* handle) {
     FileLockTake();
-    if (openCount_ > 0) --openCount_;
+    if (openCount_.load(std::memory_order_relaxed) > 0)
+        openCount_.fetch_sub(1, std::memory_order_relaxed);
     handle->owner = nullptr; // under the lock: AllocateHandle reads it there
     FileLockGive();
+}
+
+void SetDeviceName(FileHandle* handle, const char* physicalPath) {
+    uint32_t n = 0;
+    while (n < sizeof(handle->deviceName) - 1 && physicalPath[n] != '\0' && physicalPath[n] != ':')
+        ++n;
+    if (n < 2 || physicalPath[n] != ':') {
+        std::memcpy(handle->deviceName, "host", 5);
+        return;
+    }
+    std::memcpy(handle->deviceName, physicalPath, n);
+    handle->deviceName[n] = '\0';
 }
 
 int32_t FileSystem::OpenHandle(FileHandle* handle, uint32_t openFlags, uint32_t mode) {
@@ -110,6 +124,8 @@ int32_t FileSystem::OpenHandle(FileHandle* handle, uint32_t openFlags, uint32_t 
     if (handle->fullPath[0] == '\0') return ZK_ERR_BUFFER_TOO_SMALL;
     OpenOperation open;
     int32_t result = open.Build(handle->fullPath, openFlags, mode);
+    SetDeviceName(handle, open.physicalPath);
+    open.traceHandle = handle;
     if (result >= 0) {
         const int32_t submitted = worker_.Submit(&open, nullptr, 1);
         if (submitted < 0) open.result = submitted;
@@ -125,6 +141,7 @@ int32_t FileSystem::OpenHandle(FileHandle* handle, uint32_t openFlags, uint32_t 
 void FileSystem::CloseHandleFile(FileHandle* handle) {
     if (!handle->file) return;
     CloseOperation close(handle->file, TriesOf(handle));
+    close.traceHandle = handle;
     if (worker_.Submit(&close, nullptr, 1) < 0) handle->file->Close();
     handle->file = nullptr;
     handle->device = nullptr;
@@ -208,9 +225,13 @@ using zk::FileSystem;
 extern "C" ZK_API FileHandle* ZK_CALL zkOpenFile(const char* path, uint32_t openFlags,
                                                  uint32_t mode) {
     if (!path) return nullptr;
+    zk::timeline::Scope scope("file", "zkOpenFile");
+    scope.SetText("path", path);
     FileHandle* handle = Files().AllocateHandle(path);
     if (!handle) return nullptr;
-    if (Files().OpenHandle(handle, openFlags, mode) < 0) {
+    const int32_t result = Files().OpenHandle(handle, openFlags, mode);
+    scope.Set("result", result);
+    if (result < 0) {
         Files().Close(handle);
         return nullptr;
     }
@@ -219,6 +240,8 @@ extern "C" ZK_API FileHandle* ZK_CALL zkOpenFile(const char* path, uint32_t open
 
 extern "C" ZK_API void ZK_CALL zkCloseFile(FileHandle* file) {
     if (!file || !Files().Owns(file) || !file->owner) return;
+    zk::timeline::Scope scope("file", "zkCloseFile");
+    scope.SetText("path", file->fullPath);
     Files().Close(file);
 }
 
@@ -227,13 +250,18 @@ extern "C" ZK_API int32_t ZK_CALL zkReadFile(FileHandle* file, void* buffer, uin
     int32_t result = FileSystem::Check(file);
     if (result < 0) return result;
     if (!buffer) return ZK_ERR_INVALID_ARGUMENT;
+    zk::timeline::Scope scope("file", "zkReadFile");
+    scope.SetText("path", file->fullPath);
     uint32_t done = 0;
     if (size != 0) {
         zk::ReadOperation read(file->file, buffer, size, Files().TriesOf(file));
+        read.traceHandle = file;
         result = zk::RunSync(read);
         done = read.done;
         if (result >= 0) Files().AddBytesRead(done);
     }
+    scope.Set("bytes", done);
+    scope.Set("result", result);
     if (got) *got = done;
     return result;
 }
@@ -243,13 +271,19 @@ extern "C" ZK_API int32_t ZK_CALL zkReadFileOffset(FileHandle* file, uint32_t of
     int32_t result = FileSystem::Check(file);
     if (result < 0) return result;
     if (!buffer) return ZK_ERR_INVALID_ARGUMENT;
+    zk::timeline::Scope scope("file", "zkReadFileOffset");
+    scope.SetText("path", file->fullPath);
+    scope.Set("offset", offset);
     uint32_t done = 0;
     if (size != 0) {
         zk::ReadAtOperation read(file->file, offset, buffer, size, flags, Files().TriesOf(file));
+        read.traceHandle = file;
         result = zk::RunSync(read, (flags & 1) ? 0 : 1);
         done = read.done;
         if (result >= 0) Files().AddBytesRead(done);
     }
+    scope.Set("bytes", done);
+    scope.Set("result", result);
     if (got) *got = done;
     return result;
 }
@@ -259,12 +293,17 @@ extern "C" ZK_API int32_t ZK_CALL zkWriteFile(FileHandle* file, const void* buff
     int32_t result = FileSystem::Check(file);
     if (result < 0) return result;
     if (!buffer) return ZK_ERR_INVALID_ARGUMENT;
+    zk::timeline::Scope scope("file", "zkWriteFile");
+    scope.SetText("path", file->fullPath);
     uint32_t done = 0;
     if (size != 0) {
         zk::WriteOperation write(file->file, buffer, size, Files().TriesOf(file));
+        write.traceHandle = file;
         result = zk::RunSync(write);
         done = write.done;
     }
+    scope.Set("bytes", done);
+    scope.Set("result", result);
     if (written) *written = done;
     return result;
 }
@@ -273,8 +312,12 @@ extern "C" ZK_API int32_t ZK_CALL zkSeekFile(FileHandle* file, int32_t offset, u
                                              uint32_t* newPosition) {
     int32_t result = FileSystem::Check(file);
     if (result < 0) return result;
+    zk::timeline::Scope scope("file", "zkSeekFile");
+    scope.SetText("path", file->fullPath);
     zk::SeekOperation seek(file->file, offset, origin, Files().TriesOf(file));
+    seek.traceHandle = file;
     result = zk::RunSync(seek);
+    scope.Set("position", seek.newPosition);
     if (newPosition) *newPosition = seek.newPosition;
     return result;
 }
@@ -284,8 +327,12 @@ extern "C" ZK_API int32_t ZK_CALL zkGetFileSize(FileHandle* file, uint32_t* size
     if (result == ZK_ERR_INVALID_HANDLE) return result;
     if (!size) return ZK_ERR_INVALID_ARGUMENT;
     if (result < 0) return result;
+    zk::timeline::Scope scope("file", "zkGetFileSize");
+    scope.SetText("path", file->fullPath);
     zk::GetSizeOperation query(file->file, Files().TriesOf(file));
+    query.traceHandle = file;
     result = zk::RunSync(query);
+    scope.Set("size", query.size);
     *size = query.size;
     return result;
 }

@@ -44,6 +44,7 @@ struct FileHandle {
     zk::FileObject* file;        // null when not open
     int32_t unit;                // the driver's unit for the path
     zk::BackgroundLoad* backgroundLoad;
+    char deviceName[8]; // the device's name as the physical path gives it ("host" for none)
 };
 
 namespace zk {
@@ -88,7 +89,7 @@ public:
         return static_cast<uint32_t>(totalBytesRead_.load(std::memory_order_relaxed));
     }
     void ResetTotalBytesRead() { totalBytesRead_.store(0, std::memory_order_relaxed); }
-    uint32_t OpenCount() const { return openCount_; }
+    uint32_t OpenCount() const { return openCount_.load(std::memory_order_relaxed); }
 
     int32_t SetTryCount(uint32_t kind, uint32_t count);
     uint32_t TryCount(uint32_t kind) const { return kind < kTryKinds ? tryCounts_[kind] : 0; }
@@ -97,7 +98,7 @@ public:
 
 private:
     FileHandle handles_[kMaxFiles]{};
-    uint32_t openCount_ = 0;
+    std::atomic<uint32_t> openCount_{0}; // changed under the FileLock, read anywhere
     char workDir_[kMaxPath]{};
     uint32_t workDirLength_ = 0;
     std::atomic<uint64_t> totalBytesRead_{0};
@@ -106,6 +107,11 @@ private:
 };
 
 FileSystem& Files();
+
+// Notes in the handle the device part of a physical path ("kiv0" of
+// "kiv0:/a.bin"), or "host" for a host path (no device name, or a drive
+// letter); the timeline shows it.
+void SetDeviceName(FileHandle* handle, const char* physicalPath);
 
 // The file system's steps in the library's initialisation and termination.
 int32_t FileSystemStartup();

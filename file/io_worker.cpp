@@ -1,6 +1,9 @@
 // The device I/O worker and the synchronous callers' waiter. See io_worker.h
 // for the queue's invariants, its locks and why both sides spin first.
 #include "file/io_worker.h"
+
+#include "file/file_system.h"
+#include "kernel/timeline.h"
 #include "thread/spin.h"
 
 #include <zk/result.h>
@@ -40,7 +43,7 @@ int32_t DeviceIoWorker::Start() {
     completionMonitor_.Initialize();
     queueMonitor_.Initialize();
     for (uint32_t i = 0; i < kNodes; ++i)
-        nodes_[i] = Node{nullptr, nullptr, nullptr, i + 1 < kNodes ? &nodes_[i + 1] : nullptr};
+        nodes_[i] = Node{nullptr, nullptr, nullptr, i + 1 < kNodes ? &nodes_[i + 1] : nullptr, 0};
     freeList_ = &nodes_[0];
     queues_[0] = queues_[1] = Queue{nullptr, nullptr};
     current_ = nullptr;
@@ -108,6 +111,7 @@ bool DeviceIoWorker::Enqueue(IoOperation* operation, CompletionTarget* completio
     freeList_ = node->next;
     node->operation = operation;
     node->completion = completion;
+    node->queuedAt = timeline::On() ? timeline::Now() : 0;
     Append(&queues_[priority & 1], node);
     count_.fetch_add(1, std::memory_order_release);
     queueMonitor_.WakeAll();
@@ -141,10 +145,16 @@ bool DeviceIoWorker::Take() {
 }
 
 void DeviceIoWorker::Run() {
+    timeline::NameThread("I/O worker");
     while (Take()) {
         Node* node = current_;
-        if (node->operation->Execute() != 0) {
+        const bool recording = timeline::On();
+        const int64_t start = recording ? timeline::Now() : 0;
+        const int32_t again = node->operation->Execute();
+        if (recording) RecordStep(node, currentQueue_ == &queues_[0], start, again);
+        if (again != 0) {
             queueMonitor_.Enter();
+            node->queuedAt = recording ? timeline::Now() : 0;
             Append(currentQueue_, node);
             current_ = nullptr;
             currentQueue_ = nullptr;
@@ -163,6 +173,76 @@ void DeviceIoWorker::Run() {
         queueMonitor_.WakeAll();
         queueMonitor_.Leave();
         if (completion) completion->NotifyCompletion();
+    }
+}
+
+// One slice per step on the worker's track: kind, device, path, bytes so far,
+// try number and outcome, with the time the node waited in its queue beside
+// it (as an argument, and as an async slice of its own on the queue's track).
+// A step that failed marks a retry when the operation runs again, else the
+// operation's failure.
+void DeviceIoWorker::RecordStep(const Node* node, bool urgent, int64_t start, int32_t again) {
+    IoOperation* operation = node->operation;
+    const int32_t outcome = operation->Outcome();
+    const uint32_t tryNumber = operation->traceFailures + 1;
+    if (outcome < 0) ++operation->traceFailures;
+    const int64_t end = timeline::Now();
+    const int64_t queuedAt = node->queuedAt && node->queuedAt <= start ? node->queuedAt : start;
+
+    const uint64_t queueId = timeline::NewId();
+    timeline::Event wait;
+    wait.phase = timeline::kAsyncBegin;
+    wait.category = "io queue";
+    wait.name = urgent ? "queued (urgent)" : "queued (normal)";
+    wait.id = queueId;
+    wait.start = wait.end = queuedAt;
+    timeline::Record(wait);
+    wait.phase = timeline::kAsyncEnd;
+    wait.start = wait.end = start;
+    timeline::Record(wait);
+
+    const FileHandle* handle = operation->traceHandle;
+    const timeline::Arg args[] = {
+        {"bytes", operation->Bytes()},
+        {"try", tryNumber},
+        {"result", outcome},
+        {"queue_wait_ns", static_cast<int64_t>(timeline::TicksToNanoseconds(start - queuedAt))},
+        {"urgent", urgent ? 1 : 0},
+    };
+    const timeline::TextArg texts[] = {
+        {"device", handle ? handle->deviceName : ""},
+        {"path", handle ? handle->fullPath : ""},
+    };
+    timeline::Event step;
+    step.category = "io";
+    step.name = operation->KindName();
+    step.start = start;
+    step.end = end;
+    step.args = args;
+    step.argCount = 5;
+    step.texts = texts;
+    step.textCount = 2;
+    timeline::Record(step);
+
+    if (operation->traceFlow != 0 && again == 0) {
+        timeline::Event flow;
+        flow.phase = timeline::kFlowStep;
+        flow.category = "request";
+        flow.name = "request";
+        flow.id = operation->traceFlow;
+        flow.start = flow.end = start + (end - start) / 2;
+        timeline::Record(flow);
+    }
+    if (outcome < 0) {
+        timeline::Event mark;
+        mark.phase = timeline::kInstant;
+        mark.category = "io";
+        mark.name = again != 0 ? "retry" : "failed";
+        mark.start = mark.end = end;
+        const timeline::Arg markArgs[] = {{"try", tryNumber}, {"result", outcome}};
+        mark.args = markArgs;
+        mark.argCount = 2;
+        timeline::Record(mark);
     }
 }
 

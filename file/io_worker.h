@@ -33,6 +33,8 @@
 #include <atomic>
 #include <cstdint>
 
+struct FileHandle;
+
 namespace zk {
 
 // One step of I/O work. Execute returns 0 when the operation has finished
@@ -41,6 +43,18 @@ class IoOperation {
 public:
     virtual int32_t IsImmediate() = 0;
     virtual int32_t Execute() = 0;
+    // What the timeline shows of an operation: its kind, the outcome of its
+    // last step and the bytes it has moved so far.
+    virtual const char* KindName() const = 0;
+    virtual int32_t Outcome() const = 0;
+    virtual uint32_t Bytes() const { return 0; }
+
+    // Set by whoever builds the operation, read only while recording: the
+    // file handle it works for, the request flow it belongs to, and the
+    // failed steps so far (the try number of the next step is one more).
+    const FileHandle* traceHandle = nullptr;
+    uint64_t traceFlow = 0;
+    uint32_t traceFailures = 0;
 
 protected:
     ~IoOperation() = default;
@@ -97,6 +111,7 @@ private:
         CompletionTarget* completion;
         Node* previous;
         Node* next;
+        int64_t queuedAt; // when it joined its queue (while recording)
     };
     struct Queue {
         Node* head;
@@ -107,6 +122,8 @@ private:
     void Append(Queue* queue, Node* node);
     // Waits for a node and unlinks it; false when stopping with nothing queued.
     bool Take();
+    // The timeline's slice of one step of the current node.
+    void RecordStep(const Node* node, bool urgent, int64_t start, int32_t again);
 
     Node nodes_[kNodes]{};
     Queue queues_[2]{};

@@ -24,6 +24,8 @@ enum ImmediateKind : int32_t {
 
 class OpenOperation final : public IoOperation {
 public:
+    const char* KindName() const override { return "open"; }
+    int32_t Outcome() const override { return result; }
     // Resolves fullPath and takes a file object from its driver. 0, or the
     // resolution code, or -19 without a file object (nothing to submit then).
     int32_t Build(const char* fullPath, uint32_t openFlags, uint32_t mode);
@@ -35,7 +37,7 @@ public:
     DeviceDriver* device = nullptr;
     FileObject* file = nullptr;
     int32_t unit = 0;
-    char physicalPath[kMaxPath];
+    char physicalPath[kMaxPath] = {};
     uint32_t openFlags = 0;
     uint32_t mode = 0;
     int32_t result = 0;
@@ -47,6 +49,8 @@ private:
 
 class CloseOperation final : public IoOperation {
 public:
+    const char* KindName() const override { return "close"; }
+    int32_t Outcome() const override { return result; }
     CloseOperation(FileObject* f, uint32_t t) : file(f), tries(t) {}
     int32_t IsImmediate() override { return file->IsImmediate(kImmediateClose); }
     int32_t Execute() override;
@@ -58,6 +62,8 @@ public:
 
 class GetSizeOperation final : public IoOperation {
 public:
+    const char* KindName() const override { return "size"; }
+    int32_t Outcome() const override { return result; }
     GetSizeOperation(FileObject* f, uint32_t t) : file(f), tries(t) {}
     int32_t IsImmediate() override { return file->IsImmediate(kImmediateSize); }
     int32_t Execute() override;
@@ -70,6 +76,8 @@ public:
 
 class SeekOperation final : public IoOperation {
 public:
+    const char* KindName() const override { return "seek"; }
+    int32_t Outcome() const override { return result; }
     SeekOperation(FileObject* f, int32_t o, uint32_t from, uint32_t t)
         : file(f), offset(o), origin(from), tries(t) {}
     int32_t IsImmediate() override { return file->IsImmediate(kImmediateSeek); }
@@ -85,6 +93,9 @@ public:
 
 class ReadOperation final : public IoOperation {
 public:
+    const char* KindName() const override { return "read"; }
+    int32_t Outcome() const override { return result; }
+    uint32_t Bytes() const override { return done; }
     ReadOperation(FileObject* f, void* b, uint32_t s, uint32_t t)
         : file(f), buffer(static_cast<uint8_t*>(b)), size(s), tries(t) {}
     int32_t IsImmediate() override { return 0; }
@@ -100,6 +111,9 @@ public:
 
 class ReadAtOperation final : public IoOperation {
 public:
+    const char* KindName() const override { return "read at offset"; }
+    int32_t Outcome() const override { return result; }
+    uint32_t Bytes() const override { return done; }
     ReadAtOperation(FileObject* f, uint32_t o, void* b, uint32_t s, uint32_t fl, uint32_t t)
         : file(f), offset(o), buffer(static_cast<uint8_t*>(b)), size(s), flags(fl), tries(t) {}
     int32_t IsImmediate() override { return 0; }
@@ -117,6 +131,9 @@ public:
 
 class WriteOperation final : public IoOperation {
 public:
+    const char* KindName() const override { return "write"; }
+    int32_t Outcome() const override { return result; }
+    uint32_t Bytes() const override { return done; }
     WriteOperation(FileObject* f, const void* b, uint32_t s, uint32_t t)
         : file(f), buffer(static_cast<const uint8_t*>(b)), size(s), tries(t) {}
     int32_t IsImmediate() override { return 0; }
@@ -133,6 +150,8 @@ public:
 // The two time operations resolve the open file's full path again when built.
 class GetTimeOperation final : public IoOperation {
 public:
+    const char* KindName() const override { return "get time"; }
+    int32_t Outcome() const override { return result; }
     // 0, or a resolution code (nothing to submit then).
     int32_t Build(DeviceDriver* device, const char* fullPath);
     int32_t IsImmediate() override { return 0; }
@@ -147,6 +166,8 @@ public:
 
 class SetTimeOperation final : public IoOperation {
 public:
+    const char* KindName() const override { return "set time"; }
+    int32_t Outcome() const override { return result; }
     int32_t Build(DeviceDriver* device, const char* fullPath, const FileTimeRecord* t0,
                   const FileTimeRecord* t1, const FileTimeRecord* t2);
     int32_t IsImmediate() override { return 0; }

@@ -12,6 +12,7 @@
 // atomics because the tick reads them while the main thread changes them.
 #include "kernel/context.h"
 #include "kernel/period_wait.h"
+#include "kernel/timeline.h"
 
 #include <zk/vblank.h>
 
@@ -160,17 +161,27 @@ void FramePeriod::SetInterval(uint32_t interval) {
 }
 
 int32_t FramePeriod::WaitForStart(void (*beforeBlocking)()) {
+    const int64_t waitStart = timeline::On() ? timeline::Now() : 0;
+    int32_t started = 1;
     if (!timer_ || !timer_->Running()) {
         lastStart_ = timer_ ? timer_->Count() : 0;
-        return 1;
+    } else {
+        VblankTimer* timer = timer_;
+        started = WaitForPeriodStart(
+            lastStart_, waitLength_, [timer]() { return timer->Count(); },
+            [timer]() { return timer->WaitTickOrMessage(); },
+            [beforeBlocking]() {
+                if (beforeBlocking) beforeBlocking();
+            });
     }
-    VblankTimer* timer = timer_;
-    return WaitForPeriodStart(
-        lastStart_, waitLength_, [timer]() { return timer->Count(); },
-        [timer]() { return timer->WaitTickOrMessage(); },
-        [beforeBlocking]() {
-            if (beforeBlocking) beforeBlocking();
-        });
+    // A period that started ends the timeline's open frame and opens the next.
+    if (waitStart != 0) {
+        if (started)
+            timeline::PeriodStarted(waitStart, loopCount_);
+        else
+            timeline::PeriodWaitCut(waitStart);
+    }
+    return started;
 }
 
 } // namespace zk

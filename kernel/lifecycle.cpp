@@ -11,6 +11,7 @@
 #include "kernel/callbacks.h"
 #include "kernel/context.h"
 #include "kernel/library_registry.h"
+#include "kernel/timeline.h"
 #include "kernel/startup.h"
 #include "kernel/window.h"
 #include "thread/sync.h"
@@ -83,11 +84,17 @@ int32_t Initialize(uint32_t arenaSize, uint32_t descriptorCount) {
     // skipped zkBeginProcess gets them here.
     if (!k.begun) BeginProcess();
     if (k.running) return ZK_ERR_NOT_SUPPORTED;
+    // A timeline recording, when QAX_TIMELINE names a file, covers everything
+    // from here to termination.
+    timeline::Start();
 
     LibraryRegistry::PrintBanner(*k.kernelLibrary);
 
     int32_t result = MemoryStartup(arenaSize, descriptorCount);
-    if (result < 0) return result;
+    if (result < 0) {
+        timeline::Stop();
+        return result;
+    }
     k.running = 1; // from here on termination has something to stop
     result = MainThreadStartup();
     if (result < 0) return result;
@@ -140,6 +147,7 @@ int32_t Terminate() {
         MemoryShutdown();
         k.running = 0;
     }
+    timeline::Stop();
     return ZK_OK;
 }
 
@@ -165,7 +173,9 @@ uint32_t RunFrameLoop(zkFrameProc frameProc) {
     for (;;) {
         os::Message message{};
         if (os::MessagePeek(&message)) {
+            const int64_t start = timeline::On() ? timeline::Now() : 0;
             os::MessageDispatch(message);
+            if (start != 0) timeline::MessageDispatched(message.message, start);
             if (message.message == ZK_WM_QUIT) return ZK_LOOP_END_QUIT;
             continue;
         }

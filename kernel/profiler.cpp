@@ -82,6 +82,27 @@ void Profiler::SetName(uint32_t slot, const char* name) {
     std::strncpy(slots_[slot].name, name, 15);
 }
 
+void Profiler::RecordSlot(uint32_t slot, int64_t end) {
+    const int64_t start = timelineStart_[slot];
+    if (start == 0 || start > end) return; // begun before the recording started
+    timelineStart_[slot] = 0;
+    char name[sizeof(slots_[slot].name) + 1];
+    std::memcpy(name, slots_[slot].name, sizeof(slots_[slot].name));
+    name[sizeof(slots_[slot].name)] = '\0';
+    const timeline::Arg arg{"slot", slot};
+    timeline::Event e;
+    e.category = timelineCategory_;
+    if (name[0] != '\0')
+        e.nameText = name;
+    else
+        e.name = "profile slot";
+    e.start = start;
+    e.end = end;
+    e.args = &arg;
+    e.argCount = 1;
+    timeline::Record(e);
+}
+
 void Profiler::Update() {
     if (!slots_ || enabled_ == 0) return;
     frameCount_ += 1;

@@ -6,6 +6,8 @@
 #ifndef ZK_KERNEL_PROFILER_H
 #define ZK_KERNEL_PROFILER_H
 
+#include "kernel/timeline.h"
+
 #include <cstdint>
 
 namespace zk {
@@ -53,14 +55,21 @@ public:
     void Begin(uint32_t slot) {
         if (slot < slotCount_) {
             slots_[slot].calls += 1;
-            slots_[slot].start = counter_->Read() - frameStart_;
+            const int64_t now = counter_->Read();
+            slots_[slot].start = now - frameStart_;
+            if (timeline::On() && slot < kTimelineSlots) timelineStart_[slot] = now;
         }
     }
     void End(uint32_t slot) {
-        if (slot < slotCount_)
-            slots_[slot].total += (counter_->Read() - slots_[slot].start) - frameStart_;
+        if (slot < slotCount_) {
+            const int64_t now = counter_->Read();
+            slots_[slot].total += (now - slots_[slot].start) - frameStart_;
+            if (timeline::On() && slot < kTimelineSlots) RecordSlot(slot, now);
+        }
     }
     void SetName(uint32_t slot, const char* name);
+    // The timeline's category for this profiler's slices.
+    void SetTimelineCategory(const char* category) { timelineCategory_ = category; }
     // Once per frame: counts the frame, reports when the interval is reached.
     void Update();
 
@@ -68,6 +77,12 @@ public:
     ProfileSlot* Slots() const { return slots_; }
 
 private:
+    // The first slots are shown in a timeline recording: each begin/end pair
+    // is a slice named after the slot, on the thread that ended it.
+    static constexpr uint32_t kTimelineSlots = 256;
+    void RecordSlot(uint32_t slot, int64_t end);
+    int64_t timelineStart_[kTimelineSlots] = {};
+    const char* timelineCategory_ = "profiler";
     void Report();
 
     uint32_t slotCount_ = 0;

@@ -22,6 +22,7 @@ void ProfilersStartup() {
     Kernel().performanceCounter = &Counter();
     Kernel().userProfiler = &UserProfiler();
     Kernel().systemProfiler = &SystemProfiler();
+    SystemProfiler().SetTimelineCategory("system profiler");
 }
 
 // The slot arrays live in the system pool, which the library's stop destroys:

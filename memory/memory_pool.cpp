@@ -744,6 +744,11 @@ void MemoryPool::Snapshot(MemoryInfo* info) {
     info->maxBlockCount = descriptorCount_;
 }
 
+uint32_t MemoryPool::LargestGapLocked() {
+    zk::ScopedLock guard(lock_);
+    return LargestGap();
+}
+
 MemoryAllocHook MemoryPool::SetAllocHook(MemoryAllocHook hook) {
     MemoryAllocHook previous = allocHook_;
     allocHook_ = hook;

@@ -183,6 +183,9 @@ public:
     const MemoryBlock* Head() const { return descriptors_; }
     // The largest gap: last entry of the highest non-empty class; 0 if none.
     uint32_t LargestGap() const;
+    // The same under the pool's lock, for a thread other than the one that
+    // allocates (the timeline's counters).
+    uint32_t LargestGapLocked();
     // Whether the pool holds a descriptor table: false for a record that was
     // released, or reclaimed at termination.
     bool Live() const { return descriptors_ != nullptr; }

@@ -46,6 +46,9 @@ bool SetCurrentDirectory(const char* path);
 const void* ModuleVersionResource(Handle module, uint32_t* size);
 // Text to the debugger output (standard error on POSIX).
 void DebugOutput(const char* text);
+// The value of an environment variable into out (always terminated): true
+// when it is set, non-empty and fits in size - 1 characters.
+bool EnvironmentVariable(const char* name, char* out, uint32_t size);
 
 // ---------------------------------------------------------------------------
 // Time

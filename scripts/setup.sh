@@ -17,13 +17,13 @@ set -euo pipefail
 
 packages_of() {
     case "$1" in
-    base | linux-asan | tsan) echo "cmake ninja-build g++ googletest" ;;
+    base | linux-asan | tsan) echo "cmake ninja-build g++ googletest nlohmann-json3-dev" ;;
     m32) echo "g++-multilib" ;;
     qemu) echo "qemu-user-static" ;;
-    linux-m32) echo "cmake ninja-build g++ googletest g++-multilib" ;;
-    win64) echo "cmake ninja-build googletest g++-mingw-w64-x86-64-posix wine64 xvfb xauth pkg-config" ;;
+    linux-m32) echo "cmake ninja-build g++ googletest nlohmann-json3-dev g++-multilib" ;;
+    win64) echo "cmake ninja-build googletest nlohmann-json3-dev g++-mingw-w64-x86-64-posix wine64 xvfb xauth pkg-config" ;;
     install) echo "cmake ninja-build g++ pkg-config" ;;
-    win32) echo "cmake ninja-build googletest g++-mingw-w64-i686-posix debootstrap" ;;
+    win32) echo "cmake ninja-build googletest nlohmann-json3-dev g++-mingw-w64-i686-posix debootstrap" ;;
     fuzz) echo "cmake ninja-build clang libclang-rt-14-dev" ;;
     bench) echo "cmake ninja-build g++ libmimalloc-dev libjack-jackd2-dev libboost-dev" ;;
     all) echo "$(packages_of linux-m32) $(packages_of win64) $(packages_of install) $(packages_of win32) $(packages_of fuzz) $(packages_of bench)" ;;

@@ -1,6 +1,8 @@
 // The request frame protocol: the arena, completion and the continuation
 // walk, the writer and reader cursors, and the synchronous completion waiter.
 #include "thread/request.h"
+
+#include "kernel/timeline.h"
 #include "thread/spin.h"
 
 #include <zk/result.h>
@@ -84,9 +86,11 @@ RequestWriter::RequestWriter(::Request* request, uint32_t size) {
     frame.size = size;
     frame.continuation = nullptr;
     frame.argument = 0;
+    frame.timelineFlow = timeline::On() ? timeline::NewId() : 0;
     request->SetState(frame_, kFramePending);
     ++request->frameCount;
     request->monitor.Leave();
+    timeline::FlowPoint("request begin", timeline::kFlowStart, frame.timelineFlow);
     ++request->cursor;
     position_ = data;
     end_ = data + size;
@@ -131,6 +135,7 @@ RequestReader::RequestReader(::Request* request) {
     position_ = request->frames[index].data;
     end_ = position_ + request->frames[index].size;
     status_ = 0;
+    timeline::FlowPoint("request end", timeline::kFlowEnd, request->frames[index].timelineFlow);
 }
 
 RequestReader::~RequestReader() {
@@ -180,6 +185,9 @@ void CompletionWaiter::WaitForCompletion(Monitor* monitor, CompletionWaiter* wai
 
 void Request::NotifyCompletion() {
     monitor.Enter();
+    if (frameCount != 0)
+        zk::timeline::FlowPoint("request completed", zk::timeline::kFlowStep,
+                                frames[frameCount - 1].timelineFlow);
     for (uint32_t i = frameCount; i-- > 0;) {
         if (frames[i].continuation) {
             SetState(i, zk::kFrameCompleted);

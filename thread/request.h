@@ -63,6 +63,7 @@ struct RequestFrame {
     Continuation* continuation = nullptr;
     uint32_t argument = 0;
     std::atomic<uint32_t> state{kFrameEmpty};
+    uint64_t timelineFlow = 0; // the frame's flow in a timeline recording, else 0
 };
 
 // A stack allocator over one fixed block: at most 8 live allocations,
@@ -161,6 +162,8 @@ public:
     void UpdateAll();
 
     uint32_t Count() const { return count_; }
+    // Requests created and not yet released.
+    uint32_t LiveCount() const { return live_; }
     // Whether request is one of the current array's records (taken or free):
     // a pointer from anywhere else, or into an array a later Initialize
     // replaced, is no request.
@@ -173,6 +176,7 @@ private:
     bool started_ = false;
     ::Request* requests_ = nullptr;
     uint32_t count_ = 0;
+    uint32_t live_ = 0;
     ::Request* free_ = nullptr;
     ::Request* active_ = nullptr;
 };

@@ -21,6 +21,7 @@ RequestManager& Requests() {
 void RequestManager::Startup() {
     requests_ = nullptr;
     count_ = 0;
+    live_ = 0;
     free_ = nullptr;
     active_ = nullptr;
     started_ = true;
@@ -41,6 +42,7 @@ void RequestManager::ReleaseArray() {
     if (requests_) zkFree(requests_);
     requests_ = nullptr;
     count_ = 0;
+    live_ = 0;
     free_ = nullptr;
     active_ = nullptr;
 }
@@ -96,6 +98,7 @@ bool RequestManager::Owns(const ::Request* r) const {
     r->next = active_;
     if (active_) active_->previous = r;
     active_ = r;
+    ++live_;
     return r;
 }
 
@@ -121,6 +124,7 @@ int32_t RequestManager::Release(::Request* r) {
     r->previous = nullptr;
     r->next = free_;
     free_ = r;
+    if (live_ > 0) --live_;
     return 0;
 }
 

@@ -1,6 +1,8 @@
 // The thread wrapper over the platform's threads.
 #include "thread/thread.h"
 
+#include "kernel/timeline.h"
+
 #include <zk/result.h>
 
 namespace zk {
@@ -19,6 +21,7 @@ uint32_t Thread::Entry(void* parameter) {
     os::CurrentThreadSlotSet(self);
     if (self->runnable_) self->runnable_->Run();
     os::CurrentThreadSlotSet(nullptr);
+    timeline::ThreadEnding();
     return 0;
 }
 

@@ -11,6 +11,7 @@
 // generation advances each time the record is given back. A handle of a
 // released record, or one kept from before the record was handed out again,
 // no longer matches and is refused like any handle the table never gave out.
+#include "kernel/timeline.h"
 #include "thread/record_table.h"
 #include "thread/thread.h"
 
@@ -19,7 +20,7 @@
 
 // One exported thread: a Runnable whose Run() calls procedure(argument).
 struct alignas(64) ThreadRecord final : zk::Runnable {
-    void Run() override { procedure(argument); }
+    void Run() override;
 
     zk::Thread thread;
     ThreadProc procedure = nullptr;
@@ -60,6 +61,15 @@ ThreadRecord* RecordOf(ThreadRecord* handle) {
 
 } // namespace
 } // namespace zk
+
+// An application thread is named in a timeline by its record's number.
+void ThreadRecord::Run() {
+    if (zk::timeline::On()) {
+        const auto number = static_cast<int32_t>(this - &zk::Threads()[0]);
+        zk::timeline::NameThread("thread", number);
+    }
+    procedure(argument);
+}
 
 extern "C" ZK_API ThreadRecord* ZK_CALL zkCreateThread(uint32_t stackSize) {
     ThreadRecord* record = zk::Threads().Take();

@@ -12,6 +12,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 
 namespace zk::os::posix {
@@ -81,6 +82,16 @@ uint32_t BuildCommandLine(int argc, const char* const* argv, char* out, uint32_t
 } // namespace zk::os::posix
 
 namespace zk::os {
+
+bool EnvironmentVariable(const char* name, char* out, uint32_t size) {
+    if (!name || !out || size == 0) return false;
+    out[0] = '\0';
+    const char* value = std::getenv(name);
+    const size_t length = value ? std::strlen(value) : 0;
+    if (length == 0 || length >= size) return false;
+    std::memcpy(out, value, length + 1);
+    return true;
+}
 
 const char* CommandLine() {
     pthread_once(&posix::gCommandLineOnce, posix::ReadCommandLine);

@@ -35,6 +35,17 @@ const char* CommandLine() {
     return GetCommandLineA();
 }
 
+bool EnvironmentVariable(const char* name, char* out, uint32_t size) {
+    if (!name || !out || size == 0) return false;
+    out[0] = '\0';
+    const DWORD length = GetEnvironmentVariableA(name, out, size);
+    if (length == 0 || length >= size) {
+        out[0] = '\0';
+        return false;
+    }
+    return true;
+}
+
 bool SetCurrentDirectory(const char* path) {
     return path && SetCurrentDirectoryA(path) != 0;
 }

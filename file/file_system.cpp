@@ -240,8 +240,14 @@ extern "C" ZK_API FileHandle* ZK_CALL zkOpenFile(const char* path, uint32_t open
 
 extern "C" ZK_API void ZK_CALL zkCloseFile(FileHandle* file) {
     if (!file || !Files().Owns(file) || !file->owner) return;
+    // The handle goes back before the slice ends and may be taken by another
+    // thread at once: the slice keeps a copy of its path.
+    char path[zk::kMaxPath];
     zk::timeline::Scope scope("file", "zkCloseFile");
-    scope.SetText("path", file->fullPath);
+    if (scope.Active()) {
+        std::memcpy(path, file->fullPath, sizeof(path));
+        scope.SetText("path", path);
+    }
     Files().Close(file);
 }
 

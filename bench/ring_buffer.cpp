@@ -1,11 +1,11 @@
 // Ring buffer throughput: a producer thread and a consumer thread pass a stream
 // of checked bytes through a 64 KiB ring in chunks of 64 B, 1 KiB and 16 KiB.
 //
-// Peers measured in the same run, with the same loop on each side (wait until
-// a whole chunk fits [is there], copy the chunk in [compare it out], commit):
-// the JACK ring buffer (jack_ringbuffer_*, when ZK_BENCH_JACK is defined) and
-// boost's lock-free spsc_queue<char> (when ZK_BENCH_BOOST is defined). Each
-// figure is GB/s; the ratios are the library's over each peer's.
+// Peers measured in the same run, in interleaved rounds, with the same loop on each side (wait
+// until a whole chunk fits [is there], copy the chunk in [compare it out], commit): the JACK ring
+// buffer (jack_ringbuffer_*, when ZK_BENCH_JACK is defined) and boost's lock-free spsc_queue<char>
+// (when ZK_BENCH_BOOST is defined). Each figure is GB/s; the ratios are the library's over each
+// peer's.
 #include <zk.h>
 
 #if defined(ZK_BENCH_JACK)
@@ -15,6 +15,7 @@
 #include <boost/lockfree/spsc_queue.hpp>
 #endif
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -152,6 +153,13 @@ template <typename Ring> double Run(Ring& ring, uint32_t n, uint64_t* mismatches
     return static_cast<double>(kTotal) / 1e9 / seconds;
 }
 
+// The middle figure (0 when there are none).
+double Median(std::vector<double> figures) {
+    if (figures.empty()) return 0;
+    std::sort(figures.begin(), figures.end());
+    return figures[figures.size() / 2];
+}
+
 } // namespace
 
 int main() {
@@ -173,20 +181,40 @@ int main() {
     static BoostRing boost{&queue, {}};
 #endif
 
+    // Each chunk size is measured in kRounds rounds; every round runs each ring
+    // once, starting with a different ring each time, so that a burst of load
+    // from elsewhere on the machine falls on all of them alike. The figures are
+    // the medians over the rounds, and the ratios are those of the medians.
+    constexpr int kRounds = 5;
     uint64_t mismatches = 0;
-    std::printf("%llu MiB per run through a %u-byte ring, GB/s\n",
-                static_cast<unsigned long long>(kTotal >> 20), kRingSize);
+    std::printf("%llu MiB per run through a %u-byte ring, median of %d rounds, GB/s\n",
+                static_cast<unsigned long long>(kTotal >> 20), kRingSize, kRounds);
     std::printf("%8s %9s %9s %9s %11s %11s\n", "chunk", "library", "jack", "boost", "lib/jack",
                 "lib/boost");
     for (uint32_t n : {64u, 1024u, 16384u}) {
-        double lib = Run(library, n, &mismatches);
-        double j = 0, b = 0;
+        std::vector<double> figures[3];
+        for (int round = 0; round < kRounds; ++round) {
+            for (int k = 0; k < 3; ++k) {
+                switch ((round + k) % 3) {
+                case 0:
+                    figures[0].push_back(Run(library, n, &mismatches));
+                    break;
 #if defined(ZK_BENCH_JACK)
-        j = Run(jack, n, &mismatches);
+                case 1:
+                    figures[1].push_back(Run(jack, n, &mismatches));
+                    break;
 #endif
 #if defined(ZK_BENCH_BOOST)
-        b = Run(boost, n, &mismatches);
+                case 2:
+                    figures[2].push_back(Run(boost, n, &mismatches));
+                    break;
 #endif
+                default:
+                    break;
+                }
+            }
+        }
+        double lib = Median(figures[0]), j = Median(figures[1]), b = Median(figures[2]);
         std::printf("%8u %9.2f %9.2f %9.2f %11.2f %11.2f\n", n, lib, j, b, j > 0 ? lib / j : 0.0,
                     b > 0 ? lib / b : 0.0);
     }

@@ -3,18 +3,26 @@
 //
 // Locks and threads: only the consumer moves the read offset and only the
 // producer moves the write offset, so each offset is its own side's private
-// state. The data size is the one field both sides change; it changes only
-// while holding the guard, a binary semaphore whose uncontended take and give
-// are one atomic step each. A lock reads the data size without the guard (an
-// acquire load: any value it sees was complete, and the region it reports is
-// one the other side will not touch until the matching unlock). The producer
-// fills its region before it stores the larger data size with release order,
-// and the consumer's acquire load of that size orders its reads after; the
-// same holds the other way round for space handed back by the consumer.
-// The fields each side writes sit on cache lines of their own, so the two
-// sides meet only on the data size and the guard.
-// base, size, the guard and the in-use flag are set by create and release,
-// which the application calls while neither side is working.
+// state. The data size is the one field both sides change, and each change is
+// one atomic read-modify-write (an add for the producer, a subtract for the
+// consumer): the step the guard semaphore would make indivisible already is,
+// so the hot path takes no semaphore. The guard is still created with the
+// ring buffer and released with it, and holds its semaphore record meanwhile.
+// A lock or a data-size query reads the data size with one acquire load; the
+// value is always one that some commit left behind, the same value a read
+// between the guard's take and give would return.
+//
+// Ordering: the producer fills its region before its add (release), and the
+// consumer's acquire load of the larger size orders its reads after; the
+// consumer finishes reading before its subtract (release), and the producer's
+// acquire load orders its writes into the freed space after that.
+//
+// Cache lines: base, size and the in-use flag are written only by create and
+// release, which the application calls while neither side is working, so
+// both sides keep them cached. The data size has a line of its own, and so
+// has each side's offset together with the count of bytes that side knows it
+// may commit; that count is what lets an unlock check its count without
+// reading the shared line again. The two sides meet only on the data size.
 #include <zk/ringbuffer.h>
 #include <zk/semaphore.h>
 
@@ -27,43 +35,48 @@ struct RingBuffer {
     void Release();
     uint32_t DataSize() const { return dataSize.load(std::memory_order_acquire); }
     uint32_t LockForRead(void** first, uint32_t* firstSize, void** second, uint32_t* secondSize) {
-        return HandOut(readOffset, DataSize(), first, firstSize, second, secondSize);
+        readable = DataSize();
+        return HandOut(readOffset, readable, first, firstSize, second, secondSize);
     }
     uint32_t LockForWrite(void** first, uint32_t* firstSize, void** second, uint32_t* secondSize) {
-        return HandOut(writeOffset, size - DataSize(), first, firstSize, second, secondSize);
+        writable = size - DataSize();
+        return HandOut(writeOffset, writable, first, firstSize, second, secondSize);
     }
     // A count above the bytes now readable [free] is refused: nothing moves.
+    // The data size only grows behind the consumer's back (and only shrinks
+    // behind the producer's), so a count within what this side last saw, less
+    // what it has committed since, always fits.
     void UnlockForRead(uint32_t count) {
-        if (Commit(count, false)) readOffset = Advance(readOffset, count);
+        if (count > readable && count > (readable = DataSize())) return;
+        readable -= count;
+        readOffset = Advance(readOffset, count);
+        dataSize.fetch_sub(count, std::memory_order_release);
     }
     void UnlockForWrite(uint32_t count) {
-        if (Commit(count, true)) writeOffset = Advance(writeOffset, count);
+        if (count > writable && count > (writable = size - DataSize())) return;
+        writable -= count;
+        writeOffset = Advance(writeOffset, count);
+        dataSize.fetch_add(count, std::memory_order_release);
     }
 
     uint32_t inUse = 0;
     zkAddr base = 0;
     uint32_t size = 0;
-    SemaphoreRecord* guard = nullptr;
-    alignas(64) std::atomic<uint32_t> dataSize{0}; // changed under the guard
+    alignas(64) std::atomic<uint32_t> dataSize{0}; // both sides; one atomic step per change
     alignas(64) uint32_t readOffset = 0;           // consumer's
+    uint32_t readable = 0;                         // consumer's: at most the data size
     alignas(64) uint32_t writeOffset = 0;          // producer's
+    uint32_t writable = 0;                         // producer's: at most size - data size
+    alignas(64) SemaphoreRecord* guard = nullptr;
 
 private:
     uint32_t HandOut(uint32_t offset, uint32_t amount, void** first, uint32_t* firstSize,
                      void** second, uint32_t* secondSize) const;
+    // offset + count, less size once when that reaches the end (no overflow
+    // for buffers above 2 GiB).
     uint32_t Advance(uint32_t offset, uint32_t count) const {
-        uint32_t next = offset + count;
-        return next >= size ? next - size : next;
-    }
-    // Under the guard: adds (produced) or takes away count bytes when they are
-    // there to take; false, and nothing changed, otherwise.
-    bool Commit(uint32_t count, bool produced) {
-        zkWaitSemaphore(guard);
-        uint32_t now = dataSize.load(std::memory_order_relaxed);
-        bool fits = count <= (produced ? size - now : now);
-        if (fits) dataSize.store(produced ? now + count : now - count, std::memory_order_release);
-        zkSignalSemaphore(guard);
-        return fits;
+        uint32_t toEnd = size - offset;
+        return count >= toEnd ? count - toEnd : offset + count;
     }
 };
 
@@ -83,8 +96,8 @@ bool RingBuffer::Create(void* buffer, uint32_t bufferSize) {
     base = reinterpret_cast<zkAddr>(buffer);
     size = bufferSize;
     dataSize.store(0, std::memory_order_relaxed);
-    readOffset = 0;
-    writeOffset = 0;
+    readOffset = readable = 0;
+    writeOffset = writable = 0;
     guard = zkCreateSemaphore(1, 1);
     if (!guard) {
         Release();
@@ -97,8 +110,8 @@ void RingBuffer::Release() {
     base = 0;
     size = 0;
     dataSize.store(0, std::memory_order_relaxed);
-    readOffset = 0;
-    writeOffset = 0;
+    readOffset = readable = 0;
+    writeOffset = writable = 0;
     zkReleaseSemaphore(guard);
     guard = nullptr;
     inUse = 0;

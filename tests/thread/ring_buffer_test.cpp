@@ -45,6 +45,15 @@ TEST_F(RingBufferTest, RegionsWrapAndUnlocksBeyondTheRegionAreRefused) {
         {kLockRead, 16, 10, 6, 0, 10},
         {kUnlockRead, 16},
         {kLockWrite, 16, 10, 6, 0, 10},
+        // Unlocks with no lock before them: counts within what is there are
+        // taken, however long ago the other side's last lock was.
+        {kUnlockWrite, 3},
+        {kUnlockWrite, 5},
+        {kUnlockRead, 8},
+        {kUnlockRead, 1}, // refused: empty
+        {kUnlockWrite, 16},
+        {kUnlockWrite, 1}, // refused: full
+        {kLockRead, 16, 2, 14, 0, 2},
     };
     for (const auto& step : steps) {
         void *first = storage_, *second = storage_;
@@ -88,10 +97,76 @@ TEST_F(RingBufferTest, OneAtATimeAndNoneWithoutAGuard) {
     zkReleaseSemaphore(taken.back()), taken.pop_back();
     RingBuffer* again = zkCreateRingBuffer(other, sizeof(other)); // it stayed free
     EXPECT_EQ(zkGetRingBufferAddress(again), other);
+    EXPECT_EQ(zkCreateSemaphore(0, 1), nullptr) << "the guard holds the last record";
     zkReleaseRingBuffer(again);
+    taken.push_back(zkCreateSemaphore(0, 1));
+    EXPECT_NE(taken.back(), nullptr) << "and gives it back";
     for (SemaphoreRecord* s : taken)
         zkReleaseSemaphore(s);
     ring_ = zkCreateRingBuffer(storage_, 16);
+}
+
+// From every start offset of a 13-byte ring, every count from 1 to 13 is
+// written through the pieces one lock hands out and read back through the
+// pieces of the next: each piece starts and ends where the offsets say, and
+// the bytes come back in order.
+TEST(RingBufferWrap, EveryOffsetAndCountRoundTrips) {
+    constexpr uint32_t kSize = 13;
+    unsigned char storage[kSize];
+    RingBuffer* ring = zkCreateRingBuffer(storage, kSize);
+    ASSERT_NE(ring, nullptr);
+    unsigned char serial = 0;
+    for (uint32_t start = 0; start < kSize; ++start) {
+        for (uint32_t count = 1; count <= kSize; ++count) {
+            SCOPED_TRACE(::testing::Message() << "start " << start << ", count " << count);
+            // A new ring buffer starts at offset 0; move both offsets to start.
+            zkReleaseRingBuffer(ring);
+            ASSERT_EQ(zkCreateRingBuffer(storage, kSize), ring);
+            zkUnlockRingBufferForWrite(ring, start), zkUnlockRingBufferForRead(ring, start);
+            ASSERT_EQ(zkGetRingBufferDataSize(ring), 0u);
+
+            void* piece[2];
+            uint32_t length[2];
+            ASSERT_EQ(zkLockRingBufferForWrite(ring, &piece[0], &length[0], &piece[1], &length[1]),
+                      kSize);
+            EXPECT_EQ(piece[0], storage + start);
+            EXPECT_EQ(length[0], kSize - start);
+            EXPECT_EQ(piece[1], start ? storage : nullptr);
+            EXPECT_EQ(length[1], start);
+            const unsigned char first = serial;
+            for (uint32_t k = 0; k < count; ++k, ++serial) {
+                const bool wrapped = k >= length[0];
+                static_cast<unsigned char*>(piece[wrapped])[wrapped ? k - length[0] : k] = serial;
+            }
+            zkUnlockRingBufferForWrite(ring, count);
+            EXPECT_EQ(zkGetRingBufferDataSize(ring), count);
+
+            const uint32_t head = std::min(count, kSize - start);
+            ASSERT_EQ(zkLockRingBufferForRead(ring, &piece[0], &length[0], &piece[1], &length[1]),
+                      count);
+            EXPECT_EQ(piece[0], storage + start);
+            EXPECT_EQ(length[0], head);
+            EXPECT_EQ(piece[1], head < count ? storage : nullptr);
+            EXPECT_EQ(length[1], count - head);
+            for (uint32_t k = 0; k < count; ++k) {
+                const bool wrapped = k >= length[0];
+                ASSERT_EQ(static_cast<unsigned char*>(piece[wrapped])[wrapped ? k - length[0] : k],
+                          static_cast<unsigned char>(first + k))
+                    << "byte " << k;
+            }
+            const uint32_t end = (start + count) % kSize;
+            ASSERT_EQ(zkLockRingBufferForWrite(ring, &piece[0], &length[0], &piece[1], &length[1]),
+                      kSize - count);
+            if (count < kSize) {
+                EXPECT_EQ(piece[0], storage + end);
+            }
+            zkUnlockRingBufferForRead(ring, count);
+            EXPECT_EQ(zkGetRingBufferDataSize(ring), 0u);
+        }
+    }
+    zkReleaseRingBuffer(ring);
+    EXPECT_EQ(zkLockRingBufferForWrite(ring, nullptr, nullptr, nullptr, nullptr), 0u)
+        << "a released ring has no room";
 }
 
 // ---- one producer thread, one consumer thread ----------------------------------
@@ -135,6 +210,11 @@ TEST(RingBufferStress, PrimeSizedBuffersMoveEveryByteInOrder) {
         ThreadRecord *producer = zkCreateThread(0), *consumer = zkCreateThread(0);
         ASSERT_EQ(zkStartThread(consumer, Walk<false>, &t), 0);
         ASSERT_EQ(zkStartThread(producer, Walk<true>, &t), 0);
+        // Meanwhile, the data size seen from a third thread never leaves 0..size.
+        uint32_t largest = 0;
+        for (int k = 0; k < 20000; ++k)
+            largest = std::max(largest, zkGetRingBufferDataSize(t.ring));
+        EXPECT_LE(largest, size);
         EXPECT_EQ(zkReleaseThread(producer) + zkReleaseThread(consumer), 0);
         EXPECT_EQ(t.received, total);
         EXPECT_EQ(t.mismatches, 0u) << "buffer of " << size << " bytes";

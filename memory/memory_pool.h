@@ -3,7 +3,7 @@
 //
 // What it owns: the descriptor table handed out by a DescriptorStore (the
 // descriptors and the address index), the roots of the 32 gap classes and of
-// the address tree, and the pool's critical section. It never reads or writes the
+// the address tree, and the pool's lock. It never reads or writes the
 // bytes of the range it manages, and never allocates: a pool can describe any
 // span of addresses, mapped or not.
 //
@@ -45,8 +45,9 @@
 //     holds the key (the address's low 32 bits) beside the descriptor's
 //     number, so probing never reads a descriptor.
 //
-// Locks: the pool's critical section guards Carve, Absorb, FindByAddress and
-// Snapshot; each exported call takes it once (zkFree finds and frees under
+// Locks: the pool's lock (a LightLock: user-space when uncontended, never
+// re-entered, since no engine step calls out) guards Carve, Absorb,
+// FindByAddress and Snapshot; each exported call takes it once (zkFree finds and frees under
 // one hold unless a free hook must run in between). Lock counts change under
 // the LibraryLock instead. Hooks run
 // outside both. Checkpoints, queries and walks take no lock: callers must not
@@ -236,7 +237,7 @@ private:
     uint32_t blockCount_ = 0;
     uint32_t descriptorCount_ = 0;
     uint32_t gapCount_ = 0;
-    zk::CriticalSection lock_;
+    zk::LightLock lock_;
     uint32_t mode_ = 0;
     uint32_t allocationCounter_ = 0;
     uint32_t breakNumber_ = 0;

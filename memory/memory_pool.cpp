@@ -102,8 +102,10 @@ uint64_t IndexSlots(uint32_t descriptorCount) {
 
 uint64_t MemoryPool::TableDescriptors(uint32_t descriptorCount) {
     const uint64_t indexBytes = IndexSlots(descriptorCount) * sizeof(zk::AddressSlot);
-    const uint64_t nodeBytes =
-        uint64_t{descriptorCount} * (sizeof(zk::AddressNode) + sizeof(zk::GapNode));
+    // One address node more than descriptors: the sentinel that stands for
+    // "no node" in the address tree.
+    const uint64_t nodeBytes = uint64_t{descriptorCount} * sizeof(zk::GapNode) +
+                               (uint64_t{descriptorCount} + 1) * sizeof(zk::AddressNode);
     return descriptorCount +
            (indexBytes + nodeBytes + sizeof(MemoryBlock) - 1) / sizeof(MemoryBlock);
 }
@@ -144,7 +146,7 @@ int32_t MemoryPool::Initialize(zkAddr base, uint32_t size, uint32_t descriptorCo
     indexMask_ = static_cast<uint32_t>(slots - 1);
     indexShift_ = 32 - static_cast<uint32_t>(std::countr_zero(slots));
     addressNodes_ = reinterpret_cast<zk::AddressNode*>(index_ + slots);
-    gapNodes_ = reinterpret_cast<zk::GapNode*>(addressNodes_ + descriptorCount);
+    gapNodes_ = reinterpret_cast<zk::GapNode*>(addressNodes_ + descriptorCount + 1);
     for (uint32_t i = 0; i < descriptorCount; ++i)
         gapNodes_[i].parent = i + 1 < descriptorCount ? i + 1 : zk::kNoNode;
     freeGapNodes_ = 0;
@@ -353,34 +355,34 @@ MemoryBlock* MemoryPool::BestFit(uint32_t taken, uint32_t alignment, zkAddr* pla
 // ---- address tree ---------------------------------------------------------------
 
 uint32_t MemoryPool::LargestOf(uint32_t node) const {
-    const zk::AddressNode& n = addressNodes_[node];
-    uint32_t largest = descriptors_[node].gapAfter;
-    if (n.left != zk::kNoNode && addressNodes_[n.left].largestGapBelow > largest)
-        largest = addressNodes_[n.left].largestGapBelow;
-    if (n.right != zk::kNoNode && addressNodes_[n.right].largestGapBelow > largest)
-        largest = addressNodes_[n.right].largestGapBelow;
-    return largest;
+    const zk::AddressNode* t = addressNodes_;
+    const uint32_t left = t[t[node].left].largestGapBelow;
+    const uint32_t right = t[t[node].right].largestGapBelow;
+    const uint32_t below = left > right ? left : right;
+    const uint32_t own = descriptors_[node].gapAfter;
+    return own > below ? own : below;
 }
 
 // Rotates x above its parent; both get their largest gap again from their
 // children. The pair covers the same blocks as before, so nothing above
 // changes.
 void MemoryPool::AddressRotateUp(uint32_t x) {
+    const uint32_t nil = AddressNil();
     zk::AddressNode* t = addressNodes_;
     const uint32_t p = t[x].parent;
     const uint32_t g = t[p].parent;
     if (t[p].left == x) {
         t[p].left = t[x].right;
-        if (t[x].right != zk::kNoNode) t[t[x].right].parent = p;
+        t[t[x].right].parent = p; // the sentinel's parent is never read
         t[x].right = p;
     } else {
         t[p].right = t[x].left;
-        if (t[x].left != zk::kNoNode) t[t[x].left].parent = p;
+        t[t[x].left].parent = p;
         t[x].left = p;
     }
     t[p].parent = x;
     t[x].parent = g;
-    if (g == zk::kNoNode)
+    if (g == nil)
         addressRoot_ = x;
     else if (t[g].left == p)
         t[g].left = x;
@@ -393,7 +395,8 @@ void MemoryPool::AddressRotateUp(uint32_t x) {
 // After one node's gap or children changed: recomputes it and its ancestors
 // up to the first whose largest gap stays the same.
 void MemoryPool::AddressRefresh(uint32_t from) {
-    for (uint32_t b = from; b != zk::kNoNode; b = addressNodes_[b].parent) {
+    const uint32_t nil = AddressNil();
+    for (uint32_t b = from; b != nil; b = addressNodes_[b].parent) {
         const uint32_t largest = LargestOf(b);
         if (largest == addressNodes_[b].largestGapBelow) return;
         addressNodes_[b].largestGapBelow = largest;
@@ -402,15 +405,17 @@ void MemoryPool::AddressRefresh(uint32_t from) {
 
 // Places block right after owner in the in-order sequence: as owner's right
 // child, or as the left child of owner's successor (the leftmost node of
-// owner's right subtree, which has none).
+// owner's right subtree, which has none). Owner's gap may have changed since
+// the tree last saw it; the largest gaps are brought up to date for both.
 void MemoryPool::AddressInsertAfter(MemoryBlock* owner, MemoryBlock* ownerNext,
                                     MemoryBlock* block) {
+    const uint32_t nil = AddressNil();
     zk::AddressNode* t = addressNodes_;
     const uint32_t o = Number(owner);
     const uint32_t k = Number(block);
-    t[k].left = t[k].right = zk::kNoNode;
+    t[k].left = t[k].right = nil;
     t[k].largestGapBelow = block->gapAfter;
-    if (t[o].right == zk::kNoNode) {
+    if (t[o].right == nil) {
         t[o].right = k;
         t[k].parent = o;
     } else {
@@ -418,27 +423,37 @@ void MemoryPool::AddressInsertAfter(MemoryBlock* owner, MemoryBlock* ownerNext,
         t[s].left = k;
         t[k].parent = s;
     }
-    AddressRefresh(t[k].parent);
+    // Owner's gap has changed too, and owner is the new node's parent or an
+    // ancestor of it: one pass up from the new node refreshes both, going on
+    // at least up to owner and then up to the first node that stays the same.
+    bool belowOwner = true;
+    for (uint32_t b = t[k].parent; b != nil; b = t[b].parent) {
+        const uint32_t largest = LargestOf(b);
+        if (largest == t[b].largestGapBelow && (!belowOwner || b == o)) break;
+        t[b].largestGapBelow = largest;
+        if (b == o) belowOwner = false;
+    }
     const uint32_t priority = Priority(k);
-    while (t[k].parent != zk::kNoNode && priority > Priority(t[k].parent))
+    while (t[k].parent != nil && priority > Priority(t[k].parent))
         AddressRotateUp(k);
 }
 
 void MemoryPool::AddressRemove(MemoryBlock* block) {
+    const uint32_t nil = AddressNil();
     zk::AddressNode* t = addressNodes_;
     const uint32_t k = Number(block);
-    while (t[k].left != zk::kNoNode && t[k].right != zk::kNoNode)
+    while (t[k].left != nil && t[k].right != nil)
         AddressRotateUp(Priority(t[k].left) > Priority(t[k].right) ? t[k].left : t[k].right);
-    const uint32_t child = t[k].left != zk::kNoNode ? t[k].left : t[k].right;
+    const uint32_t child = t[k].left != nil ? t[k].left : t[k].right;
     const uint32_t parent = t[k].parent;
-    if (child != zk::kNoNode) t[child].parent = parent;
-    if (parent == zk::kNoNode)
+    if (child != nil) t[child].parent = parent;
+    if (parent == nil)
         addressRoot_ = child;
     else if (t[parent].left == k)
         t[parent].left = child;
     else
         t[parent].right = child;
-    t[k].left = t[k].right = t[k].parent = zk::kNoNode;
+    t[k].left = t[k].right = t[k].parent = nil;
     AddressRefresh(parent);
 }
 
@@ -447,25 +462,27 @@ void MemoryPool::AddressRemove(MemoryBlock* block) {
 // nodes of lower priority it displaces (whose subtrees are then complete, so
 // their largest gaps are settled as they leave the spine).
 void MemoryPool::AddressBuild() {
+    const uint32_t nil = AddressNil();
     zk::AddressNode* t = addressNodes_;
-    uint32_t spine = zk::kNoNode; // the lowest node of the right spine
+    t[nil] = {nil, nil, nil, 0};
+    uint32_t spine = nil; // the lowest node of the right spine
     for (const MemoryBlock* b = descriptors_; b; b = b->next) {
         const uint32_t k = Number(b);
         const uint32_t priority = Priority(k);
-        uint32_t displaced = zk::kNoNode;
-        while (spine != zk::kNoNode && Priority(spine) < priority) {
+        uint32_t displaced = nil;
+        while (spine != nil && Priority(spine) < priority) {
             t[spine].largestGapBelow = LargestOf(spine);
             displaced = spine;
             spine = t[spine].parent;
         }
         t[k].left = displaced;
-        t[k].right = zk::kNoNode;
-        if (displaced != zk::kNoNode) t[displaced].parent = k;
+        t[k].right = nil;
+        if (displaced != nil) t[displaced].parent = k;
         t[k].parent = spine;
-        if (spine != zk::kNoNode) t[spine].right = k;
+        if (spine != nil) t[spine].right = k;
         spine = k;
     }
-    for (uint32_t b = spine; b != zk::kNoNode; b = t[b].parent) {
+    for (uint32_t b = spine; b != nil; b = t[b].parent) {
         t[b].largestGapBelow = LargestOf(b);
         addressRoot_ = b;
     }
@@ -474,9 +491,10 @@ void MemoryPool::AddressBuild() {
 // The first block in address order whose gap holds the block: an in-order
 // walk that enters only subtrees whose largest gap is at least taken.
 MemoryBlock* MemoryPool::LowestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const {
+    const uint32_t nil = AddressNil();
     const zk::AddressNode* t = addressNodes_;
     uint32_t b = addressRoot_;
-    if (b == zk::kNoNode || t[b].largestGapBelow < taken) return nullptr;
+    if (t[b].largestGapBelow < taken) return nullptr;
     for (;;) {
         if (LargestBelow(t[b].left) >= taken) {
             b = t[b].left;
@@ -491,11 +509,11 @@ MemoryBlock* MemoryPool::LowestFit(uint32_t taken, uint32_t alignment, zkAddr* p
             }
             uint32_t from = b; // climb to the first ancestor entered from its left
             b = t[b].parent;
-            while (b != zk::kNoNode && t[b].right == from) {
+            while (b != nil && t[b].right == from) {
                 from = b;
                 b = t[b].parent;
             }
-            if (b == zk::kNoNode) return nullptr;
+            if (b == nil) return nullptr;
         }
     }
 }
@@ -503,9 +521,10 @@ MemoryBlock* MemoryPool::LowestFit(uint32_t taken, uint32_t alignment, zkAddr* p
 // The mirror image: the last block in address order whose gap holds the
 // block, placed as high in the gap as the alignment allows.
 MemoryBlock* MemoryPool::HighestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const {
+    const uint32_t nil = AddressNil();
     const zk::AddressNode* t = addressNodes_;
     uint32_t b = addressRoot_;
-    if (b == zk::kNoNode || t[b].largestGapBelow < taken) return nullptr;
+    if (t[b].largestGapBelow < taken) return nullptr;
     for (;;) {
         if (LargestBelow(t[b].right) >= taken) {
             b = t[b].right;
@@ -520,11 +539,11 @@ MemoryBlock* MemoryPool::HighestFit(uint32_t taken, uint32_t alignment, zkAddr* 
             }
             uint32_t from = b;
             b = t[b].parent;
-            while (b != zk::kNoNode && t[b].left == from) {
+            while (b != nil && t[b].left == from) {
                 from = b;
                 b = t[b].parent;
             }
-            if (b == zk::kNoNode) return nullptr;
+            if (b == nil) return nullptr;
         }
     }
 }
@@ -631,8 +650,7 @@ MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags
     owner->gapAfter = static_cast<uint32_t>(placement - gapStart);
     if (owner->gapAfter) BucketInsert(owner);
     if (addressRoot_ != zk::kNoNode) {
-        AddressRefresh(Number(owner));
-        AddressInsertAfter(owner, owner->next, block);
+        AddressInsertAfter(owner, owner->next, block); // refreshes owner too
     }
     if (owner->next)
         owner->next->previous = block;

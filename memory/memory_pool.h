@@ -39,7 +39,7 @@
 //     in-order sequence is the block list, each node holding the largest gap
 //     of its subtree; its nodes form a table of their own beside the
 //     descriptors (node i for descriptor i, 16 bytes each, links as
-//     descriptor numbers), which keeps the walks over it in cache. The
+//     descriptor numbers, a sentinel for none), which keeps the walks over it in cache. The
 //     lowest- and highest-address searches descend into subtrees whose
 //     largest gap can hold the request and skip the rest. Best fit never
 //     needs it, so it is built (in one pass over the list) by the pool's
@@ -118,7 +118,8 @@ struct AddressSlot {
 
 // One node of the address tree, kept apart from the descriptors so that
 // the tree's descents and rotations run over a small, dense array. Node i
-// belongs to descriptor i; links are descriptor numbers, kNoNode for none.
+// belongs to descriptor i; links are descriptor numbers, and a sentinel node
+// (largest gap 0) after the last descriptor's stands for none.
 struct AddressNode {
     uint32_t left, right, parent;
     uint32_t largestGapBelow; // largest gapAfter in this node's subtree
@@ -237,9 +238,10 @@ private:
     uint32_t Number(const MemoryBlock* block) const {
         return static_cast<uint32_t>(block - descriptors_);
     }
-    uint32_t LargestBelow(uint32_t node) const {
-        return node == zk::kNoNode ? 0 : addressNodes_[node].largestGapBelow;
-    }
+    // The address tree's sentinel: the node after the last descriptor's,
+    // with no gap, standing for "no node" in every link.
+    uint32_t AddressNil() const { return descriptorCount_; }
+    uint32_t LargestBelow(uint32_t node) const { return addressNodes_[node].largestGapBelow; }
     uint32_t LargestOf(uint32_t node) const;
     void AddressInsertAfter(MemoryBlock* owner, MemoryBlock* ownerNext, MemoryBlock* block);
     void AddressRemove(MemoryBlock* block);

@@ -51,12 +51,26 @@ Workload Make(const char* name, uint32_t smallest, uint32_t largest, uint32_t li
     return w;
 }
 
+// With mimalloc linked in, its malloc and free take the place of the C
+// runtime's for the whole process; glibc's own entry points keep the C
+// runtime's column what its name says.
+#if defined(ZK_BENCH_MIMALLOC) && defined(__GLIBC__)
+extern "C" void* __libc_malloc(size_t size);
+extern "C" void __libc_free(void* p);
+void* CAllocate(size_t size) {
+    return __libc_malloc(size);
+}
+void CRelease(void* p) {
+    __libc_free(p);
+}
+#else
 void* CAllocate(size_t size) {
     return std::malloc(size);
 }
 void CRelease(void* p) {
     std::free(p);
 }
+#endif
 void* ZkAllocate(size_t size) {
     return zkMalloc(static_cast<uint32_t>(size));
 }

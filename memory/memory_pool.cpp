@@ -51,6 +51,15 @@ bool FitsFromTop(zkAddr gapStart, uint32_t gap, uint32_t taken, uint32_t alignme
     return true;
 }
 
+// A hint that b's first bytes will be written soon.
+inline void Prefetch(const MemoryBlock* b) {
+#if defined(__GNUC__) || defined(__clang__)
+    __builtin_prefetch(b, 1);
+#else
+    (void)b;
+#endif
+}
+
 zkAddr GapStart(const MemoryBlock* b) {
     return b->address + b->size;
 }
@@ -63,31 +72,21 @@ void ClearDescriptor(MemoryBlock* b) {
     b->requestedSize = 0;
     b->size = 0;
     b->gapAfter = 0;
-    b->gapLeft = b->gapRight = b->gapParent = b->gapNewer = b->gapOlder = nullptr;
-    b->addressLeft = b->addressRight = b->addressParent = nullptr;
-    b->largestGapBelow = 0;
+    b->gapNewer = b->gapOlder = b->gapNode = zk::kNoNode;
     b->checkpoints = 0;
     b->allocationNumber = 0;
 }
 
-// Treap priority of a descriptor: a hash of its address, so that the trees'
-// shapes do not follow the order of allocation.
-uint32_t Priority(const MemoryBlock* b) {
-    return static_cast<uint32_t>(
-        (static_cast<uint64_t>(reinterpret_cast<uintptr_t>(b)) * 0x9E3779B97F4A7C15ull) >> 32);
-}
-
-uint32_t LargestBelow(const MemoryBlock* b) {
-    return b ? b->largestGapBelow : 0;
-}
-
-uint32_t LargestOf(const MemoryBlock* b) {
-    uint32_t largest = b->gapAfter;
-    if (b->addressLeft && b->addressLeft->largestGapBelow > largest)
-        largest = b->addressLeft->largestGapBelow;
-    if (b->addressRight && b->addressRight->largestGapBelow > largest)
-        largest = b->addressRight->largestGapBelow;
-    return largest;
+// Treap priority of an address tree node: a hash of its descriptor's
+// number, so that the tree's shape does not follow the order of allocation.
+uint32_t Priority(uint32_t node) {
+    uint32_t x = node + 1;
+    x ^= x >> 16;
+    x *= 0x85EBCA6Bu;
+    x ^= x >> 13;
+    x *= 0xC2B2AE35u;
+    x ^= x >> 16;
+    return x;
 }
 
 // Address index slots: the smallest power of two of at least twice the
@@ -103,7 +102,12 @@ uint64_t IndexSlots(uint32_t descriptorCount) {
 
 uint64_t MemoryPool::TableDescriptors(uint32_t descriptorCount) {
     const uint64_t indexBytes = IndexSlots(descriptorCount) * sizeof(zk::AddressSlot);
-    return descriptorCount + (indexBytes + sizeof(MemoryBlock) - 1) / sizeof(MemoryBlock);
+    // One address node more than descriptors: the sentinel that stands for
+    // "no node" in the address tree.
+    const uint64_t nodeBytes = uint64_t{descriptorCount} * sizeof(zk::GapNode) +
+                               (uint64_t{descriptorCount} + 1) * sizeof(zk::AddressNode);
+    return descriptorCount +
+           (indexBytes + nodeBytes + sizeof(MemoryBlock) - 1) / sizeof(MemoryBlock);
 }
 
 uint64_t MemoryPool::TableBytes(uint32_t descriptorCount) {
@@ -141,8 +145,13 @@ int32_t MemoryPool::Initialize(zkAddr base, uint32_t size, uint32_t descriptorCo
     index_ = reinterpret_cast<zk::AddressSlot*>(table + descriptorCount);
     indexMask_ = static_cast<uint32_t>(slots - 1);
     indexShift_ = 32 - static_cast<uint32_t>(std::countr_zero(slots));
-    for (auto& head : buckets_)
-        head = nullptr;
+    addressNodes_ = reinterpret_cast<zk::AddressNode*>(index_ + slots);
+    gapNodes_ = reinterpret_cast<zk::GapNode*>(addressNodes_ + descriptorCount + 1);
+    for (uint32_t i = 0; i < descriptorCount; ++i)
+        gapNodes_[i].parent = i + 1 < descriptorCount ? i + 1 : zk::kNoNode;
+    freeGapNodes_ = 0;
+    for (auto& root : buckets_)
+        root = zk::kNoNode;
     nonEmptyClasses_ = 0;
 
     for (uint32_t i = 1; i < descriptorCount; ++i) {
@@ -156,7 +165,7 @@ int32_t MemoryPool::Initialize(zkAddr base, uint32_t size, uint32_t descriptorCo
     head->address = base;
     head->gapAfter = size;
     head->allocationNumber = 0;
-    addressRoot_ = nullptr;
+    addressRoot_ = zk::kNoNode;
     allocationCounter_ = 1;
     blockCount_ = 1;
     if (size != 0) BucketInsert(head);
@@ -172,10 +181,13 @@ void MemoryPool::Destroy(zk::DescriptorStore& store) {
     indexMask_ = 0;
     last_ = nullptr;
     freeDescriptors_ = nullptr;
-    for (auto& head : buckets_)
-        head = nullptr;
+    for (auto& root : buckets_)
+        root = zk::kNoNode;
     nonEmptyClasses_ = 0;
-    addressRoot_ = nullptr;
+    gapNodes_ = nullptr;
+    freeGapNodes_ = zk::kNoNode;
+    addressNodes_ = nullptr;
+    addressRoot_ = zk::kNoNode;
     base_ = 0;
     size_ = 0;
     used_ = 0;
@@ -189,154 +201,150 @@ void MemoryPool::Destroy(zk::DescriptorStore& store) {
 // ---- gap classes -------------------------------------------------------------
 
 // Treap priority of a gap size: a hash of the size, so that a class tree's
-// shape depends only on the sizes it holds, not on which block stands for
-// them.
+// shape depends only on the sizes it holds.
 uint32_t GapPriority(uint32_t gap) {
     return (gap * 0x9E3779B9u) ^ (gap >> 16);
 }
 
 // Rotates x above its parent in its gap class tree; the in-order sequence
 // stays as it was.
-void MemoryPool::GapRotateUp(MemoryBlock* x) {
-    MemoryBlock* p = x->gapParent;
-    MemoryBlock* g = p->gapParent;
-    if (p->gapLeft == x) {
-        p->gapLeft = x->gapRight;
-        if (x->gapRight) x->gapRight->gapParent = p;
-        x->gapRight = p;
+void MemoryPool::GapRotateUp(uint32_t x) {
+    zk::GapNode* t = gapNodes_;
+    const uint32_t p = t[x].parent;
+    const uint32_t g = t[p].parent;
+    if (t[p].left == x) {
+        t[p].left = t[x].right;
+        if (t[x].right != zk::kNoNode) t[t[x].right].parent = p;
+        t[x].right = p;
     } else {
-        p->gapRight = x->gapLeft;
-        if (x->gapLeft) x->gapLeft->gapParent = p;
-        x->gapLeft = p;
+        t[p].right = t[x].left;
+        if (t[x].left != zk::kNoNode) t[t[x].left].parent = p;
+        t[x].left = p;
     }
-    p->gapParent = x;
-    x->gapParent = g;
-    if (!g)
-        buckets_[SizeClass(x->gapAfter)] = x;
-    else if (g->gapLeft == p)
-        g->gapLeft = x;
+    t[p].parent = x;
+    t[x].parent = g;
+    if (g == zk::kNoNode)
+        buckets_[SizeClass(t[x].size)] = x;
+    else if (t[g].left == p)
+        t[g].left = x;
     else
-        g->gapRight = x;
-}
-
-// Puts to into from's place in its class tree (same gap size, so the same
-// place in the order and the same priority).
-void MemoryPool::GapReplace(MemoryBlock* from, MemoryBlock* to) {
-    to->gapLeft = from->gapLeft;
-    to->gapRight = from->gapRight;
-    to->gapParent = from->gapParent;
-    if (to->gapLeft) to->gapLeft->gapParent = to;
-    if (to->gapRight) to->gapRight->gapParent = to;
-    if (!to->gapParent)
-        buckets_[SizeClass(to->gapAfter)] = to;
-    else if (to->gapParent->gapLeft == from)
-        to->gapParent->gapLeft = to;
-    else
-        to->gapParent->gapRight = to;
-    from->gapLeft = from->gapRight = from->gapParent = nullptr;
+        t[g].right = x;
 }
 
 // Goes before the first entry whose gap is at least its own, so the newest
-// comes first among equal gaps: at the front of its size's list, taking the
-// size's place in the tree from the block that held it.
+// comes first among equal gaps: at the front of its size's list, or as the
+// one entry of a new size node.
 void MemoryPool::BucketInsert(MemoryBlock* block) {
+    zk::GapNode* t = gapNodes_;
     const uint32_t gap = block->gapAfter;
     const uint32_t c = SizeClass(gap);
-    block->gapNewer = block->gapOlder = nullptr;
-    block->gapLeft = block->gapRight = nullptr;
-    MemoryBlock* parent = nullptr;
-    MemoryBlock** link = &buckets_[c];
-    while (MemoryBlock* at = *link) {
-        if (at->gapAfter == gap) {
-            GapReplace(at, block);
-            block->gapOlder = at;
-            at->gapNewer = block;
-            nonEmptyClasses_ |= 1u << c;
-            ++gapCount_;
+    const uint32_t k = Number(block);
+    nonEmptyClasses_ |= 1u << c;
+    ++gapCount_;
+    block->gapNewer = zk::kNoNode;
+    uint32_t parent = zk::kNoNode;
+    uint32_t* link = &buckets_[c];
+    while (*link != zk::kNoNode) {
+        const uint32_t at = *link;
+        if (t[at].size == gap) {
+            const uint32_t front = t[at].newest;
+            descriptors_[front].gapNewer = k;
+            block->gapOlder = front;
+            block->gapNode = at;
+            t[at].newest = k;
             return;
         }
         parent = at;
-        link = gap < at->gapAfter ? &at->gapLeft : &at->gapRight;
+        link = gap < t[at].size ? &t[at].left : &t[at].right;
     }
-    block->gapParent = parent;
-    *link = block;
+    // A size not present yet: a node from the free list (never empty: each
+    // node in use stands for at least one of the pool's descriptors).
+    const uint32_t n = freeGapNodes_;
+    freeGapNodes_ = t[n].parent;
+    t[n] = {zk::kNoNode, zk::kNoNode, parent, gap, k};
+    *link = n;
+    block->gapOlder = zk::kNoNode;
+    block->gapNode = n;
     const uint32_t priority = GapPriority(gap);
-    while (block->gapParent && priority > GapPriority(block->gapParent->gapAfter))
-        GapRotateUp(block);
-    nonEmptyClasses_ |= 1u << c;
-    ++gapCount_;
+    while (t[n].parent != zk::kNoNode && priority > GapPriority(t[t[n].parent].size))
+        GapRotateUp(n);
 }
 
 void MemoryPool::BucketRemove(MemoryBlock* block) {
+    zk::GapNode* t = gapNodes_;
     if (gapCount_ > 0) --gapCount_;
-    if (MemoryBlock* newer = block->gapNewer) { // behind the front of its size's list
-        newer->gapOlder = block->gapOlder;
-        if (block->gapOlder) block->gapOlder->gapNewer = newer;
-        block->gapNewer = block->gapOlder = nullptr;
-        return;
-    }
-    if (MemoryBlock* older = block->gapOlder) { // the next of its size takes its place
-        GapReplace(block, older);
-        older->gapNewer = nullptr;
-        block->gapOlder = nullptr;
-        return;
-    }
-    const uint32_t c = SizeClass(block->gapAfter);
-    while (block->gapLeft && block->gapRight)
-        GapRotateUp(GapPriority(block->gapLeft->gapAfter) > GapPriority(block->gapRight->gapAfter)
-                        ? block->gapLeft
-                        : block->gapRight);
-    MemoryBlock* child = block->gapLeft ? block->gapLeft : block->gapRight;
-    MemoryBlock* parent = block->gapParent;
-    if (child) child->gapParent = parent;
-    if (!parent)
-        buckets_[c] = child;
-    else if (parent->gapLeft == block)
-        parent->gapLeft = child;
+    const uint32_t n = block->gapNode;
+    const uint32_t newer = block->gapNewer;
+    const uint32_t older = block->gapOlder;
+    if (newer != zk::kNoNode)
+        descriptors_[newer].gapOlder = older;
     else
-        parent->gapRight = child;
-    block->gapLeft = block->gapRight = block->gapParent = nullptr;
-    if (!buckets_[c]) nonEmptyClasses_ &= ~(1u << c);
+        t[n].newest = older;
+    if (older != zk::kNoNode) descriptors_[older].gapNewer = newer;
+    block->gapNewer = block->gapOlder = block->gapNode = zk::kNoNode;
+    if (t[n].newest != zk::kNoNode) return;
+
+    // The last block of its size: the size leaves the tree.
+    const uint32_t c = SizeClass(t[n].size);
+    while (t[n].left != zk::kNoNode && t[n].right != zk::kNoNode)
+        GapRotateUp(GapPriority(t[t[n].left].size) > GapPriority(t[t[n].right].size) ? t[n].left
+                                                                                     : t[n].right);
+    const uint32_t child = t[n].left != zk::kNoNode ? t[n].left : t[n].right;
+    const uint32_t parent = t[n].parent;
+    if (child != zk::kNoNode) t[child].parent = parent;
+    if (parent == zk::kNoNode)
+        buckets_[c] = child;
+    else if (t[parent].left == n)
+        t[parent].left = child;
+    else
+        t[parent].right = child;
+    t[n].left = t[n].right = zk::kNoNode;
+    t[n].parent = freeGapNodes_;
+    freeGapNodes_ = n;
+    if (buckets_[c] == zk::kNoNode) nonEmptyClasses_ &= ~(1u << c);
 }
 
 uint32_t MemoryPool::LargestGap() const {
     if (!nonEmptyClasses_) return 0;
-    const MemoryBlock* b = buckets_[std::bit_width(nonEmptyClasses_) - 1];
-    while (b->gapRight)
-        b = b->gapRight;
-    return b->gapAfter;
+    uint32_t n = buckets_[std::bit_width(nonEmptyClasses_) - 1];
+    while (gapNodes_[n].right != zk::kNoNode)
+        n = gapNodes_[n].right;
+    return gapNodes_[n].size;
 }
 
 // Size classes upwards from the request's; in each, from the first size of
 // at least the taken size on, in class order (each size's blocks newest
 // first), the first whose gap holds the block at its alignment.
 MemoryBlock* MemoryPool::BestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const {
+    const zk::GapNode* t = gapNodes_;
     uint32_t classes = nonEmptyClasses_ & ~((1u << SizeClass(taken)) - 1u);
     while (classes) {
         const uint32_t c = static_cast<uint32_t>(std::countr_zero(classes));
         classes &= classes - 1;
-        MemoryBlock* at = nullptr;
-        for (MemoryBlock* b = buckets_[c]; b;) {
-            if (b->gapAfter >= taken) {
-                at = b;
-                b = b->gapLeft;
+        uint32_t at = zk::kNoNode;
+        for (uint32_t n = buckets_[c]; n != zk::kNoNode;) {
+            if (t[n].size >= taken) {
+                at = n;
+                n = t[n].left;
             } else {
-                b = b->gapRight;
+                n = t[n].right;
             }
         }
-        while (at) {
-            for (MemoryBlock* b = at; b; b = b->gapOlder)
+        while (at != zk::kNoNode) {
+            for (uint32_t k = t[at].newest; k != zk::kNoNode; k = descriptors_[k].gapOlder) {
+                MemoryBlock* b = descriptors_ + k;
                 if (FitsFromBottom(GapStart(b), b->gapAfter, taken, alignment, placement)) return b;
-            if (at->gapRight) { // the next size up
-                at = at->gapRight;
-                while (at->gapLeft)
-                    at = at->gapLeft;
+            }
+            if (t[at].right != zk::kNoNode) { // the next size up
+                at = t[at].right;
+                while (t[at].left != zk::kNoNode)
+                    at = t[at].left;
             } else {
-                MemoryBlock* from = at;
-                at = at->gapParent;
-                while (at && at->gapRight == from) {
+                uint32_t from = at;
+                at = t[at].parent;
+                while (at != zk::kNoNode && t[at].right == from) {
                     from = at;
-                    at = at->gapParent;
+                    at = t[at].parent;
                 }
             }
         }
@@ -346,78 +354,106 @@ MemoryBlock* MemoryPool::BestFit(uint32_t taken, uint32_t alignment, zkAddr* pla
 
 // ---- address tree ---------------------------------------------------------------
 
+uint32_t MemoryPool::LargestOf(uint32_t node) const {
+    const zk::AddressNode* t = addressNodes_;
+    const uint32_t left = t[t[node].left].largestGapBelow;
+    const uint32_t right = t[t[node].right].largestGapBelow;
+    const uint32_t below = left > right ? left : right;
+    const uint32_t own = descriptors_[node].gapAfter;
+    return own > below ? own : below;
+}
+
 // Rotates x above its parent; both get their largest gap again from their
 // children. The pair covers the same blocks as before, so nothing above
 // changes.
-void MemoryPool::AddressRotateUp(MemoryBlock* x) {
-    MemoryBlock* p = x->addressParent;
-    MemoryBlock* g = p->addressParent;
-    if (p->addressLeft == x) {
-        p->addressLeft = x->addressRight;
-        if (x->addressRight) x->addressRight->addressParent = p;
-        x->addressRight = p;
+void MemoryPool::AddressRotateUp(uint32_t x) {
+    const uint32_t nil = AddressNil();
+    zk::AddressNode* t = addressNodes_;
+    const uint32_t p = t[x].parent;
+    const uint32_t g = t[p].parent;
+    if (t[p].left == x) {
+        t[p].left = t[x].right;
+        t[t[x].right].parent = p; // the sentinel's parent is never read
+        t[x].right = p;
     } else {
-        p->addressRight = x->addressLeft;
-        if (x->addressLeft) x->addressLeft->addressParent = p;
-        x->addressLeft = p;
+        t[p].right = t[x].left;
+        t[t[x].left].parent = p;
+        t[x].left = p;
     }
-    p->addressParent = x;
-    x->addressParent = g;
-    if (!g)
+    t[p].parent = x;
+    t[x].parent = g;
+    if (g == nil)
         addressRoot_ = x;
-    else if (g->addressLeft == p)
-        g->addressLeft = x;
+    else if (t[g].left == p)
+        t[g].left = x;
     else
-        g->addressRight = x;
-    p->largestGapBelow = LargestOf(p);
-    x->largestGapBelow = LargestOf(x);
+        t[g].right = x;
+    t[p].largestGapBelow = LargestOf(p);
+    t[x].largestGapBelow = LargestOf(x);
 }
 
 // After one node's gap or children changed: recomputes it and its ancestors
 // up to the first whose largest gap stays the same.
-void MemoryPool::AddressRefresh(MemoryBlock* from) {
-    for (MemoryBlock* b = from; b; b = b->addressParent) {
+void MemoryPool::AddressRefresh(uint32_t from) {
+    const uint32_t nil = AddressNil();
+    for (uint32_t b = from; b != nil; b = addressNodes_[b].parent) {
         const uint32_t largest = LargestOf(b);
-        if (largest == b->largestGapBelow) return;
-        b->largestGapBelow = largest;
+        if (largest == addressNodes_[b].largestGapBelow) return;
+        addressNodes_[b].largestGapBelow = largest;
     }
 }
 
 // Places block right after owner in the in-order sequence: as owner's right
 // child, or as the left child of owner's successor (the leftmost node of
-// owner's right subtree, which has none).
+// owner's right subtree, which has none). Owner's gap may have changed since
+// the tree last saw it; the largest gaps are brought up to date for both.
 void MemoryPool::AddressInsertAfter(MemoryBlock* owner, MemoryBlock* ownerNext,
                                     MemoryBlock* block) {
-    block->addressLeft = block->addressRight = nullptr;
-    block->largestGapBelow = block->gapAfter;
-    if (!owner->addressRight) {
-        owner->addressRight = block;
-        block->addressParent = owner;
+    const uint32_t nil = AddressNil();
+    zk::AddressNode* t = addressNodes_;
+    const uint32_t o = Number(owner);
+    const uint32_t k = Number(block);
+    t[k].left = t[k].right = nil;
+    t[k].largestGapBelow = block->gapAfter;
+    if (t[o].right == nil) {
+        t[o].right = k;
+        t[k].parent = o;
     } else {
-        ownerNext->addressLeft = block;
-        block->addressParent = ownerNext;
+        const uint32_t s = Number(ownerNext);
+        t[s].left = k;
+        t[k].parent = s;
     }
-    AddressRefresh(block->addressParent);
-    const uint32_t priority = Priority(block);
-    while (block->addressParent && priority > Priority(block->addressParent))
-        AddressRotateUp(block);
+    // Owner's gap has changed too, and owner is the new node's parent or an
+    // ancestor of it: one pass up from the new node refreshes both, going on
+    // at least up to owner and then up to the first node that stays the same.
+    bool belowOwner = true;
+    for (uint32_t b = t[k].parent; b != nil; b = t[b].parent) {
+        const uint32_t largest = LargestOf(b);
+        if (largest == t[b].largestGapBelow && (!belowOwner || b == o)) break;
+        t[b].largestGapBelow = largest;
+        if (b == o) belowOwner = false;
+    }
+    const uint32_t priority = Priority(k);
+    while (t[k].parent != nil && priority > Priority(t[k].parent))
+        AddressRotateUp(k);
 }
 
 void MemoryPool::AddressRemove(MemoryBlock* block) {
-    while (block->addressLeft && block->addressRight)
-        AddressRotateUp(Priority(block->addressLeft) > Priority(block->addressRight)
-                            ? block->addressLeft
-                            : block->addressRight);
-    MemoryBlock* child = block->addressLeft ? block->addressLeft : block->addressRight;
-    MemoryBlock* parent = block->addressParent;
-    if (child) child->addressParent = parent;
-    if (!parent)
+    const uint32_t nil = AddressNil();
+    zk::AddressNode* t = addressNodes_;
+    const uint32_t k = Number(block);
+    while (t[k].left != nil && t[k].right != nil)
+        AddressRotateUp(Priority(t[k].left) > Priority(t[k].right) ? t[k].left : t[k].right);
+    const uint32_t child = t[k].left != nil ? t[k].left : t[k].right;
+    const uint32_t parent = t[k].parent;
+    if (child != nil) t[child].parent = parent;
+    if (parent == nil)
         addressRoot_ = child;
-    else if (parent->addressLeft == block)
-        parent->addressLeft = child;
+    else if (t[parent].left == k)
+        t[parent].left = child;
     else
-        parent->addressRight = child;
-    block->addressLeft = block->addressRight = block->addressParent = nullptr;
+        t[parent].right = child;
+    t[k].left = t[k].right = t[k].parent = nil;
     AddressRefresh(parent);
 }
 
@@ -426,24 +462,28 @@ void MemoryPool::AddressRemove(MemoryBlock* block) {
 // nodes of lower priority it displaces (whose subtrees are then complete, so
 // their largest gaps are settled as they leave the spine).
 void MemoryPool::AddressBuild() {
-    MemoryBlock* spine = nullptr; // the lowest node of the right spine
-    for (MemoryBlock* b = descriptors_; b; b = b->next) {
-        const uint32_t priority = Priority(b);
-        MemoryBlock* displaced = nullptr;
-        while (spine && Priority(spine) < priority) {
-            spine->largestGapBelow = LargestOf(spine);
+    const uint32_t nil = AddressNil();
+    zk::AddressNode* t = addressNodes_;
+    t[nil] = {nil, nil, nil, 0};
+    uint32_t spine = nil; // the lowest node of the right spine
+    for (const MemoryBlock* b = descriptors_; b; b = b->next) {
+        const uint32_t k = Number(b);
+        const uint32_t priority = Priority(k);
+        uint32_t displaced = nil;
+        while (spine != nil && Priority(spine) < priority) {
+            t[spine].largestGapBelow = LargestOf(spine);
             displaced = spine;
-            spine = spine->addressParent;
+            spine = t[spine].parent;
         }
-        b->addressLeft = displaced;
-        b->addressRight = nullptr;
-        if (displaced) displaced->addressParent = b;
-        b->addressParent = spine;
-        if (spine) spine->addressRight = b;
-        spine = b;
+        t[k].left = displaced;
+        t[k].right = nil;
+        if (displaced != nil) t[displaced].parent = k;
+        t[k].parent = spine;
+        if (spine != nil) t[spine].right = k;
+        spine = k;
     }
-    for (MemoryBlock* b = spine; b; b = b->addressParent) {
-        b->largestGapBelow = LargestOf(b);
+    for (uint32_t b = spine; b != nil; b = t[b].parent) {
+        t[b].largestGapBelow = LargestOf(b);
         addressRoot_ = b;
     }
 }
@@ -451,26 +491,29 @@ void MemoryPool::AddressBuild() {
 // The first block in address order whose gap holds the block: an in-order
 // walk that enters only subtrees whose largest gap is at least taken.
 MemoryBlock* MemoryPool::LowestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const {
-    MemoryBlock* b = addressRoot_;
-    if (!b || b->largestGapBelow < taken) return nullptr;
+    const uint32_t nil = AddressNil();
+    const zk::AddressNode* t = addressNodes_;
+    uint32_t b = addressRoot_;
+    if (t[b].largestGapBelow < taken) return nullptr;
     for (;;) {
-        if (LargestBelow(b->addressLeft) >= taken) {
-            b = b->addressLeft;
+        if (LargestBelow(t[b].left) >= taken) {
+            b = t[b].left;
             continue;
         }
         for (;;) { // b's left subtree holds nothing that fits: b, then its right
-            if (FitsFromBottom(GapStart(b), b->gapAfter, taken, alignment, placement)) return b;
-            if (LargestBelow(b->addressRight) >= taken) {
-                b = b->addressRight;
+            MemoryBlock* d = descriptors_ + b;
+            if (FitsFromBottom(GapStart(d), d->gapAfter, taken, alignment, placement)) return d;
+            if (LargestBelow(t[b].right) >= taken) {
+                b = t[b].right;
                 break;
             }
-            MemoryBlock* from = b; // climb to the first ancestor entered from its left
-            b = b->addressParent;
-            while (b && b->addressRight == from) {
+            uint32_t from = b; // climb to the first ancestor entered from its left
+            b = t[b].parent;
+            while (b != nil && t[b].right == from) {
                 from = b;
-                b = b->addressParent;
+                b = t[b].parent;
             }
-            if (!b) return nullptr;
+            if (b == nil) return nullptr;
         }
     }
 }
@@ -478,26 +521,29 @@ MemoryBlock* MemoryPool::LowestFit(uint32_t taken, uint32_t alignment, zkAddr* p
 // The mirror image: the last block in address order whose gap holds the
 // block, placed as high in the gap as the alignment allows.
 MemoryBlock* MemoryPool::HighestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const {
-    MemoryBlock* b = addressRoot_;
-    if (!b || b->largestGapBelow < taken) return nullptr;
+    const uint32_t nil = AddressNil();
+    const zk::AddressNode* t = addressNodes_;
+    uint32_t b = addressRoot_;
+    if (t[b].largestGapBelow < taken) return nullptr;
     for (;;) {
-        if (LargestBelow(b->addressRight) >= taken) {
-            b = b->addressRight;
+        if (LargestBelow(t[b].right) >= taken) {
+            b = t[b].right;
             continue;
         }
         for (;;) {
-            if (FitsFromTop(GapStart(b), b->gapAfter, taken, alignment, placement)) return b;
-            if (LargestBelow(b->addressLeft) >= taken) {
-                b = b->addressLeft;
+            MemoryBlock* d = descriptors_ + b;
+            if (FitsFromTop(GapStart(d), d->gapAfter, taken, alignment, placement)) return d;
+            if (LargestBelow(t[b].left) >= taken) {
+                b = t[b].left;
                 break;
             }
-            MemoryBlock* from = b;
-            b = b->addressParent;
-            while (b && b->addressLeft == from) {
+            uint32_t from = b;
+            b = t[b].parent;
+            while (b != nil && t[b].left == from) {
                 from = b;
-                b = b->addressParent;
+                b = t[b].parent;
             }
-            if (!b) return nullptr;
+            if (b == nil) return nullptr;
         }
     }
 }
@@ -548,7 +594,7 @@ MemoryBlock* MemoryPool::IndexFind(zkAddr address) const {
 
 bool MemoryPool::FindPlace(uint32_t taken, uint32_t alignment, uint32_t flags, MemoryBlock** owner,
                            zkAddr* placement) {
-    if ((flags & zk::kAllocationSearchFlags) && !addressRoot_) AddressBuild();
+    if ((flags & zk::kAllocationSearchFlags) && addressRoot_ == zk::kNoNode) AddressBuild();
     if (flags & ZK_ALLOC_BOTTOM)
         *owner = LowestFit(taken, alignment, placement);
     else if (flags & ZK_ALLOC_TOP)
@@ -565,7 +611,10 @@ MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags
     // rounded block of requested size 0 still takes one alignment unit.
     uint32_t taken = size ? size : 1;
     if (flags & ZK_ALLOC_ROUND) {
-        uint64_t rounded = (static_cast<uint64_t>(taken) + alignment - 1) / alignment * alignment;
+        const uint64_t up = static_cast<uint64_t>(taken) + alignment - 1;
+        const uint64_t rounded = IsPowerOfTwo(alignment)
+                                     ? up & ~static_cast<uint64_t>(alignment - 1)
+                                     : up / alignment * alignment;
         if (rounded > 0xFFFFFFFFu) return nullptr; // cannot be described by a 32-bit size
         taken = static_cast<uint32_t>(rounded);
     }
@@ -576,6 +625,7 @@ MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags
     zkAddr placement = 0;
     if (!FindPlace(taken, alignment, flags, &owner, &placement)) return nullptr;
 
+    if (owner->next) Prefetch(owner->next); // its back link changes below
     const zkAddr gapStart = GapStart(owner);
     const zkAddr gapEnd = gapStart + owner->gapAfter;
 
@@ -599,9 +649,8 @@ MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags
     if (owner->gapAfter) BucketRemove(owner);
     owner->gapAfter = static_cast<uint32_t>(placement - gapStart);
     if (owner->gapAfter) BucketInsert(owner);
-    if (addressRoot_) {
-        AddressRefresh(owner);
-        AddressInsertAfter(owner, owner->next, block);
+    if (addressRoot_ != zk::kNoNode) {
+        AddressInsertAfter(owner, owner->next, block); // refreshes owner too
     }
     if (owner->next)
         owner->next->previous = block;
@@ -645,13 +694,16 @@ void MemoryPool::UntrackFreeBytes() {
 void MemoryPool::Absorb(MemoryBlock* block) {
     if (tracksFreeBytes_) zk::PoisonFreeBytes(block->address, block->size);
     MemoryBlock* before = block->previous;
+    // The neighbours are rarely in cache in a large pool: ask for the
+    // follower (written at the end) while the predecessor is fetched.
+    if (block->next) Prefetch(block->next);
     if (before->gapAfter) BucketRemove(before);
     before->gapAfter += block->size + block->gapAfter;
     before->next = block->next;
     BucketInsert(before);
     if (block->gapAfter) BucketRemove(block);
-    if (addressRoot_) {
-        AddressRefresh(before);
+    if (addressRoot_ != zk::kNoNode) {
+        AddressRefresh(Number(before));
         AddressRemove(block);
     }
     if (block->next)

@@ -3,7 +3,7 @@
 //
 // What it owns: the descriptor table handed out by a DescriptorStore (the
 // descriptors and the address index), the roots of the 32 gap classes and of
-// the address tree, and the pool's critical section. It never reads or writes the
+// the address tree, and the pool's lock. It never reads or writes the
 // bytes of the range it manages, and never allocates: a pool can describe any
 // span of addresses, mapped or not.
 //
@@ -25,28 +25,35 @@
 // Indexes, all inside the descriptor table, so that no step walks every
 // block:
 //   - each gap class is a treap (a binary search tree balanced by a
-//     priority hashed from the key) of the distinct gap sizes it holds; the
-//     blocks of one size hang off its node in a list, newest first, and the
-//     front block is the node. The in-order sequence of sizes, each size's
-//     list in turn, is the class order above. Best fit finds the first size
-//     of at least the request's by one descent and walks on in order only
-//     past entries the alignment rules out. A bit per class says which are
-//     non-empty;
+//     priority hashed from the key) of the distinct gap sizes it holds. Its
+//     nodes are GapNodes, a table of their own beside the descriptors with a
+//     free list (there are never more distinct sizes than descriptors); the
+//     blocks of one size hang off its node in a list, newest first, linked
+//     by descriptor number. The in-order sequence of sizes, each size's list
+//     in turn, is the class order above. A new gap of a size already present
+//     only joins the front of a list, and the tree changes only when a size
+//     appears or disappears. Best fit finds the first size of at least the
+//     request's by one descent and walks on in order only past entries the
+//     alignment rules out. A bit per class says which are non-empty;
 //   - the address tree is a treap over all blocks (head included) whose
 //     in-order sequence is the block list, each node holding the largest gap
-//     of its subtree; the lowest- and highest-address searches descend into
-//     subtrees whose largest gap can hold the request and skip the rest.
-//     Best fit never needs it, so it is built (in one pass over the list) by
-//     the pool's first lowest- or highest-address search and kept from then
-//     on; a pool that only ever searches best fit does not pay for it;
+//     of its subtree; its nodes form a table of their own beside the
+//     descriptors (node i for descriptor i, 16 bytes each, links as
+//     descriptor numbers, a sentinel for none), which keeps the walks over it in cache. The
+//     lowest- and highest-address searches descend into subtrees whose
+//     largest gap can hold the request and skip the rest. Best fit never
+//     needs it, so it is built (in one pass over the list) by the pool's
+//     first lowest- or highest-address search and kept from then on; a pool
+//     that only ever searches best fit does not pay for it;
 //   - the address index, an open-addressing hash table (linear probing, at
 //     least twice as many slots as descriptors) of every block but the
 //     head, answers search by address with one probe sequence; each slot
 //     holds the key (the address's low 32 bits) beside the descriptor's
 //     number, so probing never reads a descriptor.
 //
-// Locks: the pool's critical section guards Carve, Absorb, FindByAddress and
-// Snapshot; each exported call takes it once (zkFree finds and frees under
+// Locks: the pool's lock (a LightLock: user-space when uncontended, never
+// re-entered, since no engine step calls out) guards Carve, Absorb,
+// FindByAddress and Snapshot; each exported call takes it once (zkFree finds and frees under
 // one hold unless a free hook must run in between). Lock counts change under
 // the LibraryLock instead. Hooks run
 // outside both. Checkpoints, queries and walks take no lock: callers must not
@@ -69,8 +76,9 @@
 #include <cstdint>
 
 // One descriptor. A block handle given to applications points to one of these.
-// What allocation and release touch comes first, in the first 64 bytes on a
-// 64-bit host; diagnostics and the address tree follow.
+// 64 bytes on a 64-bit host, so that in a table that starts on a 64-byte
+// boundary each descriptor is one cache line. The trees' nodes live apart,
+// in the pool's tables of GapNodes and AddressNodes.
 struct MemoryBlock {
     zkAddr address;        // first byte of the block
     uint32_t size;         // as taken (rounded, at least 1)
@@ -80,19 +88,16 @@ struct MemoryBlock {
     uint16_t category;     // caller's tag
     MemoryBlock* previous; // address order; free list when free
     MemoryBlock* next;
-    MemoryBlock* gapLeft; // gap class tree (the front block of each gap size)
-    MemoryBlock* gapRight;
-    MemoryBlock* gapParent;
-    MemoryBlock* gapNewer; // blocks of the same gap size, newest first
-    MemoryBlock* gapOlder;
+    uint32_t gapNewer;         // blocks of the same gap size, newest first, as
+    uint32_t gapOlder;         // descriptor numbers (kNoNode at either end)
+    uint32_t gapNode;          // the GapNode of this block's gap size while it has a gap
     uint32_t requestedSize;    // as the caller asked
     uint32_t checkpoints;      // bit n set by checkpoint n
     uint32_t allocationNumber; // the pool counter's value at allocation
-    uint32_t largestGapBelow;  // largest gapAfter in this block's address subtree
-    MemoryBlock* addressLeft;  // address tree (every block in use), built on demand
-    MemoryBlock* addressRight;
-    MemoryBlock* addressParent;
 };
+
+static_assert(sizeof(void*) < 8 || sizeof(MemoryBlock) == 64,
+              "a descriptor fills one cache line on 64-bit hosts");
 
 namespace zk {
 
@@ -111,6 +116,24 @@ struct AddressSlot {
     uint32_t descriptor;
 };
 
+// One node of the address tree, kept apart from the descriptors so that
+// the tree's descents and rotations run over a small, dense array. Node i
+// belongs to descriptor i; links are descriptor numbers, and a sentinel node
+// (largest gap 0) after the last descriptor's stands for none.
+struct AddressNode {
+    uint32_t left, right, parent;
+    uint32_t largestGapBelow; // largest gapAfter in this node's subtree
+};
+constexpr uint32_t kNoNode = 0xFFFFFFFFu;
+
+// One distinct gap size in a gap class tree; links are GapNode numbers,
+// kNoNode for none. A free node keeps the next free one in parent.
+struct GapNode {
+    uint32_t left, right, parent;
+    uint32_t size;   // the gap size
+    uint32_t newest; // descriptor number of the front of this size's list
+};
+
 inline bool IsFindable(const MemoryBlock* b) {
     return (b->flags & ZK_ALLOC_FIXED) != 0 || b->lockCount > 0;
 }
@@ -126,7 +149,8 @@ public:
     int32_t Initialize(zkAddr base, uint32_t size, uint32_t descriptorCount,
                        zk::DescriptorStore& store);
     // Bytes of store room a pool of descriptorCount descriptors asks for (the
-    // descriptors and the address index), or 0 when that exceeds 4 GiB.
+    // descriptors, the address index and both trees' nodes), or 0 when that
+    // exceeds 4 GiB.
     static uint64_t TableBytes(uint32_t descriptorCount);
     // The same room counted in descriptors, as DescriptorStore::Allocate takes it.
     static uint64_t TableDescriptors(uint32_t descriptorCount);
@@ -212,13 +236,20 @@ private:
                    zkAddr* placement);
     void BucketInsert(MemoryBlock* block);
     void BucketRemove(MemoryBlock* block);
-    void GapRotateUp(MemoryBlock* x);
-    void GapReplace(MemoryBlock* from, MemoryBlock* to);
+    void GapRotateUp(uint32_t x);
     MemoryBlock* BestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
+    uint32_t Number(const MemoryBlock* block) const {
+        return static_cast<uint32_t>(block - descriptors_);
+    }
+    // The address tree's sentinel: the node after the last descriptor's,
+    // with no gap, standing for "no node" in every link.
+    uint32_t AddressNil() const { return descriptorCount_; }
+    uint32_t LargestBelow(uint32_t node) const { return addressNodes_[node].largestGapBelow; }
+    uint32_t LargestOf(uint32_t node) const;
     void AddressInsertAfter(MemoryBlock* owner, MemoryBlock* ownerNext, MemoryBlock* block);
     void AddressRemove(MemoryBlock* block);
-    void AddressRotateUp(MemoryBlock* x);
-    void AddressRefresh(MemoryBlock* from);
+    void AddressRotateUp(uint32_t x);
+    void AddressRefresh(uint32_t from);
     void AddressBuild();
     MemoryBlock* LowestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
     MemoryBlock* HighestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
@@ -233,13 +264,16 @@ private:
     MemoryBlock* descriptors_ = nullptr;
     MemoryBlock* last_ = nullptr;
     MemoryBlock* freeDescriptors_ = nullptr;
-    MemoryBlock* buckets_[zk::kGapBucketCount] = {}; // gap class tree roots
-    uint32_t nonEmptyClasses_ = 0;                   // bit c: class c has a gap
-    MemoryBlock* addressRoot_ = nullptr;             // null until the address tree is built
+    uint32_t buckets_[zk::kGapBucketCount] = {}; // gap class tree roots (GapNode numbers)
+    zk::GapNode* gapNodes_ = nullptr;            // the gap class trees' nodes
+    uint32_t freeGapNodes_ = zk::kNoNode;
+    uint32_t nonEmptyClasses_ = 0;            // bit c: class c has a gap
+    zk::AddressNode* addressNodes_ = nullptr; // the address tree's nodes
+    uint32_t addressRoot_ = zk::kNoNode;      // kNoNode until the tree is built
     uint32_t blockCount_ = 0;
     uint32_t descriptorCount_ = 0;
     uint32_t gapCount_ = 0;
-    zk::CriticalSection lock_;
+    zk::LightLock lock_;
     uint32_t mode_ = 0;
     uint32_t allocationCounter_ = 0;
     uint32_t breakNumber_ = 0;

@@ -11,7 +11,9 @@ void* MemoryManager::AllocateFixed(uint32_t size, uint32_t flags, uint32_t categ
     flags |= ZK_ALLOC_FIXED | ZK_ALLOC_ROUND;
     if (flags & ZK_ALLOC_DEFAULT) flags |= defaultMode_;
     MemoryBlock* block = systemPool_->Allocate(size, kSystemAlignment, flags, category & 0xFFFFu);
-    if (!block || !MemoryPool::Lock(block)) return nullptr;
+    // Locking a fixed block only checks that it is in use, which a block
+    // just allocated is: its address is taken directly.
+    if (!block) return nullptr;
     void* address = reinterpret_cast<void*>(block->address);
     if (flags & ZK_ALLOC_ZERO) zkZeroMemory(address, size);
     return address;

@@ -1,5 +1,6 @@
 // Critical sections, the library lock and monitors over the platform layer.
 #include "thread/sync.h"
+#include "thread/spin.h"
 
 #include <atomic>
 #include <thread>
@@ -73,6 +74,38 @@ void Monitor::WakeAll() {
     if (waiters_ == 0) return;
     waiters_ = 0;
     os::ConditionVariableWakeAll(&wake_);
+}
+
+int32_t LightLock::Initialize() {
+    state_.store(0, std::memory_order_relaxed);
+    return sleepers_.Initialize();
+}
+
+void LightLock::Delete() {
+    sleepers_.Destroy();
+}
+
+void LightLock::EnterContended() {
+    // A holder keeps the lock for well under a microsecond: a short spin
+    // usually sees it free again without going to sleep.
+    for (int i = 0; i < 256; ++i) {
+        int expected = 0;
+        if (state_.load(std::memory_order_relaxed) == 0 &&
+            state_.compare_exchange_weak(expected, 1, std::memory_order_acquire,
+                                         std::memory_order_relaxed))
+            return;
+        CpuPause();
+    }
+    sleepers_.Enter();
+    while (state_.exchange(2, std::memory_order_acquire) != 0)
+        sleepers_.Wait();
+    sleepers_.Leave();
+}
+
+void LightLock::WakeSleepers() {
+    sleepers_.Enter();
+    sleepers_.WakeAll();
+    sleepers_.Leave();
 }
 
 } // namespace zk

@@ -10,6 +10,7 @@
 
 #include "platform/platform.h"
 
+#include <atomic>
 #include <cstdint>
 
 namespace zk {
@@ -26,16 +27,17 @@ private:
     os::CriticalSection cs_{};
 };
 
-// Enters on construction, leaves on destruction.
-class ScopedLock {
+// Enters on construction, leaves on destruction; works with any lock that
+// has Enter and Leave.
+template <typename Lock> class ScopedLock {
 public:
-    explicit ScopedLock(CriticalSection& cs) : cs_(cs) { cs_.Enter(); }
-    ~ScopedLock() { cs_.Leave(); }
+    explicit ScopedLock(Lock& lock) : lock_(lock) { lock_.Enter(); }
+    ~ScopedLock() { lock_.Leave(); }
     ScopedLock(const ScopedLock&) = delete;
     ScopedLock& operator=(const ScopedLock&) = delete;
 
 private:
-    CriticalSection& cs_;
+    Lock& lock_;
 };
 
 // The library-wide lock. Initialised at process begin, deleted at process end;
@@ -69,6 +71,43 @@ private:
     uint32_t waiters_ = 0;
     CriticalSection cs_;
     os::ConditionVariable wake_{};
+};
+
+// A lock for short, hot sections that are never re-entered by the thread
+// holding them (a memory pool's engine steps): an atomic word taken and given
+// back in user space, so an uncontended Enter/Leave pair is two atomic
+// operations and no system call. A thread that finds it taken spins briefly,
+// then sleeps on a monitor until the holder gives it back.
+//
+// The word is 0 (free), 1 (taken, nobody asleep) or 2 (taken, someone may be
+// asleep). A sleeper marks the word 2 before it sleeps, inside the monitor,
+// and the holder that gives back a 2 wakes the monitor's sleepers: either
+// the sleeper's mark came first, and the holder wakes it, or the holder's
+// release came first, and the sleeper's mark took the lock instead. A thread
+// that took the lock by marking it 2 keeps the mark, so its own Leave wakes
+// whoever may still sleep.
+//
+// Not recursive: Enter by the thread that holds the lock deadlocks.
+class LightLock {
+public:
+    int32_t Initialize();
+    void Delete();
+    void Enter() {
+        int expected = 0;
+        if (!state_.compare_exchange_strong(expected, 1, std::memory_order_acquire,
+                                            std::memory_order_relaxed))
+            EnterContended();
+    }
+    void Leave() {
+        if (state_.exchange(0, std::memory_order_release) == 2) WakeSleepers();
+    }
+
+private:
+    void EnterContended();
+    void WakeSleepers();
+
+    std::atomic<int> state_{0};
+    Monitor sleepers_;
 };
 
 } // namespace zk

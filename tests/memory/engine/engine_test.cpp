@@ -39,6 +39,57 @@ TEST(MemoryEngine, AllocationCounterWrapsToOneNeverZero) {
     pool.Destroy(store);
 }
 
+// Blocks placed top-down with alignment 256 and taken sizes 1, 2, 3, ...
+// leave gaps of 255, 254, 253, ... after them: every descriptor, the head
+// included, then owns a gap of a size no other has, the most distinct gap
+// sizes a pool can hold. Best fit must still find the smallest gap that
+// holds a request, and sizes must come and go as blocks do.
+TEST(MemoryEngine, EveryDescriptorOwningADistinctGapSize) {
+    constexpr uint32_t kCount = 200, kBase = 0x100000, kSize = 0x100000;
+    std::vector<MemoryBlock> table(MemoryPool::TableDescriptors(kCount));
+    zk::FixedDescriptorStore store(table.data());
+    MemoryPool pool;
+    ASSERT_EQ(pool.Initialize(kBase, kSize, kCount, store), 0);
+    std::vector<MemoryBlock*> blocks(kCount);
+    for (uint32_t i = 1; i < kCount; ++i) {
+        blocks[i] = pool.Allocate(i, 256, ZK_ALLOC_TOP, 0);
+        ASSERT_NE(blocks[i], nullptr);
+        ASSERT_EQ(blocks[i]->gapAfter, 256 - i);
+    }
+    EXPECT_EQ(pool.GapCount(), kCount);
+    EXPECT_EQ(pool.LargestGap(), kSize - 256 * (kCount - 1)); // the head's
+    EXPECT_EQ(pool.Allocate(1, 1, 0, 0), nullptr);            // no descriptor left
+
+    // Block 1's gap (255) and bytes join block 2's gap (254): 510.
+    pool.Release(blocks[1]);
+    EXPECT_EQ(blocks[2]->gapAfter, 510u);
+    EXPECT_EQ(pool.GapCount(), kCount - 1);
+    // 200 fits exactly after block 56 and takes that size out of the pool.
+    MemoryBlock* exact = pool.Allocate(200, 1, 0, 0);
+    ASSERT_NE(exact, nullptr);
+    EXPECT_EQ(exact->address, blocks[56]->address + 56);
+    EXPECT_EQ(exact->gapAfter, 0u);
+    EXPECT_EQ(blocks[56]->gapAfter, 0u);
+    // The next 200 goes into the next size up, 201 after block 55.
+    pool.Release(blocks[3]);
+    MemoryBlock* next = pool.Allocate(200, 1, 0, 0);
+    ASSERT_NE(next, nullptr);
+    EXPECT_EQ(next->address, blocks[55]->address + 55);
+    EXPECT_EQ(next->gapAfter, 1u);
+    // Block 4 leaves a 763-byte gap after block 5. A request larger than every
+    // small gap takes the bottom of the head's; 600 takes the 763.
+    pool.Release(blocks[4]);
+    MemoryBlock* large = pool.Allocate(800, 1, 0, 0);
+    ASSERT_NE(large, nullptr);
+    EXPECT_EQ(large->address, kBase);
+    pool.Release(blocks[6]);
+    MemoryBlock* middle = pool.Allocate(600, 1, 0, 0);
+    ASSERT_NE(middle, nullptr);
+    EXPECT_EQ(middle->address, blocks[5]->address + 5);
+    EXPECT_EQ(middle->gapAfter, 163u);
+    pool.Destroy(store);
+}
+
 // A system that refuses to commit more than g_commitLimit bytes at once.
 std::size_t g_commitLimit = 0;
 void* LimitedCommit(std::size_t size) {

@@ -26,9 +26,13 @@ ZK_API int32_t ZK_CALL zkEndProcess(void);
 ZK_API int32_t ZK_CALL zkInitialize(void);
 /* Starts every subsystem. arenaSize 0xFFFFFFFF takes half of the available
  * physical memory; descriptorCount is the most system-pool blocks alive at once.
- * Returns 0, -5 when no system pool could be made, or the file system's start result. */
+ * Returns 0, -5 when no system pool could be made, or the file system's start result.
+ * When the environment variable QAX_TIMELINE names a file, a timeline of
+ * every thread is recorded from here on and written there by zkTerminate
+ * (trace-event JSON; see docs/guide.md). */
 ZK_API int32_t ZK_CALL zkInitializeEx(uint32_t arenaSize, uint32_t descriptorCount);
-/* Stops what zkInitialize started (the file system stays). Safe to call twice. Returns 0. */
+/* Stops what zkInitialize started (the file system stays) and writes a
+ * timeline being recorded. Safe to call twice. Returns 0. */
 ZK_API int32_t ZK_CALL zkTerminate(void);
 /* Process begin, initProc, the frame loop, termProc, process end.
  * Returns 0, or -1 when initProc returned 0 (frameProc and termProc then never run).

@@ -178,6 +178,18 @@ void RecordCounters(int64_t at) {
     }
 }
 
+// A slice of the frame loop's own, with at most one argument.
+void FrameSlice(const char* name, int64_t start, int64_t end, const Arg* arg) {
+    Event e;
+    e.category = "frame";
+    e.name = name;
+    e.start = start;
+    e.end = end;
+    e.args = arg;
+    e.argCount = arg ? 1 : 0;
+    Record(e);
+}
+
 void CloseFrame(int64_t end, uint32_t loopCount) {
     const Arg args[] = {
         {"frame", gFrame.number}, {"loop", loopCount}, {"messages", gFrame.messages}};
@@ -276,12 +288,7 @@ void ThreadEnding() {
 void PeriodStarted(int64_t waitStart, uint32_t loopCount) {
     if (!On()) return;
     const int64_t now = Now();
-    Event wait;
-    wait.category = "frame";
-    wait.name = "wait for period";
-    wait.start = waitStart;
-    wait.end = now;
-    Record(wait);
+    FrameSlice("wait for period", waitStart, now, nullptr);
     if (gFrame.open) CloseFrame(now, loopCount);
     gFrame.open = true;
     gFrame.owner = &tState;
@@ -294,28 +301,14 @@ void PeriodStarted(int64_t waitStart, uint32_t loopCount) {
 void PeriodWaitCut(int64_t waitStart) {
     if (!On()) return;
     const Arg arg{"cut_by_message", 1};
-    Event wait;
-    wait.category = "frame";
-    wait.name = "wait for period";
-    wait.start = waitStart;
-    wait.end = Now();
-    wait.args = &arg;
-    wait.argCount = 1;
-    Record(wait);
+    FrameSlice("wait for period", waitStart, Now(), &arg);
 }
 
 void MessageDispatched(uint32_t message, int64_t start) {
     if (!On()) return;
     if (gFrame.open && gFrame.owner == &tState) ++gFrame.messages;
     const Arg arg{"message", message};
-    Event e;
-    e.category = "frame";
-    e.name = "dispatch message";
-    e.start = start;
-    e.end = Now();
-    e.args = &arg;
-    e.argCount = 1;
-    Record(e);
+    FrameSlice("dispatch message", start, Now(), &arg);
 }
 
 void Start() {

@@ -5,6 +5,9 @@
 # targets takes about an hour on one core.
 #
 #   scripts/fuzz-long.sh FUZZ_BUILD_DIR [runs [target ...]]
+#
+# FUZZ_ARGS adds libFuzzer options to every run (for example -max_len=512 for
+# the pool target, whose checks after every operation make long inputs slow).
 set -uo pipefail
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 build=$1 runs=${2:-10000000}
@@ -18,7 +21,7 @@ for program in "$build"/bin/fuzz_*; do
     corpus="$ROOT/fuzz/corpus/$target"
     mkdir -p "$corpus" "$work/$target"
     start=$(date +%s)
-    "$program" -runs="$runs" -print_final_stats=1 -artifact_prefix="$work/$target-" \
+    "$program" -runs="$runs" ${FUZZ_ARGS:-} -print_final_stats=1 -artifact_prefix="$work/$target-" \
         "$work/$target" "$corpus" >"$work/$target.log" 2>&1
     status=$?
     execs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$work/$target.log" | grep -o '[0-9]*$')

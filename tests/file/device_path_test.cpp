@@ -127,5 +127,44 @@ TEST_F(Paths, MountRulesAndDeviceCalls) {
         Codes({-3, -43, -23, -26, -42, 0, -42, -3, -23, 0, 5, -6, -3}));
 }
 
+TEST_F(Paths, TablesOfMountsListingsAndDrivers) {
+    // "/" and "/m" hold two of the 16 mount records.
+    Codes mounts;
+    for (int i = 0; i < 15; ++i)
+        mounts.push_back(zkMount(("/t" + std::to_string(i)).c_str(), "mem:", 0));
+    Codes expected(14, 0);
+    expected.push_back(-39);
+    EXPECT_EQ(mounts, expected);
+    EXPECT_EQ(Codes({zkUnmount("/t3"), zkMount("/again", "mem:", 0), zkMount("/more", "mem:", 0)}),
+              Codes({0, 0, -39}));
+
+    // 64 listings open at once; the 65th waits for a close.
+    Device().Put("mem:/d/x", "1");
+    std::vector<DirHandle*> dirs;
+    for (int i = 0; i < 64; ++i)
+        dirs.push_back(zkOpenDir("/m/d"));
+    EXPECT_EQ(std::count(dirs.begin(), dirs.end(), nullptr), 0);
+    EXPECT_EQ(zkOpenDir("/m/d"), nullptr);
+    zkCloseDir(dirs[10]);
+    dirs[10] = zkOpenDir("/m/d");
+    EXPECT_NE(dirs[10], nullptr);
+    for (DirHandle* d : dirs)
+        zkCloseDir(d);
+
+    // Drivers stay registered for the life of the process, so the device
+    // table is filled in a child: registrations succeed until 16 drivers are
+    // in it, and the next one is refused with -19.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            uint32_t added = 0;
+            int32_t result = 0;
+            while (added < 20 && (result = zkRegisterDevice(&Device())) == 0)
+                ++added;
+            std::exit(result == -19 && added > 0 && added < 16 ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 } // namespace
 } // namespace zktest

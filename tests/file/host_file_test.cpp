@@ -159,6 +159,28 @@ TEST_F(HostFileTest, DirectoriesAndNamesInAnyCase) {
     EXPECT_FALSE(fs::exists(Host("empty")));
 }
 
+// Readers share a file; a writer has it alone. A conflicting open fails at
+// once instead of waiting.
+TEST_F(HostFileTest, ReadersShareAWriterIsAlone) {
+    WriteWhole("/host_files/s.bin", "shared");
+    const char* path = "/host_files/s.bin";
+    FileHandle* first = zkOpenFile(path, ZK_OPEN_READ, 0);
+    FileHandle* second = zkOpenFile(path, ZK_OPEN_READ, 0);
+    ASSERT_TRUE(first && second);
+    EXPECT_EQ(zkOpenFile(path, ZK_OPEN_WRITE, 0), nullptr);
+    EXPECT_EQ(zkOpenFile(path, ZK_OPEN_READ | ZK_OPEN_WRITE, 0), nullptr);
+    zkCloseFile(first);
+    EXPECT_EQ(zkOpenFile(path, ZK_OPEN_WRITE, 0), nullptr);
+    zkCloseFile(second);
+    FileHandle* writer = zkOpenFile(path, ZK_OPEN_WRITE, 0);
+    ASSERT_NE(writer, nullptr);
+    EXPECT_EQ(zkOpenFile(path, ZK_OPEN_READ, 0), nullptr);
+    EXPECT_EQ(zkOpenFile(path, ZK_OPEN_WRITE | ZK_OPEN_CREATE, 0), nullptr);
+    EXPECT_EQ(zkGetOpenFileCount(), 1u);
+    zkCloseFile(writer);
+    EXPECT_EQ(ReadWhole(path), "shared");
+}
+
 TEST_F(HostFileTest, UnsupportedOperationsAndPathConversion) {
     WriteWhole("/host_files/u.bin", "u");
     FileHandle* file = zkOpenFile("/host_files/u.bin", ZK_OPEN_READ, 0);

@@ -3,26 +3,32 @@
 //
 // Locks and threads: only the consumer moves the read offset and only the
 // producer moves the write offset, so each offset is its own side's private
-// state. The data size is the one field both sides change, and each change is
-// one atomic read-modify-write (an add for the producer, a subtract for the
-// consumer): the step the guard semaphore would make indivisible already is,
-// so the hot path takes no semaphore. The guard is still created with the
-// ring buffer and released with it, and holds its semaphore record meanwhile.
-// A lock or a data-size query reads the data size with one acquire load; the
-// value is always one that some commit left behind, the same value a read
-// between the guard's take and give would return.
+// state. The data size is kept as two running totals, each written by one
+// side only: the bytes the producer has committed and the bytes the consumer
+// has consumed (both modulo 2^32). The data size is their difference. A
+// commit is one plain release store of the committing side's total, which
+// is the step the guard semaphore would make indivisible: no side ever
+// writes what the other writes, so the hot path takes no semaphore and no
+// locked instruction. The guard is still created with the ring buffer and
+// released with it, and holds its semaphore record meanwhile.
 //
-// Ordering: the producer fills its region before its add (release), and the
-// consumer's acquire load of the larger size orders its reads after; the
-// consumer finishes reading before its subtract (release), and the producer's
-// acquire load orders its writes into the freed space after that.
+// A lock reads the other side's total with one acquire load; with its own
+// total that gives exactly the data size after the other side's latest
+// commit. A query from any thread reads both totals and takes the pair only
+// when the consumed total did not move while the committed one was read, so
+// the value is one the data size really had.
+//
+// Ordering: the producer fills its region before the release store of its
+// total, and the consumer's acquire load of that total orders its reads
+// after; the consumer finishes reading before its release store, and the
+// producer's acquire load orders its writes into the freed space after that.
 //
 // Cache lines: base, size and the in-use flag are written only by create and
 // release, which the application calls while neither side is working, so
-// both sides keep them cached. The data size has a line of its own, and so
-// has each side's offset together with the count of bytes that side knows it
-// may commit; that count is what lets an unlock check its count without
-// reading the shared line again. The two sides meet only on the data size.
+// both sides keep them cached. Each side's total, offset and the count of
+// bytes it knows it may commit share one line that only that side writes;
+// the other side only reads the total. That count is what lets an unlock
+// check its count without reading the other side's line again.
 #include <zk/ringbuffer.h>
 #include <zk/semaphore.h>
 
@@ -33,13 +39,23 @@ struct RingBuffer {
     // or the guard cannot be created.
     bool Create(void* buffer, uint32_t bufferSize);
     void Release();
-    uint32_t DataSize() const { return dataSize.load(std::memory_order_acquire); }
+    // The data size from any thread: the consumed total before and after the
+    // committed total is read must agree.
+    uint32_t DataSize() const {
+        for (;;) {
+            const uint32_t consumedBefore = consumed.load(std::memory_order_acquire);
+            const uint32_t data = committed.load(std::memory_order_acquire) - consumedBefore;
+            if (consumed.load(std::memory_order_acquire) == consumedBefore) return data;
+        }
+    }
     uint32_t LockForRead(void** first, uint32_t* firstSize, void** second, uint32_t* secondSize) {
-        readable = DataSize();
+        readable =
+            committed.load(std::memory_order_acquire) - consumed.load(std::memory_order_relaxed);
         return HandOut(readOffset, readable, first, firstSize, second, secondSize);
     }
     uint32_t LockForWrite(void** first, uint32_t* firstSize, void** second, uint32_t* secondSize) {
-        writable = size - DataSize();
+        writable = size - (committed.load(std::memory_order_relaxed) -
+                           consumed.load(std::memory_order_acquire));
         return HandOut(writeOffset, writable, first, firstSize, second, secondSize);
     }
     // A count above the bytes now readable [free] is refused: nothing moves.
@@ -47,26 +63,33 @@ struct RingBuffer {
     // behind the producer's), so a count within what this side last saw, less
     // what it has committed since, always fits.
     void UnlockForRead(uint32_t count) {
-        if (count > readable && count > (readable = DataSize())) return;
+        const uint32_t own = consumed.load(std::memory_order_relaxed);
+        if (count > readable &&
+            count > (readable = committed.load(std::memory_order_acquire) - own))
+            return;
         readable -= count;
         readOffset = Advance(readOffset, count);
-        dataSize.fetch_sub(count, std::memory_order_release);
+        consumed.store(own + count, std::memory_order_release);
     }
     void UnlockForWrite(uint32_t count) {
-        if (count > writable && count > (writable = size - DataSize())) return;
+        const uint32_t own = committed.load(std::memory_order_relaxed);
+        if (count > writable &&
+            count > (writable = size - (own - consumed.load(std::memory_order_acquire))))
+            return;
         writable -= count;
         writeOffset = Advance(writeOffset, count);
-        dataSize.fetch_add(count, std::memory_order_release);
+        committed.store(own + count, std::memory_order_release);
     }
 
     uint32_t inUse = 0;
     zkAddr base = 0;
     uint32_t size = 0;
-    alignas(64) std::atomic<uint32_t> dataSize{0}; // both sides; one atomic step per change
-    alignas(64) uint32_t readOffset = 0;           // consumer's
-    uint32_t readable = 0;                         // consumer's: at most the data size
-    alignas(64) uint32_t writeOffset = 0;          // producer's
-    uint32_t writable = 0;                         // producer's: at most size - data size
+    alignas(64) std::atomic<uint32_t> consumed{0};  // consumer's; the producer reads it
+    uint32_t readOffset = 0;                        // consumer's
+    uint32_t readable = 0;                          // consumer's: at most the data size
+    alignas(64) std::atomic<uint32_t> committed{0}; // producer's; the consumer reads it
+    uint32_t writeOffset = 0;                       // producer's
+    uint32_t writable = 0;                          // producer's: at most size - data size
     alignas(64) SemaphoreRecord* guard = nullptr;
 
 private:
@@ -95,7 +118,8 @@ bool RingBuffer::Create(void* buffer, uint32_t bufferSize) {
     inUse = 1;
     base = reinterpret_cast<zkAddr>(buffer);
     size = bufferSize;
-    dataSize.store(0, std::memory_order_relaxed);
+    consumed.store(0, std::memory_order_relaxed);
+    committed.store(0, std::memory_order_relaxed);
     readOffset = readable = 0;
     writeOffset = writable = 0;
     guard = zkCreateSemaphore(1, 1);
@@ -109,7 +133,8 @@ bool RingBuffer::Create(void* buffer, uint32_t bufferSize) {
 void RingBuffer::Release() {
     base = 0;
     size = 0;
-    dataSize.store(0, std::memory_order_relaxed);
+    consumed.store(0, std::memory_order_relaxed);
+    committed.store(0, std::memory_order_relaxed);
     readOffset = readable = 0;
     writeOffset = writable = 0;
     zkReleaseSemaphore(guard);

@@ -359,7 +359,7 @@ uint32_t MemoryPool::LargestOf(uint32_t node) const {
     const uint32_t left = t[t[node].left].largestGapBelow;
     const uint32_t right = t[t[node].right].largestGapBelow;
     const uint32_t below = left > right ? left : right;
-    const uint32_t own = descriptors_[node].gapAfter;
+    const uint32_t own = t[node].gap;
     return own > below ? own : below;
 }
 
@@ -414,7 +414,8 @@ void MemoryPool::AddressInsertAfter(MemoryBlock* owner, MemoryBlock* ownerNext,
     const uint32_t o = Number(owner);
     const uint32_t k = Number(block);
     t[k].left = t[k].right = nil;
-    t[k].largestGapBelow = block->gapAfter;
+    t[k].largestGapBelow = t[k].gap = block->gapAfter;
+    t[o].gap = owner->gapAfter;
     if (t[o].right == nil) {
         t[o].right = k;
         t[k].parent = o;
@@ -464,11 +465,12 @@ void MemoryPool::AddressRemove(MemoryBlock* block) {
 void MemoryPool::AddressBuild() {
     const uint32_t nil = AddressNil();
     zk::AddressNode* t = addressNodes_;
-    t[nil] = {nil, nil, nil, 0};
+    t[nil] = {nil, nil, nil, 0, 0};
     uint32_t spine = nil; // the lowest node of the right spine
     for (const MemoryBlock* b = descriptors_; b; b = b->next) {
         const uint32_t k = Number(b);
         const uint32_t priority = Priority(k);
+        t[k].gap = b->gapAfter;
         uint32_t displaced = nil;
         while (spine != nil && Priority(spine) < priority) {
             t[spine].largestGapBelow = LargestOf(spine);
@@ -502,7 +504,9 @@ MemoryBlock* MemoryPool::LowestFit(uint32_t taken, uint32_t alignment, zkAddr* p
         }
         for (;;) { // b's left subtree holds nothing that fits: b, then its right
             MemoryBlock* d = descriptors_ + b;
-            if (FitsFromBottom(GapStart(d), d->gapAfter, taken, alignment, placement)) return d;
+            if (t[b].gap >= taken &&
+                FitsFromBottom(GapStart(d), d->gapAfter, taken, alignment, placement))
+                return d;
             if (LargestBelow(t[b].right) >= taken) {
                 b = t[b].right;
                 break;
@@ -532,7 +536,9 @@ MemoryBlock* MemoryPool::HighestFit(uint32_t taken, uint32_t alignment, zkAddr* 
         }
         for (;;) {
             MemoryBlock* d = descriptors_ + b;
-            if (FitsFromTop(GapStart(d), d->gapAfter, taken, alignment, placement)) return d;
+            if (t[b].gap >= taken &&
+                FitsFromTop(GapStart(d), d->gapAfter, taken, alignment, placement))
+                return d;
             if (LargestBelow(t[b].left) >= taken) {
                 b = t[b].left;
                 break;
@@ -703,6 +709,7 @@ void MemoryPool::Absorb(MemoryBlock* block) {
     BucketInsert(before);
     if (block->gapAfter) BucketRemove(block);
     if (addressRoot_ != zk::kNoNode) {
+        addressNodes_[Number(before)].gap = before->gapAfter;
         AddressRefresh(Number(before));
         AddressRemove(block);
     }

@@ -38,7 +38,7 @@
 //   - the address tree is a treap over all blocks (head included) whose
 //     in-order sequence is the block list, each node holding the largest gap
 //     of its subtree; its nodes form a table of their own beside the
-//     descriptors (node i for descriptor i, 16 bytes each, links as
+//     descriptors (node i for descriptor i, 20 bytes each, links as
 //     descriptor numbers, a sentinel for none), which keeps the walks over it in cache. The
 //     lowest- and highest-address searches descend into subtrees whose
 //     largest gap can hold the request and skip the rest. Best fit never
@@ -123,6 +123,7 @@ struct AddressSlot {
 struct AddressNode {
     uint32_t left, right, parent;
     uint32_t largestGapBelow; // largest gapAfter in this node's subtree
+    uint32_t gap;             // the descriptor's own gapAfter, kept beside its links
 };
 constexpr uint32_t kNoNode = 0xFFFFFFFFu;
 

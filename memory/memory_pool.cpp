@@ -12,6 +12,8 @@ using zk::SizeClass;
 namespace {
 
 constexpr uint16_t kMaxLockCount = 0xFFFF;
+// Address index slots in use when a pool is laid out.
+constexpr uint32_t kFirstIndexSlots = 64;
 
 bool IsPowerOfTwo(uint32_t n) {
     return (n & (n - 1)) == 0;
@@ -51,12 +53,12 @@ bool FitsFromTop(zkAddr gapStart, uint32_t gap, uint32_t taken, uint32_t alignme
     return true;
 }
 
-// A hint that b's first bytes will be written soon.
-inline void Prefetch(const MemoryBlock* b) {
+// A hint that the bytes at p will be written soon.
+inline void Prefetch(const void* p) {
 #if defined(__GNUC__) || defined(__clang__)
-    __builtin_prefetch(b, 1);
+    __builtin_prefetch(p, 1);
 #else
-    (void)b;
+    (void)p;
 #endif
 }
 
@@ -89,8 +91,11 @@ uint32_t Priority(uint32_t node) {
     return x;
 }
 
-// Address index slots: the smallest power of two of at least twice the
-// descriptor count, so that probe sequences stay short.
+// Address index room: the smallest power of two of at least twice the
+// descriptor count, so that probe sequences stay short however many blocks
+// there are. A pool starts on a small part of it and doubles the part in use
+// as its block count grows (never shrinking it), so that the slots a pool
+// with few blocks touches stay in cache.
 uint64_t IndexSlots(uint32_t descriptorCount) {
     uint64_t slots = 4;
     while (slots < 2ull * descriptorCount)
@@ -143,8 +148,9 @@ int32_t MemoryPool::Initialize(zkAddr base, uint32_t size, uint32_t descriptorCo
     std::memset(room, 0, static_cast<std::size_t>(roomBytes));
     const uint64_t slots = IndexSlots(descriptorCount);
     index_ = reinterpret_cast<zk::AddressSlot*>(table + descriptorCount);
-    indexMask_ = static_cast<uint32_t>(slots - 1);
-    indexShift_ = 32 - static_cast<uint32_t>(std::countr_zero(slots));
+    indexRoom_ = static_cast<uint32_t>(slots);
+    indexEntries_ = 0;
+    IndexResize(slots < kFirstIndexSlots ? static_cast<uint32_t>(slots) : kFirstIndexSlots);
     addressNodes_ = reinterpret_cast<zk::AddressNode*>(index_ + slots);
     gapNodes_ = reinterpret_cast<zk::GapNode*>(addressNodes_ + descriptorCount + 1);
     for (uint32_t i = 0; i < descriptorCount; ++i)
@@ -179,6 +185,8 @@ void MemoryPool::Destroy(zk::DescriptorStore& store) {
     descriptors_ = nullptr;
     index_ = nullptr;
     indexMask_ = 0;
+    indexRoom_ = 0;
+    indexEntries_ = 0;
     last_ = nullptr;
     freeDescriptors_ = nullptr;
     for (auto& root : buckets_)
@@ -562,7 +570,30 @@ uint32_t MemoryPool::IndexHome(uint32_t key) const {
     return static_cast<uint32_t>(key * 0x9E3779B9u) >> indexShift_;
 }
 
+// Uses the first `slots` slots of the room (a power of two) and indexes every
+// block of the list in them again.
+void MemoryPool::IndexResize(uint32_t slots) {
+    indexMask_ = slots - 1;
+    indexShift_ = 32 - static_cast<uint32_t>(std::countr_zero(slots));
+    std::memset(index_, 0, sizeof(zk::AddressSlot) * slots);
+    indexEntries_ = 0;
+    for (MemoryBlock* b = descriptors_->next; b; b = b->next)
+        IndexPlace(b);
+}
+
 void MemoryPool::IndexInsert(MemoryBlock* block) {
+    // Kept at most a quarter full: past that the part in use doubles, while the
+    // room allows. The new block is already in the list, so a resize indexes
+    // it with the others.
+    if (4 * (indexEntries_ + 1) > indexMask_ + 1 && indexMask_ + 1 < indexRoom_) {
+        IndexResize(2 * (indexMask_ + 1));
+        return;
+    }
+    IndexPlace(block);
+}
+
+void MemoryPool::IndexPlace(MemoryBlock* block) {
+    ++indexEntries_;
     const uint32_t key = static_cast<uint32_t>(block->address);
     uint32_t i = IndexHome(key);
     while (index_[i].descriptor)
@@ -573,6 +604,7 @@ void MemoryPool::IndexInsert(MemoryBlock* block) {
 // Linear probing with backward-shift deletion: entries after the hole move up
 // unless their home slot lies cyclically after the hole.
 void MemoryPool::IndexErase(const MemoryBlock* block) {
+    --indexEntries_;
     const uint32_t descriptor = static_cast<uint32_t>(block - descriptors_);
     uint32_t hole = IndexHome(static_cast<uint32_t>(block->address));
     while (index_[hole].descriptor != descriptor)
@@ -632,6 +664,9 @@ MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags
     if (!FindPlace(taken, alignment, flags, &owner, &placement)) return nullptr;
 
     if (owner->next) Prefetch(owner->next); // its back link changes below
+    // The address index's slot for the new block is rarely in cache: it is
+    // fetched while the gap classes change and written last.
+    Prefetch(index_ + IndexHome(static_cast<uint32_t>(placement)));
     const zkAddr gapStart = GapStart(owner);
     const zkAddr gapEnd = gapStart + owner->gapAfter;
 
@@ -650,7 +685,6 @@ MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags
     block->checkpoints = 0;
     block->allocationNumber = allocationCounter_;
 
-    IndexInsert(block);
     if (block->gapAfter) BucketInsert(block);
     if (owner->gapAfter) BucketRemove(owner);
     owner->gapAfter = static_cast<uint32_t>(placement - gapStart);
@@ -663,6 +697,7 @@ MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags
     else
         last_ = block;
     owner->next = block;
+    IndexInsert(block);
 
     ++blockCount_;
     used_ += taken;

@@ -45,9 +45,11 @@
 //     needs it, so it is built (in one pass over the list) by the pool's
 //     first lowest- or highest-address search and kept from then on; a pool
 //     that only ever searches best fit does not pay for it;
-//   - the address index, an open-addressing hash table (linear probing, at
-//     least twice as many slots as descriptors) of every block but the
-//     head, answers search by address with one probe sequence; each slot
+//   - the address index, an open-addressing hash table (linear probing, room
+//     for twice as many slots as descriptors, of which a power of two at
+//     least twice the block count is in use: the part doubles as the pool
+//     fills and never shrinks) of every block but the head, answers search
+//     by address with one probe sequence; each slot
 //     holds the key (the address's low 32 bits) beside the descriptor's
 //     number, so probing never reads a descriptor.
 //
@@ -256,6 +258,8 @@ private:
     MemoryBlock* HighestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
     uint32_t IndexHome(uint32_t key) const;
     void IndexInsert(MemoryBlock* block);
+    void IndexPlace(MemoryBlock* block);
+    void IndexResize(uint32_t slots);
     void IndexErase(const MemoryBlock* block);
     MemoryBlock* IndexFind(zkAddr address) const;
 
@@ -280,9 +284,11 @@ private:
     uint32_t breakNumber_ = 0;
     MemoryAllocHook allocHook_ = nullptr;
     MemoryFreeHook freeHook_ = nullptr;
-    zk::AddressSlot* index_ = nullptr; // address index, indexMask_ + 1 slots
+    zk::AddressSlot* index_ = nullptr; // address index: indexRoom_ slots, the
+    uint32_t indexRoom_ = 0;           // first indexMask_ + 1 of them in use
     uint32_t indexMask_ = 0;
     uint32_t indexShift_ = 0;
+    uint32_t indexEntries_ = 0;
     bool tracksFreeBytes_ = false;
 
     // The engine's own test program reaches the counter through this.

@@ -168,7 +168,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint64_t base = sizeof(zkAddr) == 8 ? in.U64() : in.U32();
     const uint32_t shift = in.U8() % 33;
     const uint32_t rangeSize = shift == 32 ? in.U32() : in.U32() & ((1ull << shift) - 1);
-    const uint32_t maxBlocks = in.U8() % 70;
+    // Mostly small tables; now and then one large enough for the exact-size
+    // gap bins that pools with many descriptors keep.
+    const uint32_t blocksByte = in.U8();
+    const uint32_t maxBlocks = blocksByte >= 250 ? 1024 + blocksByte : blocksByte % 70;
 
     MemoryPool* pool = zkCreateMemoryPool(static_cast<zkAddr>(base), rangeSize, maxBlocks);
     // A range may end exactly at the top of the address space, not past it.

@@ -111,8 +111,11 @@ uint64_t MemoryPool::TableDescriptors(uint32_t descriptorCount) {
     // "no node" in the address tree.
     const uint64_t nodeBytes = uint64_t{descriptorCount} * sizeof(zk::GapNode) +
                                (uint64_t{descriptorCount} + 1) * sizeof(zk::AddressNode);
+    const uint64_t binBytes = descriptorCount >= zk::kBinnedPoolDescriptors
+                                  ? zk::kGapBinWords * sizeof(uint64_t) + zk::kGapBinLimit * 4u
+                                  : 0;
     return descriptorCount +
-           (indexBytes + nodeBytes + sizeof(MemoryBlock) - 1) / sizeof(MemoryBlock);
+           (indexBytes + binBytes + nodeBytes + sizeof(MemoryBlock) - 1) / sizeof(MemoryBlock);
 }
 
 uint64_t MemoryPool::TableBytes(uint32_t descriptorCount) {
@@ -151,7 +154,12 @@ int32_t MemoryPool::Initialize(zkAddr base, uint32_t size, uint32_t descriptorCo
     indexRoom_ = static_cast<uint32_t>(slots);
     indexEntries_ = 0;
     IndexResize(slots < kFirstIndexSlots ? static_cast<uint32_t>(slots) : kFirstIndexSlots);
-    addressNodes_ = reinterpret_cast<zk::AddressNode*>(index_ + slots);
+    binLimit_ = descriptorCount >= zk::kBinnedPoolDescriptors ? zk::kGapBinLimit : 0;
+    binBits_ = reinterpret_cast<uint64_t*>(index_ + slots);
+    binHeads_ = reinterpret_cast<uint32_t*>(binBits_ + (binLimit_ ? zk::kGapBinWords : 0));
+    std::memset(binHeads_, 0xFF, binLimit_ * sizeof(uint32_t)); // every bin empty
+    binSummary_ = 0;
+    addressNodes_ = reinterpret_cast<zk::AddressNode*>(binHeads_ + binLimit_);
     gapNodes_ = reinterpret_cast<zk::GapNode*>(addressNodes_ + descriptorCount + 1);
     for (uint32_t i = 0; i < descriptorCount; ++i)
         gapNodes_[i].parent = i + 1 < descriptorCount ? i + 1 : zk::kNoNode;
@@ -194,6 +202,10 @@ void MemoryPool::Destroy(zk::DescriptorStore& store) {
     nonEmptyClasses_ = 0;
     gapNodes_ = nullptr;
     freeGapNodes_ = zk::kNoNode;
+    binBits_ = nullptr;
+    binHeads_ = nullptr;
+    binSummary_ = 0;
+    binLimit_ = 0;
     addressNodes_ = nullptr;
     addressRoot_ = zk::kNoNode;
     base_ = 0;
@@ -245,11 +257,24 @@ void MemoryPool::GapRotateUp(uint32_t x) {
 void MemoryPool::BucketInsert(MemoryBlock* block) {
     zk::GapNode* t = gapNodes_;
     const uint32_t gap = block->gapAfter;
-    const uint32_t c = SizeClass(gap);
     const uint32_t k = Number(block);
-    nonEmptyClasses_ |= 1u << c;
     ++gapCount_;
     block->gapNewer = zk::kNoNode;
+    if (gap < binLimit_) { // the front of its size's bin
+        const uint32_t front = binHeads_[gap];
+        block->gapOlder = front;
+        block->gapNode = zk::kNoNode;
+        if (front != zk::kNoNode) {
+            descriptors_[front].gapNewer = k;
+        } else {
+            binBits_[gap >> 6] |= uint64_t{1} << (gap & 63);
+            binSummary_ |= uint64_t{1} << (gap >> 6);
+        }
+        binHeads_[gap] = k;
+        return;
+    }
+    const uint32_t c = SizeClass(gap);
+    nonEmptyClasses_ |= 1u << c;
     uint32_t parent = zk::kNoNode;
     uint32_t* link = &buckets_[c];
     while (*link != zk::kNoNode) {
@@ -284,6 +309,18 @@ void MemoryPool::BucketRemove(MemoryBlock* block) {
     const uint32_t n = block->gapNode;
     const uint32_t newer = block->gapNewer;
     const uint32_t older = block->gapOlder;
+    const uint32_t gap = block->gapAfter;
+    if (gap < binLimit_) {
+        if (newer != zk::kNoNode) {
+            descriptors_[newer].gapOlder = older;
+        } else if ((binHeads_[gap] = older) == zk::kNoNode) { // the bin is empty now
+            if (!(binBits_[gap >> 6] &= ~(uint64_t{1} << (gap & 63))))
+                binSummary_ &= ~(uint64_t{1} << (gap >> 6));
+        }
+        if (older != zk::kNoNode) descriptors_[older].gapNewer = newer;
+        block->gapNewer = block->gapOlder = zk::kNoNode;
+        return;
+    }
     if (newer != zk::kNoNode)
         descriptors_[newer].gapOlder = older;
     else
@@ -313,7 +350,11 @@ void MemoryPool::BucketRemove(MemoryBlock* block) {
 }
 
 uint32_t MemoryPool::LargestGap() const {
-    if (!nonEmptyClasses_) return 0;
+    if (!nonEmptyClasses_) {
+        if (!binSummary_) return 0;
+        const uint32_t w = 63u - static_cast<uint32_t>(std::countl_zero(binSummary_));
+        return w * 64 + 63u - static_cast<uint32_t>(std::countl_zero(binBits_[w]));
+    }
     uint32_t n = buckets_[std::bit_width(nonEmptyClasses_) - 1];
     while (gapNodes_[n].right != zk::kNoNode)
         n = gapNodes_[n].right;
@@ -324,6 +365,14 @@ uint32_t MemoryPool::LargestGap() const {
 // at least the taken size on, in class order (each size's blocks newest
 // first), the first whose gap holds the block at its alignment.
 MemoryBlock* MemoryPool::BestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const {
+    for (uint32_t gap = taken; gap < binLimit_; ++gap) { // the bins first
+        gap = NextBin(gap);
+        if (gap == zk::kGapBinLimit) break;
+        for (uint32_t k = binHeads_[gap]; k != zk::kNoNode; k = descriptors_[k].gapOlder) {
+            MemoryBlock* b = descriptors_ + k;
+            if (FitsFromBottom(GapStart(b), gap, taken, alignment, placement)) return b;
+        }
+    }
     const zk::GapNode* t = gapNodes_;
     uint32_t classes = nonEmptyClasses_ & ~((1u << SizeClass(taken)) - 1u);
     while (classes) {
@@ -358,6 +407,20 @@ MemoryBlock* MemoryPool::BestFit(uint32_t taken, uint32_t alignment, zkAddr* pla
         }
     }
     return nullptr;
+}
+
+// The smallest non-empty bin of at least gap (< kGapBinLimit), or
+// kGapBinLimit when there is none.
+uint32_t MemoryPool::NextBin(uint32_t gap) const {
+    uint32_t w = gap >> 6;
+    uint64_t bits = binBits_[w] & (~uint64_t{0} << (gap & 63));
+    if (!bits) {
+        const uint64_t words = w == 63 ? 0 : binSummary_ & (~uint64_t{0} << (w + 1));
+        if (!words) return zk::kGapBinLimit;
+        w = static_cast<uint32_t>(std::countr_zero(words));
+        bits = binBits_[w];
+    }
+    return w * 64 + static_cast<uint32_t>(std::countr_zero(bits));
 }
 
 // ---- address tree ---------------------------------------------------------------

@@ -2,10 +2,10 @@
 // list whose bookkeeping lives entirely in a table of MemoryBlock descriptors.
 //
 // What it owns: the descriptor table handed out by a DescriptorStore (the
-// descriptors and the address index), the roots of the 32 gap classes and of
-// the address tree, and the pool's lock. It never reads or writes the
-// bytes of the range it manages, and never allocates: a pool can describe any
-// span of addresses, mapped or not.
+// descriptors, the address index, the gap bins and the trees' nodes), the
+// roots of the 32 gap classes and of the address tree, and the pool's lock. It never reads or
+// writes the bytes of the range it manages, and never allocates: a pool can describe any span of
+// addresses, mapped or not.
 //
 // Invariants (kept by Carve and Absorb):
 //   - descriptor 0 is the head block: in use, address = base, size 0, never
@@ -34,12 +34,21 @@
 //     only joins the front of a list, and the tree changes only when a size
 //     appears or disappears. Best fit finds the first size of at least the
 //     request's by one descent and walks on in order only past entries the
-//     alignment rules out. A bit per class says which are non-empty;
+//     alignment rules out. A bit per class says which are non-empty.
+//     In a pool with many descriptors, gaps smaller than kGapBinLimit skip
+//     the trees: each size has a bin
+//     (its list, newest first, headed from a table of kGapBinLimit heads),
+//     and a bit per size with a bit per 64 sizes above them finds the
+//     first non-empty size of at least the request's in two word scans.
+//     The bins, in ascending size, come before the classes of larger gaps,
+//     so the order searched is the same class order;
 //   - the address tree is a treap over all blocks (head included) whose
 //     in-order sequence is the block list, each node holding the largest gap
 //     of its subtree; its nodes form a table of their own beside the
 //     descriptors (node i for descriptor i, 20 bytes each, links as
-//     descriptor numbers, a sentinel for none), which keeps the walks over it in cache. The
+//     descriptor numbers, a sentinel for none, and a copy of the block's
+//     gap), which keeps the walks over it in cache: they read a descriptor
+//     only to place a block in a gap that holds it. The
 //     lowest- and highest-address searches descend into subtrees whose
 //     largest gap can hold the request and skip the rest. Best fit never
 //     needs it, so it is built (in one pass over the list) by the pool's
@@ -47,7 +56,7 @@
 //     that only ever searches best fit does not pay for it;
 //   - the address index, an open-addressing hash table (linear probing, room
 //     for twice as many slots as descriptors, of which a power of two at
-//     least twice the block count is in use: the part doubles as the pool
+//     least four times the block count is in use: the part doubles as the pool
 //     fills and never shrinks) of every block but the head, answers search
 //     by address with one probe sequence; each slot
 //     holds the key (the address's low 32 bits) beside the descriptor's
@@ -104,6 +113,13 @@ static_assert(sizeof(void*) < 8 || sizeof(MemoryBlock) == 64,
 namespace zk {
 
 constexpr uint32_t kGapBucketCount = 32;
+// In a pool of at least kBinnedPoolDescriptors descriptors, gaps below
+// kGapBinLimit sit in bins of one exact size each, found through a two-level
+// bitmap, and larger ones in the gap class trees; smaller pools keep every
+// gap in the trees and spare the bins' 16.5 KiB.
+constexpr uint32_t kGapBinLimit = 4096;
+constexpr uint32_t kGapBinWords = kGapBinLimit / 64;
+constexpr uint32_t kBinnedPoolDescriptors = 1024;
 constexpr uint32_t kAllocationSearchFlags = ZK_ALLOC_TOP | ZK_ALLOC_BOTTOM;
 
 // floor(log2 n) for n >= 2; 0 for 0 and 1.
@@ -238,6 +254,7 @@ private:
     bool FindPlace(uint32_t taken, uint32_t alignment, uint32_t flags, MemoryBlock** owner,
                    zkAddr* placement);
     void BucketInsert(MemoryBlock* block);
+    uint32_t NextBin(uint32_t gap) const;
     void BucketRemove(MemoryBlock* block);
     void GapRotateUp(uint32_t x);
     MemoryBlock* BestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
@@ -273,6 +290,10 @@ private:
     zk::GapNode* gapNodes_ = nullptr;            // the gap class trees' nodes
     uint32_t freeGapNodes_ = zk::kNoNode;
     uint32_t nonEmptyClasses_ = 0;            // bit c: class c has a gap
+    uint64_t* binBits_ = nullptr;             // bit g: the bin of gap size g is not empty
+    uint32_t* binHeads_ = nullptr;            // newest block of each bin's size, kNoNode when empty
+    uint64_t binSummary_ = 0;                 // bit w: word w of binBits_ is not zero
+    uint32_t binLimit_ = 0;                   // kGapBinLimit in a binned pool, else 0
     zk::AddressNode* addressNodes_ = nullptr; // the address tree's nodes
     uint32_t addressRoot_ = zk::kNoNode;      // kNoNode until the tree is built
     uint32_t blockCount_ = 0;

@@ -132,7 +132,8 @@ private:
                                   0xFFFFFFFFu - size_ - rng_() % 0x100,        // 32-bit top
                                   sizeof(zkAddr) == 8 ? 0x7F1234560000ull + rng_() % 0x1000
                                                       : 0x40000000u};
-        base_ = bases[where], descriptors_ = 2 + rng_() % 160, counter_ = 1, sequence_ = 1;
+        base_ = bases[where], descriptors_ = rng_() % 4 ? 2 + rng_() % 160 : 1024 + rng_() % 512,
+        counter_ = 1, sequence_ = 1;
         blocks_.assign(1, {base_, size_, 1, 0, 0, ZK_BLOCK_IN_USE}); // the head block
         pool_ = zkCreateMemoryPool(static_cast<zkAddr>(base_), size_, descriptors_);
         ASSERT_NE(pool_, nullptr);

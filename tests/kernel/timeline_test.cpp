@@ -28,11 +28,10 @@ void SetTimelineVariable(const std::string& value) {
     setting = "QAX_TIMELINE=" + value;
     _putenv(setting.c_str());
 #else
-    if (value.empty()) {
+    if (value.empty())
         unsetenv("QAX_TIMELINE");
-    } else {
+    else
         setenv("QAX_TIMELINE", value.c_str(), 1);
-    }
 #endif
 }
 
@@ -62,28 +61,12 @@ std::string Pattern(size_t size) {
     return s;
 }
 
-json ReadJson(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    EXPECT_TRUE(in.good()) << "no timeline file at " << path;
-    json document = json::parse(in, nullptr, false);
-    EXPECT_FALSE(document.is_discarded()) << "the timeline is not valid JSON";
-    return document;
-}
-
 // The events of one thread in file order, 'M' records left out.
 std::map<int64_t, std::vector<json>> ByThread(const json& events) {
     std::map<int64_t, std::vector<json>> threads;
     for (const json& e : events)
         if (e["ph"] != "M") threads[e["tid"].get<int64_t>()].push_back(e);
     return threads;
-}
-
-std::map<int64_t, std::string> ThreadNames(const json& events) {
-    std::map<int64_t, std::string> names;
-    for (const json& e : events)
-        if (e["ph"] == "M" && e["name"] == "thread_name")
-            names[e["tid"].get<int64_t>()] = e["args"]["name"].get<std::string>();
-    return names;
 }
 
 // A timestamp or duration of the file (microseconds, three decimals) in
@@ -134,6 +117,31 @@ void ExpectWellFormed(const json& document) {
         if (e["ph"] == "f") ++finishes[e["id"].get<std::string>()];
     }
     EXPECT_EQ(starts, finishes) << "every flow that starts must end";
+}
+
+// Reads the recording, checks that it is well formed, and removes the file.
+json ReadRecording(const std::string& path) {
+    json document;
+    {
+        std::ifstream in(path, std::ios::binary);
+        EXPECT_TRUE(in.good()) << "no timeline file at " << path;
+        document = json::parse(in, nullptr, false);
+    }
+    EXPECT_FALSE(document.is_discarded()) << "the timeline is not valid JSON";
+    ExpectWellFormed(document);
+    fs::remove(path);
+    return document;
+}
+
+// Begins and initialises the library with the variable naming a fresh file,
+// which is returned; the variable is unset again.
+std::string StartRecording(const char* name) {
+    const std::string path = FreshPath(name);
+    SetTimelineVariable(path);
+    EXPECT_EQ(zkBeginProcess(0), 0);
+    EXPECT_EQ(zkInitializeEx(kArenaSize, kDescriptors), 0);
+    SetTimelineVariable("");
+    return path;
 }
 
 // ---- one frame loop with everything in it -----------------------------------
@@ -262,16 +270,15 @@ TEST(Timeline, AFrameLoopWithFilesRequestsLoadsAndArchivesIsRecorded) {
     SetTimelineVariable("");
     EXPECT_EQ(g_state.failures, std::vector<std::string>{});
 
-    const json document = ReadJson(path);
-    ExpectWellFormed(document);
+    const json document = ReadRecording(path);
     const json& events = document["traceEvents"];
     const uint32_t frames = g_state.frame;
     EXPECT_EQ(document["otherData"]["droppedEvents"], 0);
 
     // Threads by name: the main thread, the worker, the loader.
     std::map<std::string, int64_t> tidOf;
-    for (const auto& [tid, name] : ThreadNames(events))
-        tidOf[name] = tid;
+    for (const json& e : events)
+        if (e["ph"] == "M" && e["name"] == "thread_name") tidOf[e["args"]["name"]] = e["tid"];
     ASSERT_TRUE(tidOf.count("main") && tidOf.count("I/O worker") && tidOf.count("background load"));
     const int64_t main = tidOf["main"], worker = tidOf["I/O worker"];
 
@@ -377,16 +384,18 @@ TEST(Timeline, AFrameLoopWithFilesRequestsLoadsAndArchivesIsRecorded) {
     ASSERT_EQ(expansions.size(), 1u);
     EXPECT_GT(expansions[0]["args"]["expanded"].get<int64_t>(),
               expansions[0]["args"]["packed"].get<int64_t>());
-    fs::remove(path);
 }
 
 // ---- without the variable, and with a full buffer ------------------------------
 
-TEST(Timeline, WithoutTheVariableNothingIsWritten) {
+// The variable is read when the library starts: set only afterwards, it
+// starts no recording and nothing is written at termination.
+TEST(Timeline, WithoutTheVariableAtStartNothingIsWritten) {
     const std::string path = FreshPath("unset");
     SetTimelineVariable("");
     ASSERT_EQ(zkBeginProcess(0), 0);
     ASSERT_EQ(zkInitializeEx(kArenaSize, kDescriptors), 0);
+    SetTimelineVariable(path);
     ASSERT_TRUE(MountDevice());
     Device().Put("mem:/a.bin", "abc");
     void* data = nullptr;
@@ -395,15 +404,12 @@ TEST(Timeline, WithoutTheVariableNothingIsWritten) {
     zkFreeData(data);
     EXPECT_EQ(zkTerminate(), 0);
     EXPECT_EQ(zkEndProcess(), 0);
+    SetTimelineVariable("");
     EXPECT_FALSE(fs::exists(path));
 }
 
 TEST(Timeline, AFullBufferDropsEventsAndTheFileCountsThem) {
-    const std::string path = FreshPath("full");
-    SetTimelineVariable(path);
-    ASSERT_EQ(zkBeginProcess(0), 0);
-    ASSERT_EQ(zkInitializeEx(kArenaSize, kDescriptors), 0);
-    SetTimelineVariable("");
+    const std::string path = StartRecording("full");
     ASSERT_EQ(zkInitializeProfiler(1, 0), 0);
     zkSetProfileName(0, "tight loop");
     constexpr uint32_t kPairs = 200000; // far more than one thread's buffer holds
@@ -414,25 +420,19 @@ TEST(Timeline, AFullBufferDropsEventsAndTheFileCountsThem) {
     EXPECT_EQ(zkTerminate(), 0);
     EXPECT_EQ(zkEndProcess(), 0);
 
-    const json document = ReadJson(path);
-    ExpectWellFormed(document);
+    const json document = ReadRecording(path);
     const uint64_t dropped = document["otherData"]["droppedEvents"].get<uint64_t>();
     const size_t kept = Named(document["traceEvents"], "tight loop").size();
     EXPECT_GT(dropped, 0u);
     EXPECT_GT(kept, 1000u);
     EXPECT_LT(kept, kPairs);
     EXPECT_GE(kept + dropped, kPairs); // every slice either kept or counted
-    fs::remove(path);
 }
 
 // Several threads record at once, each into its own buffer: every thread's
 // calls are all there, nested and in order.
 TEST(Timeline, ConcurrencyThreadsRecordAtOnce) {
-    const std::string path = FreshPath("threads");
-    SetTimelineVariable(path);
-    ASSERT_EQ(zkBeginProcess(0), 0);
-    ASSERT_EQ(zkInitializeEx(kArenaSize, kDescriptors), 0);
-    SetTimelineVariable("");
+    const std::string path = StartRecording("threads");
     ASSERT_TRUE(MountDevice());
     constexpr int kThreads = 4;
     const int rounds = kThreadSanitizer ? 40 : 200;
@@ -458,8 +458,7 @@ TEST(Timeline, ConcurrencyThreadsRecordAtOnce) {
     EXPECT_EQ(zkEndProcess(), 0);
     EXPECT_EQ(failures, std::vector<int>(kThreads, 0));
 
-    const json document = ReadJson(path);
-    ExpectWellFormed(document);
+    const json document = ReadRecording(path);
     EXPECT_EQ(document["otherData"]["droppedEvents"], 0);
     std::map<std::string, std::set<int64_t>> threadsOfPath;
     std::map<std::string, int> readsOfPath;
@@ -473,7 +472,6 @@ TEST(Timeline, ConcurrencyThreadsRecordAtOnce) {
         EXPECT_EQ(count, rounds) << p;
         EXPECT_EQ(threadsOfPath[p].size(), 1u) << p << " was read by one thread";
     }
-    fs::remove(path);
 }
 
 } // namespace

@@ -1,8 +1,6 @@
 // The trace channel, assertion reports, memory dumps and the library registry.
 #include "support/library_test.h"
 
-#include <algorithm>
-
 namespace {
 
 using zktest::TraceCapture;
@@ -31,13 +29,9 @@ TEST(Trace, EachCallIsOneTextCutTo1023CharactersAndGoesToTheInstalledProcedure) 
 }
 
 TEST(MemoryDump, RowsOfSixteenCellsThenTheRule) {
-    unsigned char bytes[20];
-    for (int i = 0; i < 16; ++i)
-        bytes[i] = static_cast<unsigned char>(0x41 + i);
-    const unsigned char tail[4] = {0x1F, 0x7F, 0x20, 0x7E};
-    std::copy(tail, tail + 4, bytes + 16);
+    const char bytes[] = "ABCDEFGHIJKLMNOP\x1F\x7F\x20\x7E";
     TraceCapture capture;
-    zkDumpMemory(bytes, sizeof(bytes));
+    zkDumpMemory(bytes, sizeof(bytes) - 1);
     zkDumpMemory("x", 0); // zero bytes: only the rule
     const std::string rule = std::string(64, '-') + "\n";
     EXPECT_EQ(capture.Text(), "41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50 ABCDEFGHIJKLMNOP\n"

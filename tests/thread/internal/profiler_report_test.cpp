@@ -139,14 +139,4 @@ TEST_F(ProfilerReport, SwitchedOffStillMeasuresButDoesNotReport) {
     EXPECT_STREQ(profiler_.Slots()[0].name, "");
 }
 
-TEST_F(ProfilerReport, OutOfRangeSlotsAndSecondInitialisation) {
-    profiler_.Begin(4);
-    profiler_.End(4);
-    profiler_.SetName(4, "nope");
-    EXPECT_EQ(profiler_.Initialize(8, &counter_), ZK_ERR_NOT_SUPPORTED);
-    profiler_.SetInterval(0);
-    Frame(9, 1, 1.0);
-    EXPECT_TRUE(Lines().empty());
-}
-
 } // namespace

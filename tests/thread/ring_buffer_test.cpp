@@ -94,7 +94,6 @@ TEST_F(RingBufferTest, OutputsClearedWhenOnePointerIsMissing) {
     EXPECT_EQ(zkLockRingBufferForRead(nullptr, &first, &firstSize, nullptr, nullptr), 0u);
     EXPECT_EQ(first, storage_);
     EXPECT_EQ(zkGetRingBufferDataSize(nullptr) + zkGetRingBufferDataSize(ring_), 5u);
-    zkReleaseRingBuffer(nullptr);
 }
 
 TEST_F(RingBufferTest, OneAtATimeAndNoneWithoutAGuard) {

@@ -1,17 +1,10 @@
-// Differential test: long random sequences of pool operations run against the
-// library (through the exported pool calls) and against a deliberately plain
-// model of the placement rules, in each search mode. Every placement is
-// compared at once; the summary figures every 16 steps; every walk every 128
-// steps and at the end of each pool's life; the block and gap dumps every
-// 4096 steps.
-//
-// The model is a vector of blocks in address order with linear scans and no
-// buckets, in 64-bit arithmetic so that nothing in it can overflow the way an
-// optimised engine might (ranges used with it stay below 2^63). A gap's
-// position among equal gaps of its size class is decided when it is
-// (re)inserted, newest first, so every insertion takes a sequence number and
-// best fit prefers, within a size class, the smallest gap and among equal
-// gaps the highest number.
+// Differential test: long random sequences of pool operations, in each search
+// mode, run against the library and against a deliberately plain model of the
+// placement rules: a vector of blocks in address order, linear scans, 64-bit
+// arithmetic. Placements are compared at once, the summary figures every 16
+// steps, the walks every 128 and the dumps every 4096 steps, and all of them
+// at the end of each pool's life. Among equal gaps of a size class best fit
+// takes the one (re)inserted last, so every insertion takes a sequence number.
 #include "memory/memory_test_util.h"
 
 #include <algorithm>

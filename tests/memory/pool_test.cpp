@@ -49,12 +49,11 @@ TEST_F(PoolTest, ModeNumbersOfAPool) {
     }
 }
 
-TEST_F(PoolTest, SearchByAddressFindsFixedOrLockedBlocksAndLockCountsSaturate) {
+// Which blocks a search by address finds is compared in the differential
+// test; here, a lock count stops at 65535 and counts down from there.
+TEST_F(PoolTest, LockCountsSaturate) {
     MemoryPool* pool = Create(0x1000, 0x1000, 8);
     MemoryBlock* handle = zkAllocMemoryPoolBlock(pool, 0x40, 1);
-    MemoryBlock* fixed = zkAllocMemoryPoolBlockEx(pool, 0x40, 1, ZK_ALLOC_FIXED);
-    zkUnlockMemoryPoolBlock(handle), zkUnlockMemoryPoolBlock(fixed); // 0 stays 0; fixed: none
-    EXPECT_EQ(zkFindMemoryPoolBlock(pool, 0x1040), fixed);
     for (int i = 0; i < 65536 + 10; ++i)
         zkLockMemoryPoolBlock(handle);
     for (int i = 0; i < 65534; ++i)

@@ -7,6 +7,14 @@
 #include <cstring>
 #include <thread>
 
+#if defined(__SANITIZE_ADDRESS__)
+#define ZK_TEST_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ZK_TEST_ASAN 1
+#endif
+#endif
+
 namespace zktest {
 namespace {
 
@@ -154,44 +162,26 @@ TEST(MemoryUtilities, FillZeroCopyAndCopyString) {
     }
 }
 
-} // namespace
-} // namespace zktest
-
-#if defined(__SANITIZE_ADDRESS__)
-#define ZK_TEST_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define ZK_TEST_ASAN 1
-#endif
-#endif
-
 #if defined(ZK_TEST_ASAN)
-namespace zktest {
-namespace {
-
 // Under the address sanitizer the system pool marks its free bytes: one byte
 // read past a block's requested size, or from a freed block, is reported.
-// Reads inside the block are not.
+// Reads inside the block are not, and bytes come back usable with the next
+// block placed there.
 volatile char g_sink;
-
-void ReadAt(const char* p) {
-    g_sink = *p;
-}
 
 TEST_F(SystemMemoryTest, TheSanitizerSeesReadsPastABlockAndAfterItsRelease) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     char* p = static_cast<char*>(zkMalloc(100));
     ASSERT_NE(p, nullptr);
-    ReadAt(p), ReadAt(p + 99); // inside: fine
-    EXPECT_DEATH(ReadAt(p + 100), "use-after-poison");
+    g_sink = p[0], g_sink = p[99];
+    EXPECT_DEATH(g_sink = p[100], "use-after-poison");
     zkFree(p);
-    EXPECT_DEATH(ReadAt(p), "use-after-poison");
-    // The bytes come back usable with the next block placed there.
+    EXPECT_DEATH(g_sink = p[0], "use-after-poison");
     char* q = static_cast<char*>(zkMalloc(100));
-    ReadAt(q + 99);
+    g_sink = q[99];
     zkFree(q);
 }
+#endif
 
 } // namespace
 } // namespace zktest
-#endif

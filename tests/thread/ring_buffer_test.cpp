@@ -18,56 +18,67 @@ protected:
     RingBuffer* ring_ = nullptr;
 };
 
-// Locks and unlocks on a 16-byte ring, with the regions each lock hands out
-// (offsets into the buffer, -1 for null).
-TEST_F(RingBufferTest, RegionsWrapAndUnlocksBeyondTheRegionAreRefused) {
+// What one lock hands out: the count, and up to two pieces.
+struct Region {
+    uint32_t ready, length[2];
+    void* piece[2];
+    // The k-th byte of the region, across the wrap.
+    unsigned char* At(uint32_t k) const {
+        return static_cast<unsigned char*>(piece[k >= length[0]]) +
+               (k >= length[0] ? k - length[0] : k);
+    }
+};
+
+// The outputs start as garbage, so that a lock that clears them shows.
+Region Lock(bool write, RingBuffer* ring) {
+    Region r{99, {99, 99}, {ring, ring}};
+    r.ready = (write ? zkLockRingBufferForWrite : zkLockRingBufferForRead)(
+        ring, &r.piece[0], &r.length[0], &r.piece[1], &r.length[1]);
+    return r;
+}
+
+// The region starts at base + first; a second piece, if any, at base itself;
+// an empty piece is null.
+void ExpectRegion(const Region& r, uint32_t ready, unsigned char* base, uint32_t first,
+                  uint32_t firstLength, uint32_t secondLength) {
+    EXPECT_EQ(r.ready, ready);
+    EXPECT_EQ(r.piece[0], firstLength ? base + first : nullptr);
+    EXPECT_EQ(r.length[0], firstLength);
+    EXPECT_EQ(r.piece[1], secondLength ? base : nullptr);
+    EXPECT_EQ(r.length[1], secondLength);
+}
+
+// Locks and unlocks on a 16-byte ring. Unlocks need no lock before them, and
+// counts beyond what the other side left are refused.
+TEST_F(RingBufferTest, LocksReserveNothingAndUnlocksBeyondTheRegionAreRefused) {
     enum Op { kLockWrite, kLockRead, kUnlockWrite, kUnlockRead };
     const struct {
         Op op;
         uint32_t value; // the lock's result, or the unlock's count
-        int first = -1, firstSize = 0, second = -1, secondSize = 0;
+        uint32_t first = 0, firstLength = 0, secondLength = 0;
     } steps[] = {
-        {kLockWrite, 16, 0, 16, -1, 0}, // a new buffer is all free in one piece
-        {kLockRead, 0, -1, 0, -1, 0},   // nothing to read: outputs cleared
-        {kUnlockWrite, 10},
-        {kLockRead, 10, 0, 10, -1, 0},
-        {kLockRead, 10, 0, 10, -1, 0}, // a lock reserves nothing
-        {kUnlockRead, 10},
-        {kLockWrite, 16, 10, 6, 0, 10}, // free space wraps round to the start
-        {kUnlockWrite, 10},
-        {kLockRead, 10, 10, 6, 0, 4},
-        {kUnlockRead, 40}, // refused: only 10 to read
-        {kUnlockWrite, 7}, // refused: only 6 free
-        {kLockRead, 10, 10, 6, 0, 4},
-        {kLockWrite, 6, 4, 6, -1, 0},
-        {kUnlockWrite, 6},
-        {kLockWrite, 0, -1, 0, -1, 0}, // full
-        {kLockRead, 16, 10, 6, 0, 10},
-        {kUnlockRead, 16},
-        {kLockWrite, 16, 10, 6, 0, 10},
-        // Unlocks with no lock before them: counts within what is there are
-        // taken, however long ago the other side's last lock was.
-        {kUnlockWrite, 3},
-        {kUnlockWrite, 5},
-        {kUnlockRead, 8},
+        {kLockRead, 0},   // nothing to read: outputs cleared
         {kUnlockRead, 1}, // refused: empty
-        {kUnlockWrite, 16},
+        {kUnlockWrite, 10},
+        {kLockRead, 10, 0, 10},
+        {kLockRead, 10, 0, 10}, // a lock reserves nothing
+        {kUnlockWrite, 7},      // refused: only 6 free
+        {kUnlockWrite, 6},
+        {kLockWrite, 0},   // full: outputs cleared
         {kUnlockWrite, 1}, // refused: full
-        {kLockRead, 16, 2, 14, 0, 2},
+        {kUnlockRead, 17}, // refused: only 16 to read
+        {kUnlockRead, 12},
+        {kLockWrite, 12, 0, 12}, // free space up to the reader, in one piece
+        {kUnlockWrite, 10},
+        {kLockRead, 14, 12, 4, 10}, // data wraps round to the start
     };
     for (const auto& step : steps) {
-        void *first = storage_, *second = storage_;
-        uint32_t firstSize = 99, secondSize = 99;
-        const int at = static_cast<int>(&step - steps);
+        SCOPED_TRACE(&step - steps);
         if (step.op == kUnlockWrite) zkUnlockRingBufferForWrite(ring_, step.value);
         if (step.op == kUnlockRead) zkUnlockRingBufferForRead(ring_, step.value);
-        if (step.op >= kUnlockWrite) continue;
-        auto lock = step.op == kLockWrite ? zkLockRingBufferForWrite : zkLockRingBufferForRead;
-        EXPECT_EQ(lock(ring_, &first, &firstSize, &second, &secondSize), step.value) << at;
-        EXPECT_EQ(first, step.first < 0 ? nullptr : storage_ + step.first) << at;
-        EXPECT_EQ(second, step.second < 0 ? nullptr : storage_ + step.second) << at;
-        EXPECT_EQ(firstSize, uint32_t(step.firstSize)) << at;
-        EXPECT_EQ(secondSize, uint32_t(step.secondSize)) << at;
+        if (step.op < kUnlockWrite)
+            ExpectRegion(Lock(step.op == kLockWrite, ring_), step.value, storage_, step.first,
+                         step.firstLength, step.secondLength);
     }
 }
 
@@ -83,7 +94,6 @@ TEST_F(RingBufferTest, OutputsClearedWhenOnePointerIsMissing) {
     EXPECT_EQ(zkLockRingBufferForRead(nullptr, &first, &firstSize, nullptr, nullptr), 0u);
     EXPECT_EQ(first, storage_);
     EXPECT_EQ(zkGetRingBufferDataSize(nullptr) + zkGetRingBufferDataSize(ring_), 5u);
-    zkReleaseRingBuffer(nullptr);
 }
 
 TEST_F(RingBufferTest, OneAtATimeAndNoneWithoutAGuard) {
@@ -125,51 +135,29 @@ TEST(RingBufferWrap, EveryOffsetAndCountRoundTrips) {
             zkUnlockRingBufferForWrite(ring, start), zkUnlockRingBufferForRead(ring, start);
             ASSERT_EQ(zkGetRingBufferDataSize(ring), 0u);
 
-            void* piece[2];
-            uint32_t length[2];
-            ASSERT_EQ(zkLockRingBufferForWrite(ring, &piece[0], &length[0], &piece[1], &length[1]),
-                      kSize);
-            EXPECT_EQ(piece[0], storage + start);
-            EXPECT_EQ(length[0], kSize - start);
-            EXPECT_EQ(piece[1], start ? storage : nullptr);
-            EXPECT_EQ(length[1], start);
+            const Region free = Lock(true, ring);
+            ExpectRegion(free, kSize, storage, start, kSize - start, start);
             const unsigned char first = serial;
-            for (uint32_t k = 0; k < count; ++k, ++serial) {
-                const bool wrapped = k >= length[0];
-                static_cast<unsigned char*>(piece[wrapped])[wrapped ? k - length[0] : k] = serial;
-            }
+            for (uint32_t k = 0; k < count; ++k)
+                *free.At(k) = serial++;
             zkUnlockRingBufferForWrite(ring, count);
             EXPECT_EQ(zkGetRingBufferDataSize(ring), count);
 
             const uint32_t head = std::min(count, kSize - start);
-            ASSERT_EQ(zkLockRingBufferForRead(ring, &piece[0], &length[0], &piece[1], &length[1]),
-                      count);
-            EXPECT_EQ(piece[0], storage + start);
-            EXPECT_EQ(length[0], head);
-            EXPECT_EQ(piece[1], head < count ? storage : nullptr);
-            EXPECT_EQ(length[1], count - head);
-            for (uint32_t k = 0; k < count; ++k) {
-                const bool wrapped = k >= length[0];
-                ASSERT_EQ(static_cast<unsigned char*>(piece[wrapped])[wrapped ? k - length[0] : k],
-                          static_cast<unsigned char>(first + k))
-                    << "byte " << k;
-            }
-            const uint32_t end = (start + count) % kSize;
-            ASSERT_EQ(zkLockRingBufferForWrite(ring, &piece[0], &length[0], &piece[1], &length[1]),
-                      kSize - count);
-            if (count < kSize) {
-                EXPECT_EQ(piece[0], storage + end);
-            }
+            const Region data = Lock(false, ring);
+            ExpectRegion(data, count, storage, start, head, count - head);
+            for (uint32_t k = 0; k < count; ++k)
+                ASSERT_EQ(*data.At(k), static_cast<unsigned char>(first + k)) << "byte " << k;
+            const Region rest = Lock(true, ring);
+            EXPECT_EQ(rest.ready, kSize - count);
+            if (count < kSize) EXPECT_EQ(rest.piece[0], storage + (start + count) % kSize);
             zkUnlockRingBufferForRead(ring, count);
             EXPECT_EQ(zkGetRingBufferDataSize(ring), 0u);
         }
     }
     zkReleaseRingBuffer(ring);
-    EXPECT_EQ(zkLockRingBufferForWrite(ring, nullptr, nullptr, nullptr, nullptr), 0u)
-        << "a released ring has no room";
+    EXPECT_EQ(Lock(true, ring).ready, 0u) << "a released ring has no room";
 }
-
-// ---- one producer thread, one consumer thread ----------------------------------
 
 struct Transfer {
     RingBuffer* ring;
@@ -182,20 +170,16 @@ template <bool kWrite> void ZK_CALL Walk(void* argument) {
     Transfer* t = static_cast<Transfer*>(argument);
     uint64_t position = 0, bad = 0;
     for (uint32_t step = 1; position < t->total; step = step * (kWrite ? 5 : 3) % 1021 + 1) {
-        void* piece[2];
-        uint32_t size[2];
-        uint32_t ready = (kWrite ? zkLockRingBufferForWrite : zkLockRingBufferForRead)(
-            t->ring, &piece[0], &size[0], &piece[1], &size[1]);
-        auto count = static_cast<uint32_t>(std::min<uint64_t>({ready, step, t->total - position}));
+        const Region r = Lock(kWrite, t->ring);
+        auto count =
+            static_cast<uint32_t>(std::min<uint64_t>({r.ready, step, t->total - position}));
         for (uint32_t k = 0; k < count; ++k) {
-            unsigned char* byte = static_cast<unsigned char*>(piece[k < size[0] ? 0 : 1]) +
-                                  (k < size[0] ? k : k - size[0]);
             auto expected = static_cast<unsigned char>((position + k) * 0x9E3779B1u >> 13);
-            kWrite ? void(*byte = expected) : void(bad += *byte != expected);
+            kWrite ? void(*r.At(k) = expected) : void(bad += *r.At(k) != expected);
         }
         (kWrite ? zkUnlockRingBufferForWrite : zkUnlockRingBufferForRead)(t->ring, count);
         position += count;
-        if (ready == 0) std::this_thread::yield();
+        if (r.ready == 0) std::this_thread::yield();
     }
     if (!kWrite) t->received = position, t->mismatches = bad;
 }

@@ -52,41 +52,35 @@ TEST(MemoryEngine, EveryDescriptorOwningADistinctGapSize) {
     ASSERT_EQ(pool.Initialize(kBase, kSize, kCount, store), 0);
     std::vector<MemoryBlock*> blocks(kCount);
     for (uint32_t i = 1; i < kCount; ++i) {
-        blocks[i] = pool.Allocate(i, 256, ZK_ALLOC_TOP, 0);
-        ASSERT_NE(blocks[i], nullptr);
+        ASSERT_NE(blocks[i] = pool.Allocate(i, 256, ZK_ALLOC_TOP, 0), nullptr);
         ASSERT_EQ(blocks[i]->gapAfter, 256 - i);
     }
     EXPECT_EQ(pool.GapCount(), kCount);
     EXPECT_EQ(pool.LargestGap(), kSize - 256 * (kCount - 1)); // the head's
     EXPECT_EQ(pool.Allocate(1, 1, 0, 0), nullptr);            // no descriptor left
-
     // Block 1's gap (255) and bytes join block 2's gap (254): 510.
     pool.Release(blocks[1]);
     EXPECT_EQ(blocks[2]->gapAfter, 510u);
     EXPECT_EQ(pool.GapCount(), kCount - 1);
-    // 200 fits exactly after block 56 and takes that size out of the pool.
-    MemoryBlock* exact = pool.Allocate(200, 1, 0, 0);
-    ASSERT_NE(exact, nullptr);
-    EXPECT_EQ(exact->address, blocks[56]->address + 56);
-    EXPECT_EQ(exact->gapAfter, 0u);
-    EXPECT_EQ(blocks[56]->gapAfter, 0u);
-    // The next 200 goes into the next size up, 201 after block 55.
-    pool.Release(blocks[3]);
-    MemoryBlock* next = pool.Allocate(200, 1, 0, 0);
-    ASSERT_NE(next, nullptr);
-    EXPECT_EQ(next->address, blocks[55]->address + 55);
-    EXPECT_EQ(next->gapAfter, 1u);
-    // Block 4 leaves a 763-byte gap after block 5. A request larger than every
-    // small gap takes the bottom of the head's; 600 takes the 763.
-    pool.Release(blocks[4]);
-    MemoryBlock* large = pool.Allocate(800, 1, 0, 0);
-    ASSERT_NE(large, nullptr);
-    EXPECT_EQ(large->address, kBase);
-    pool.Release(blocks[6]);
-    MemoryBlock* middle = pool.Allocate(600, 1, 0, 0);
-    ASSERT_NE(middle, nullptr);
-    EXPECT_EQ(middle->address, blocks[5]->address + 5);
-    EXPECT_EQ(middle->gapAfter, 163u);
+    // Each row releases a block, then places a request after block `owner`
+    // (0: at the bottom of the head's gap), leaving `gap` after it.
+    const struct {
+        uint32_t release, size, owner, gap;
+    } rows[] = {
+        {0, 200, 56, 0},                               // exactly the gap after block 56
+        {3, 200, 55, 1},                               // the next size up: 201 after block 55
+        {4, 800, 0, kSize - 256 * (kCount - 1) - 800}, // larger than every small gap
+        {6, 600, 5, 163},                              // block 4 left 763 bytes after block 5
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.size);
+        if (row.release) pool.Release(blocks[row.release]);
+        MemoryBlock* placed = pool.Allocate(row.size, 1, 0, 0);
+        ASSERT_NE(placed, nullptr);
+        EXPECT_EQ(placed->address, row.owner ? blocks[row.owner]->address + row.owner : kBase);
+        EXPECT_EQ(placed->gapAfter, row.gap);
+        if (row.owner) EXPECT_EQ(blocks[row.owner]->gapAfter, 0u); // the size left the pool
+    }
     pool.Destroy(store);
 }
 

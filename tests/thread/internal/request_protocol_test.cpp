@@ -1,36 +1,29 @@
 // The request frame protocol over the internal interface that Begin and End
 // functions use: frame layout, statuses, completion on another thread,
 // the completion walk and the continuation order.
-#include "library_fixture.h"
+#include "support/library_test.h"
 #include "test_executor.h"
-
-#include "thread/request.h"
 
 #include <atomic>
 #include <thread>
 
 namespace {
 
-using zktest::AddOperation;
 using zktest::BeginAdd;
 using zktest::EndAdd;
 using zktest::TestExecutor;
 
-class RequestProtocol : public zktest::StartedLibrary {
+class RequestProtocol : public zktest::LibraryTest {
 protected:
     void SetUp() override {
-        StartedLibrary::SetUp();
-        request_ = zkCreateRequest();
-        ASSERT_NE(request_, nullptr);
+        LibraryTest::SetUp();
+        ASSERT_EQ(zkInitializeRequest(16), 0);
+        ASSERT_NE(request_ = zkCreateRequest(), nullptr);
     }
     void TearDown() override {
         EXPECT_EQ(zkReleaseRequest(request_), 0);
-        StartedLibrary::TearDown();
+        LibraryTest::TearDown();
     }
-    zkAddr Position(zk::RequestCursor& cursor) {
-        return reinterpret_cast<zkAddr>(cursor.Reserve(0));
-    }
-
     Request* request_ = nullptr;
 };
 
@@ -42,15 +35,17 @@ TEST_F(RequestProtocol, FrameLayout) {
     {
         zk::RequestWriter writer(request_, 32);
         ASSERT_EQ(writer.Status(), 0);
-        zkAddr start = Position(writer);
-        EXPECT_EQ(start % 8, 0u);
+        auto offset = [&writer, start = writer.Reserve(0)] {
+            return static_cast<char*>(writer.Reserve(0)) - static_cast<char*>(start);
+        };
+        EXPECT_EQ(reinterpret_cast<zkAddr>(writer.Reserve(0)) % 8, 0u);
         writer.Put(&four, 4);
-        EXPECT_EQ(Position(writer) - start, 8u);
+        EXPECT_EQ(offset(), 8);
         writer.Put(bytes, 25); // 8 + 25 passes 32: dropped
         EXPECT_EQ(writer.Reserve(25), nullptr);
-        EXPECT_EQ(Position(writer) - start, 8u);
+        EXPECT_EQ(offset(), 8);
         writer.Put(bytes, 24); // fits exactly
-        EXPECT_EQ(Position(writer) - start, 32u);
+        EXPECT_EQ(offset(), 32);
         EXPECT_EQ(writer.Reserve(1), nullptr);
         request_->NotifyCompletion();
     }
@@ -72,8 +67,7 @@ TEST_F(RequestProtocol, StatusesAndNestedFrames) {
         // Frames nest while a writer is open.
         zk::RequestWriter outer(request_, 4096);
         ASSERT_EQ(outer.Status(), 0);
-        zk::RequestWriter inner(request_, 4096);
-        ASSERT_EQ(inner.Status(), 0);
+        ASSERT_EQ(zk::RequestWriter(request_, 4096).Status(), 0);
     }
     EXPECT_EQ(request_->FrameCount(), 2u);
     EXPECT_EQ(request_->Cursor(), 0u);
@@ -96,20 +90,19 @@ TEST_F(RequestProtocol, StatusesAndNestedFrames) {
 
 TEST_F(RequestProtocol, CompletionOnAnotherThreadWakesTheEndOrThePoll) {
     TestExecutor executor;
-    executor.Hold();
+    executor.Hold(true);
     ASSERT_EQ(BeginAdd(executor, request_, 40, 2), 0);
     EXPECT_EQ(BeginAdd(executor, request_, 1, 1), ZK_ERR_REQUEST_STATE);
     EXPECT_EQ(zkIsRequestCompleted(request_), 0);
     std::thread opener([&] {
         // Let the End start waiting first, most of the time.
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        executor.Go();
+        executor.Hold(false);
     });
     bool checked = false;
     EXPECT_EQ(EndAdd(request_, &checked), 42);
     EXPECT_TRUE(checked);
     opener.join();
-    EXPECT_EQ(executor.Started(), 1u); // the refused Begin queued nothing
     EXPECT_EQ(zkWaitForRequestCompletion(request_), ZK_ERR_REQUEST_STATE);
     EXPECT_EQ(EndAdd(request_), ZK_ERR_REQUEST_STATE);
 
@@ -120,12 +113,9 @@ TEST_F(RequestProtocol, CompletionOnAnotherThreadWakesTheEndOrThePoll) {
     EXPECT_EQ(EndAdd(request_), 11);
 }
 
-// ---- completion walk and continuations --------------------------------------------
-
 struct Event {
     char name;
-    uint32_t cursor;
-    uint32_t argument;
+    uint32_t cursor, argument;
     bool operator==(const Event&) const = default;
 };
 
@@ -144,26 +134,16 @@ struct Step final : zk::Continuation {
     bool completeBelow;
 };
 
-void PushFrame(Request* request, zk::Continuation* continuation, uint32_t argument) {
-    zk::RequestWriter writer(request, 4096);
-    ASSERT_EQ(writer.Status(), 0);
-    writer.SetContinuation(continuation, argument);
-}
-
 TEST_F(RequestProtocol, ContinuationsRunFromTheTopDown) {
     std::vector<Event> log;
-    Step a('A', &log, false);
-    Step b('B', &log, true);
+    Step a('A', &log, false), b('B', &log, true);
     {
         zk::RequestWriter outer(request_, 4096);
         outer.SetContinuation(&a, 7);
-        PushFrame(request_, &b, 9);
+        zk::RequestWriter(request_, 4096).SetContinuation(&b, 9);
     }
     TestExecutor executor;
-    struct Complete final : zktest::Operation {
-        using Operation::Operation;
-        void Execute() override {}
-    } complete(request_);
+    zktest::AddOperation complete{request_, 0, 0};
     executor.Submit(&complete);
     // The inner frame's continuation stops the walk: the outer one stays pending.
     while (request_->FrameState(1) != zk::kFrameCompleted)
@@ -174,34 +154,29 @@ TEST_F(RequestProtocol, ContinuationsRunFromTheTopDown) {
     EXPECT_EQ(zkWaitForRequestCompletion(request_), 0);
     // B ran on frame 1, popped it and completed frame 0; then A ran on frame 0.
     EXPECT_EQ(log, (std::vector<Event>{{'B', 1, 9}, {'A', 0, 7}}));
-    EXPECT_EQ(request_->FrameCount(), 0u);
-    EXPECT_EQ(request_->Cursor(), 0u);
-    EXPECT_EQ(request_->Arena().LiveCount(), 0u);
+    EXPECT_EQ(request_->FrameCount() + request_->Cursor() + request_->Arena().LiveCount(), 0u);
     EXPECT_EQ(zkIsRequestCompleted(request_), 1);
 }
 
 TEST_F(RequestProtocol, UpdateAllRunsReadyContinuations) {
     std::vector<Event> log;
     Step a('A', &log, false);
-    PushFrame(request_, &a, 3);
+    zk::RequestWriter(request_, 4096).SetContinuation(&a, 3);
     zkUpdateAllRequests();
     EXPECT_TRUE(log.empty()); // still pending
     request_->NotifyCompletion();
     EXPECT_EQ(request_->FrameState(0), zk::kFrameCompleted);
     EXPECT_EQ(zkIsRequestCompleted(request_), 1);
     zkUpdateAllRequests();
+    zkUpdateAllRequests(); // nothing left to run
     EXPECT_EQ(log, (std::vector<Event>{{'A', 0, 3}}));
     EXPECT_EQ(request_->FrameCount(), 0u);
-    zkUpdateAllRequests();
-    EXPECT_EQ(log.size(), 1u);
 }
-
-// ---- the arena ---------------------------------------------------------------------
 
 TEST(RequestArena, StackOfEightSixteenByteSteps) {
     alignas(64) static unsigned char block[1024];
     zk::RequestArena arena;
-    zkAddr base = reinterpret_cast<zkAddr>(block);
+    const zkAddr base = reinterpret_cast<zkAddr>(block);
     arena.Initialize(base, sizeof(block));
     EXPECT_EQ(arena.Allocate(1), base);
     EXPECT_EQ(arena.Allocate(17), base + 16);
@@ -221,8 +196,6 @@ TEST(RequestArena, StackOfEightSixteenByteSteps) {
     EXPECT_EQ(arena.Allocate(1), 0u);
 }
 
-// ---- concurrency -------------------------------------------------------------------
-
 constexpr int kRounds = zktest::kThreadSanitizer ? 10000 : 20000;
 
 using RequestStress = RequestProtocol;
@@ -230,10 +203,8 @@ using RequestStress = RequestProtocol;
 // Sixteen requests in flight at once; every other round polls before the End.
 TEST_F(RequestStress, RoundTripsOnSixteenRequests) {
     Request* requests[16] = {request_};
-    for (int i = 1; i < 16; ++i) {
-        requests[i] = zkCreateRequest();
-        ASSERT_NE(requests[i], nullptr);
-    }
+    for (int i = 1; i < 16; ++i)
+        ASSERT_NE(requests[i] = zkCreateRequest(), nullptr);
     TestExecutor executor;
     int wrong = 0;
     for (int round = 0; round < kRounds / 16; ++round) {
@@ -251,18 +222,17 @@ TEST_F(RequestStress, RoundTripsOnSixteenRequests) {
         EXPECT_EQ(zkReleaseRequest(requests[i]), 0);
 }
 
+// Each application thread drives its own request; one executor serves all.
 TEST_F(RequestStress, OneRequestPerThread) {
-    // Each application thread drives its own request; one executor serves all.
     TestExecutor executor;
     Request* requests[4] = {request_, zkCreateRequest(), zkCreateRequest(), zkCreateRequest()};
     std::atomic<int> wrong{0};
     std::vector<std::thread> users;
     for (int t = 0; t < 4; ++t) {
         users.emplace_back([&, t] {
-            for (int round = 0; round < kRounds / 4; ++round) {
-                if (BeginAdd(executor, requests[t], round, t) != 0) ++wrong;
-                if (EndAdd(requests[t]) != round + t) ++wrong;
-            }
+            for (int round = 0; round < kRounds / 4; ++round)
+                wrong += BeginAdd(executor, requests[t], round, t) != 0 ||
+                         EndAdd(requests[t]) != round + t;
         });
     }
     for (std::thread& user : users)

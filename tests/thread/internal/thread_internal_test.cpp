@@ -1,7 +1,7 @@
 // What a thread sees from inside the library: exported threads run below
 // normal priority with their Thread in the current-thread slot, and the
 // initialising thread holds the main thread record until termination.
-#include "library_fixture.h"
+#include "support/library_test.h"
 
 #include "kernel/context.h"
 #include "platform/platform.h"

@@ -173,7 +173,8 @@ TEST_F(SystemMemoryTest, TheSanitizerSeesReadsPastABlockAndAfterItsRelease) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     char* p = static_cast<char*>(zkMalloc(100));
     ASSERT_NE(p, nullptr);
-    g_sink = p[0], g_sink = p[99];
+    g_sink = p[0];
+    g_sink = p[99];
     EXPECT_DEATH(g_sink = p[100], "use-after-poison");
     zkFree(p);
     EXPECT_DEATH(g_sink = p[0], "use-after-poison");

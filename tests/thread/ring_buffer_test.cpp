@@ -150,7 +150,9 @@ TEST(RingBufferWrap, EveryOffsetAndCountRoundTrips) {
                 ASSERT_EQ(*data.At(k), static_cast<unsigned char>(first + k)) << "byte " << k;
             const Region rest = Lock(true, ring);
             EXPECT_EQ(rest.ready, kSize - count);
-            if (count < kSize) EXPECT_EQ(rest.piece[0], storage + (start + count) % kSize);
+            if (count < kSize) {
+                EXPECT_EQ(rest.piece[0], storage + (start + count) % kSize);
+            }
             zkUnlockRingBufferForRead(ring, count);
             EXPECT_EQ(zkGetRingBufferDataSize(ring), 0u);
         }

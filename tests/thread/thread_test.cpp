@@ -63,7 +63,9 @@ TEST(ThreadTable, NullForeignReleasedAndStaleHandlesAreRefused) {
         EXPECT_EQ(zkReleaseThread(handle), ZK_ERR_INVALID_HANDLE);
         EXPECT_EQ(zkIsThreadRunning(handle), 0);
         zkWaitForThread(handle);
-        if (handle == stale && !owner) ASSERT_NE(owner = zkCreateThread(0), nullptr);
+        if (handle == stale && !owner) {
+            ASSERT_NE(owner = zkCreateThread(0), nullptr);
+        }
     }
     ASSERT_EQ(zkStartThread(owner, count, &ran), 0);
     zkWaitForThread(stale); // does not wait for the new owner's run

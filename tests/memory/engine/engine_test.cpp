@@ -79,7 +79,9 @@ TEST(MemoryEngine, EveryDescriptorOwningADistinctGapSize) {
         ASSERT_NE(placed, nullptr);
         EXPECT_EQ(placed->address, row.owner ? blocks[row.owner]->address + row.owner : kBase);
         EXPECT_EQ(placed->gapAfter, row.gap);
-        if (row.owner) EXPECT_EQ(blocks[row.owner]->gapAfter, 0u); // the size left the pool
+        if (row.owner) {
+            EXPECT_EQ(blocks[row.owner]->gapAfter, 0u); // the size left the pool
+        }
     }
     pool.Destroy(store);
 }

@@ -495,16 +495,15 @@ void MemoryPool::AddressInsertAfter(MemoryBlock* owner, MemoryBlock* ownerNext,
         t[s].left = k;
         t[k].parent = s;
     }
-    // Owner's gap has changed too, and owner is the new node's parent or an
-    // ancestor of it: one pass up from the new node refreshes both, going on
-    // at least up to owner and then up to the first node that stays the same.
-    bool belowOwner = true;
-    for (uint32_t b = t[k].parent; b != nil; b = t[b].parent) {
-        const uint32_t largest = LargestOf(b);
-        if (largest == t[b].largestGapBelow && (!belowOwner || b == o)) break;
-        t[b].largestGapBelow = largest;
-        if (b == o) belowOwner = false;
-    }
+    // Below owner (the new node's parent or an ancestor of it) each subtree
+    // on the way up only gains the new gap: its largest rises to it, and
+    // once one already holds as much, so do the rest below owner. Owner's
+    // own gap has changed, so from owner up the largest gaps are computed
+    // again until one stays the same.
+    const uint32_t gap = block->gapAfter;
+    for (uint32_t b = t[k].parent; b != o && t[b].largestGapBelow < gap; b = t[b].parent)
+        t[b].largestGapBelow = gap;
+    AddressRefresh(o);
     const uint32_t priority = Priority(k);
     while (t[k].parent != nil && priority > Priority(t[k].parent))
         AddressRotateUp(k);
@@ -807,8 +806,15 @@ void MemoryPool::Absorb(MemoryBlock* block) {
     BucketInsert(before);
     if (block->gapAfter) BucketRemove(block);
     if (addressRoot_ != zk::kNoNode) {
-        addressNodes_[Number(before)].gap = before->gapAfter;
-        AddressRefresh(Number(before));
+        // Before's gap only grew: it and its ancestors rise to it until one
+        // already holds as much. The block's own gap was part of it, so its
+        // leaving lowers nothing above before.
+        const uint32_t grown = before->gapAfter;
+        addressNodes_[Number(before)].gap = grown;
+        for (uint32_t b = Number(before);
+             b != AddressNil() && addressNodes_[b].largestGapBelow < grown;
+             b = addressNodes_[b].parent)
+            addressNodes_[b].largestGapBelow = grown;
         AddressRemove(block);
     }
     if (block->next)

@@ -41,11 +41,12 @@ TEST(KivPacker, PackedDataExpandsBackThroughBothExpanders) {
         EXPECT_TRUE(std::equal(in.begin(), in.end(), plain.begin())) << "input " << k;
         _zkSlideExpand(fast.data(), packed.data(), uint32_t(packed.size()));
         EXPECT_TRUE(std::equal(in.begin(), in.end(), fast.begin())) << "input " << k;
-        EXPECT_EQ(fast[in.size()], 0xEE) << "input " << k;
+        EXPECT_EQ(fast[in.size()], 0xEE) << "input " << k; // nothing written past the stream
         if (k % 4 == 2 && in.size() > 100) {
             EXPECT_LT(packed.size(), in.size() / 8) << "zeros pack well";
         }
     }
+    _zkSlideExpand(nullptr, inputs.back().data(), 100); // ignored, no crash
 }
 
 TEST(KivPacker, LaysOutTheTwoItemArchiveByteForByte) {

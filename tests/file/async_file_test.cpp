@@ -1,7 +1,6 @@
 // Asynchronous open, close and read through requests, whole-file loads and
-// background loads: the results a caller sees, seen through the memory device
-// (which can hold a call inside the driver, so "still running" is observed
-// without timing), and a host file streamed in pieces while frames run.
+// background loads, on the memory device (which holds a call inside the driver
+// so that "still running" is seen without timing), and a streamed host file.
 #include "file/memory_device.h"
 
 #include <filesystem>
@@ -10,8 +9,6 @@
 
 namespace zktest {
 namespace {
-
-using Codes = std::vector<int64_t>;
 
 class AsyncFiles : public MemoryDeviceTest {
 protected:
@@ -25,16 +22,21 @@ protected:
         zkReleaseRequest(request_);
         MemoryDeviceTest::TearDown();
     }
-    static uint32_t UsedBlocks() {
-        MemoryInfo info{};
-        zkGetMemoryInfo(&info);
-        return info.blockCount;
-    }
     // Begin and End of an open of path: {begin, end, handle given}.
     Codes Open(const char* path, FileHandle** handle) {
         const int32_t begun = zkBeginOpenFile(path, ZK_OPEN_READ, 0, request_);
         const int32_t ended = zkEndOpenFile(handle, request_);
         return {begun, ended, handle && *handle ? 1 : 0};
+    }
+    // Begin and End of a read: {begin, end, bytes delivered}.
+    Codes Read(FileHandle* h, void* buffer, uint32_t size) {
+        uint32_t got = 99;
+        const int32_t begun = zkBeginReadFile(h, buffer, size, request_);
+        return {begun, zkEndReadFile(&got, request_), got};
+    }
+    Codes Close(FileHandle* h) {
+        const int32_t begun = zkBeginCloseFile(h, request_);
+        return {begun, zkEndCloseFile(request_)};
     }
     Request* request_ = nullptr;
 };
@@ -56,32 +58,24 @@ TEST_F(AsyncFiles, BeginAndEndGiveTheResultsOfTheSynchronousCalls) {
 
     zkResetTotalBytesRead();
     char buffer[32] = {};
-    uint32_t got = 99;
-    EXPECT_EQ(Codes({zkBeginReadFile(h, buffer, 10, request_), zkEndReadFile(&got, request_), got}),
-              Codes({0, 0, 10}));
-    EXPECT_EQ(std::string(buffer, 10), "0123456789");
-    EXPECT_EQ(Codes({zkBeginReadFile(h, buffer, 32, request_), zkEndReadFile(&got, request_), got}),
-              Codes({0, 0, 6})); // the rest of the file
-    EXPECT_EQ(std::string(buffer, 6), "abcdef");
+    EXPECT_EQ(Read(h, buffer, 10), Codes({0, 0, 10}));
+    EXPECT_EQ(Read(h, buffer + 10, 32), Codes({0, 0, 6})); // the rest of the file
+    EXPECT_EQ(std::string(buffer, 16), "0123456789abcdef");
     EXPECT_EQ(zkGetTotalBytesRead(), 16u);
-    EXPECT_EQ(Codes({zkBeginReadFile(h, nullptr, 4, request_), zkEndReadFile(&got, request_)}),
-              Codes({0, -3}));
+    EXPECT_EQ(Read(h, nullptr, 4), Codes({0, -3, 0}));
 
-    EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}), Codes({0, 0}));
-    EXPECT_EQ(zkGetOpenFileCount(), openBefore);
+    EXPECT_EQ(Close(h), Codes({0, 0}));
     // The failed open gave its file object back, so did the open with a null
     // handle pointer, and this close.
+    EXPECT_EQ(Codes({zkGetOpenFileCount(), Device().Count(kFileClose)}), Codes({openBefore, 3}));
+    // A closed or null handle: -4 from End, nothing delivered, nothing reaching the driver.
+    EXPECT_EQ(Read(h, buffer, 4), Codes({0, -4, 0}));
+    EXPECT_EQ(Close(h), Codes({0, -4}));
+    EXPECT_EQ(Close(nullptr), Codes({0, -4}));
     EXPECT_EQ(Device().Count(kFileClose), 3u);
-    // A closed handle: the read ends with -4 and nothing delivered; the close with -4.
-    got = 99;
-    EXPECT_EQ(Codes({zkBeginReadFile(h, buffer, 4, request_), zkEndReadFile(&got, request_), got}),
-              Codes({0, -4, 0}));
-    EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}), Codes({0, -4}));
-    EXPECT_EQ(Codes({zkBeginCloseFile(nullptr, request_), zkEndCloseFile(request_)}),
-              Codes({0, -4}));
-    EXPECT_EQ(Device().Count(kFileClose), 3u); // neither reached the driver
 
-    // Null and released requests: nothing is queued.
+    // Null requests: nothing is queued.
+    uint32_t got = 0;
     EXPECT_EQ(Codes({zkBeginOpenFile("/m/a.bin", 0, 0, nullptr), zkEndOpenFile(&h, nullptr),
                      zkBeginReadFile(h, buffer, 1, nullptr), zkEndReadFile(&got, nullptr),
                      zkBeginCloseFile(h, nullptr), zkEndCloseFile(nullptr)}),
@@ -107,9 +101,8 @@ TEST_F(AsyncFiles, TheOperationRunsOnTheWorkerWhileTheCallerGoesOn) {
     // Driver failures come back through End: a failing read, a missing file
     // answered with -57 (reported as -51).
     Device().plan.faults[kFileRead] = {2, 3, -35}; // the second read
-    EXPECT_EQ(Codes({zkBeginReadFile(h, buffer, 8, request_), zkEndReadFile(&got, request_)}),
-              Codes({0, -35}));
-    EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}), Codes({0, 0}));
+    EXPECT_EQ(Read(h, buffer, 8), Codes({0, -35, 0}));
+    EXPECT_EQ(Close(h), Codes({0, 0}));
     Device().plan.missing = -57;
     EXPECT_EQ(Open("/m/none.bin", &h), Codes({0, -51, 0}));
 }
@@ -138,8 +131,7 @@ TEST_F(AsyncFiles, WholeFileLoads) {
     Device().plan.piece = 0;
     EXPECT_EQ(Codes({zkLoadDataFromFile("/m/big.bin", &data, &size), data != nullptr, size}),
               Codes({-11, 0, 0}));
-    EXPECT_EQ(UsedBlocks(), blocks);
-    EXPECT_EQ(zkGetOpenFileCount(), 0u);
+    EXPECT_EQ(Codes({UsedBlocks(), zkGetOpenFileCount()}), Codes({blocks, 0}));
 }
 
 TEST_F(AsyncFiles, BackgroundLoadsAreCollectedOnceAndFreedAtClose) {
@@ -178,14 +170,12 @@ TEST_F(AsyncFiles, BackgroundLoadsAreCollectedOnceAndFreedAtClose) {
             Device().Release();
         });
         if (asyncClose) {
-            EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}),
-                      Codes({0, 0}));
+            EXPECT_EQ(Close(h), Codes({0, 0}));
         } else {
             zkCloseFile(h);
         }
         releaser.join();
-        EXPECT_EQ(zkGetOpenFileCount(), 0u);
-        EXPECT_EQ(UsedBlocks(), blocks);
+        EXPECT_EQ(Codes({zkGetOpenFileCount(), UsedBlocks()}), Codes({0, blocks}));
         // The loading thread opened, read and closed its own file object.
         EXPECT_EQ(Device().Log({kFileOpen, kFileRead, kFileClose}).back().slot, kFileClose);
     }
@@ -247,7 +237,7 @@ TEST_F(AsyncFiles, StreamingAHostFileWhileFramesRun) {
     }
     EXPECT_EQ(bad, 0u);
     EXPECT_GE(frames, kChunks);
-    EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}), Codes({0, 0}));
+    EXPECT_EQ(Close(h), Codes({0, 0}));
     zkReleaseRequest(second);
     std::filesystem::remove(path);
 }

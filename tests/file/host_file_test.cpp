@@ -1,6 +1,5 @@
-// Real files through the host device: the same tests run against the Win32
-// file calls (wine legs) and the POSIX backend. Everything happens under
-// /host_files, a folder in the executable's directory (the root mount).
+// Real files through the host device, on the Win32 calls (wine) and the POSIX
+// backend, under /host_files in the executable's directory (the root mount).
 #include "support/library_test.h"
 
 #include <algorithm>

@@ -1,7 +1,6 @@
-// The archive tool: its packer's output expands back through the library,
-// archives have the documented layout, and the program packs, lists,
-// extracts and verifies a tree of a few thousand files with odd names, whose
-// every item the library then reads in both modes.
+// The archive tool: its packer's output expands back through the library and
+// has the documented layout; the program packs, lists, extracts and verifies
+// a tree of 2000 files with odd names, which the library then reads back.
 #include "archive/archive_builder.h"
 #include "kiv_check.h"
 #include "support/library_test.h"
@@ -102,12 +101,10 @@ protected:
 };
 
 TEST_F(KivTool, PacksExtractsAndVerifiesATreeThatTheLibraryReadsBack) {
-    // ~2000 files: nested folders, upper case, Shift_JIS bytes (where file
-    // names are bytes), empty files and a few larger ones.
+    // Nested folders (differing in more than case: Windows folds it), upper
+    // case, Shift_JIS bytes where names are bytes, empty files, a few large ones.
     std::map<std::string, std::string> tree;
     std::mt19937 random(5);
-    // Folder names differ in more than case: on Windows "Data" and "data" would
-    // be one folder.
     const char* folders[] = {"", "Data/", "levels/Maps/", "snd/se/", "a/b/c/d/"};
 #if !defined(_WIN32)
     const std::string sjis = "\x83\x65\x83\x58\x83\x67"; // a katakana word

@@ -144,8 +144,8 @@ TEST_F(Archives, ChildrenNestTwoLevelsInBothModesAndInsideImages) {
                 EXPECT_EQ(Load(g, "leaf.txt"), "deep");
                 EXPECT_EQ(zkGetOpenKivCount(), 3u);
                 // An item of 19 bytes is no archive, held in memory or not.
-                EXPECT_EQ(zkOpenChildKiv(g, "tiny", 0), nullptr);
-                EXPECT_EQ(zkOpenChildKiv(g, "tiny", ZK_KIV_MEMORY_IMAGE), nullptr);
+                for (const uint32_t mode : {0u, ZK_KIV_MEMORY_IMAGE})
+                    EXPECT_EQ(zkOpenChildKiv(g, "tiny", mode), nullptr);
                 EXPECT_EQ(zkOpenChildKiv(g, "missing", 0), nullptr);
                 zkCloseKiv(g);
                 zkCloseKiv(c);
@@ -189,11 +189,10 @@ TEST_F(Archives, ItemStreamsReadSeekAndStopAtTheEnd) {
             {-5, 2, 0, 0}, {10, 0, 0, 3}, {1, 0, 0, 1},  {1, 1, 0, 2},  {-1, 1, 0, 1},
             {-9, 1, 0, 0}, {5, 2, 0, 3},  {-1, 2, 0, 2}, {1, 3, -3, 2}, {-3, 0, 0, 0},
         };
-        for (const auto& k : seeks) {
-            EXPECT_EQ(zkSeekKivItem(s, int32_t(k[0]), uint32_t(k[1]), &position), k[2])
+        for (const auto& k : seeks)
+            EXPECT_EQ(Codes({zkSeekKivItem(s, int32_t(k[0]), uint32_t(k[1]), &position), position}),
+                      Codes({k[2], k[3]}))
                 << k[0] << "," << k[1];
-            EXPECT_EQ(position, uint32_t(k[3])) << k[0] << "," << k[1];
-        }
         EXPECT_EQ(Codes({zkReadKivItem(s, nullptr, 1, &got), got}), Codes({-3, 0}));
         zkCloseKivItem(s);
         zkCloseKivItem(s); // nothing the second time
@@ -238,11 +237,12 @@ TEST_F(Archives, ArgumentsAndModesAreCheckedInOrder) {
     EXPECT_EQ(load(byName, "b", true), Codes({-14, 0, 0}));
     EXPECT_EQ(Codes({zkLoadKivItemByIndex(byName, 0, &p, &size), p != nullptr, size}),
               Codes({-6, 0, 0}));
-    EXPECT_EQ(zkLoadKivItemByIndex(byIndex, 1, &p, &size), -14);
-    EXPECT_EQ(zkLoadKivItemByIndex(closed, 0, &p, &size), -4);
-    EXPECT_EQ(zkGetKivItem(byIndex, "a", &p, &size), -6);
-    EXPECT_EQ(zkGetKivItemByIndex(byName, 0, &p, &size), -6);
-    EXPECT_EQ(zkGetKivItemByIndex(byIndex, 1, &p, &size), -14);
+    EXPECT_EQ(
+        Codes({zkLoadKivItemByIndex(byIndex, 1, &p, &size),
+               zkLoadKivItemByIndex(closed, 0, &p, &size), zkGetKivItem(byIndex, "a", &p, &size),
+               zkGetKivItemByIndex(byName, 0, &p, &size),
+               zkGetKivItemByIndex(byIndex, 1, &p, &size)}),
+        Codes({-14, -4, -6, -6, -14}));
     EXPECT_EQ(Codes({zkGetKivItemByIndex(byIndex, 0, &p, &size), size, *static_cast<char*>(p)}),
               Codes({0, 1, '1'}));
     EXPECT_EQ(zkGetKivItemCount(closed) + zkGetKivItemCount(nullptr), 0u);
@@ -271,10 +271,9 @@ TEST_F(Archives, TheTablesHoldThirtyTwoAndClosingAParentClosesWhatCameFromIt) {
     EXPECT_EQ(zkOpenChildKiv(open[0], "child.kiv", 0), nullptr); // no record for it
     zkCloseKiv(open.back());
     open.pop_back();
-    EXPECT_EQ(zkGetOpenKivCount(), 31u);
     KivArchive* c = zkOpenChildKiv(open[0], "child.kiv", 0);
     ASSERT_NE(c, nullptr);
-    EXPECT_EQ(zkGetOpenKivCount(), 32u);
+    EXPECT_EQ(zkGetOpenKivCount(), 32u); // the closed record was taken again
 
     std::vector<KivItemStream*> streams;
     for (int i = 0; i < 32; ++i)
@@ -286,13 +285,12 @@ TEST_F(Archives, TheTablesHoldThirtyTwoAndClosingAParentClosesWhatCameFromIt) {
     // Closing the parent closes its child and the child's sixteen streams;
     // their handles then answer as closed ones.
     zkCloseKiv(open[0]);
-    EXPECT_EQ(zkGetOpenKivCount(), 30u);
-    EXPECT_EQ(zkGetOpenKivItemCount(), 16u);
+    EXPECT_EQ(Codes({zkGetOpenKivCount(), zkGetOpenKivItemCount()}), Codes({30, 16}));
     uint32_t got = 5;
     char buffer[4];
-    EXPECT_EQ(Codes({zkReadKivItem(streams[1], buffer, 4, &got), got}), Codes({-4, 0}));
+    EXPECT_EQ(Codes({zkReadKivItem(streams[1], buffer, 4, &got), got, zkGetKivItemCount(c)}),
+              Codes({-4, 0, 0}));
     EXPECT_EQ(Codes({zkReadKivItem(streams[0], buffer, 4, &got), got}), Codes({0, 2}));
-    EXPECT_EQ(zkGetKivItemCount(c), 0u);
     zkCloseKiv(c); // already closed with its parent: nothing
     for (size_t i = 1; i < open.size(); ++i)
         zkCloseKiv(open[i]);

@@ -1,6 +1,5 @@
-// Corners of the format the archive calls cannot show: names without
-// terminator or without a name, the data origin of both header lengths, the
-// buffered file source, and the archive device's name matching and try counts.
+// Corners the archive calls cannot show: names without terminator or without
+// a name, the buffered file source, the archive device's names and try counts.
 #include "archive/archive_builder.h"
 #include "archive/kiv_archive.h"
 #include "archive/kiv_reader.h"
@@ -16,38 +15,15 @@ int32_t OpenMemory(const std::string& bytes, uint32_t flags, zk::KivDirectory* d
 
 class KivReader : public LibraryTest {};
 
-// The 65-byte archive of two items a (3 bytes) and b (2 bytes): a 32-byte
-// header, entries at 32 and 44, names at 56, data at 60 (KivPacker checks its bytes).
-std::string Minimal() {
-    PackOptions options;
-    options.header48 = options.nameOrder = false;
-    return Pack({Item("a", "AAA"), Item("b", "BB")}, options);
-}
-
-TEST_F(KivReader, TheMinimalArchiveAndBothDataOrigins) {
-    std::string s = Minimal();
-    zk::KivDirectory d;
-    ASSERT_EQ(OpenMemory(s, 0, &d), 0);
-    EXPECT_EQ(d.dataOrigin, 60u);
-    EXPECT_EQ(Codes({d.Find("a"), d.Find("b"), d.Find(""), d.Find("ab")}), Codes({0, 1, -1, -1}));
-    EXPECT_EQ(d.Entry(1).dataOffset, 3u);
-    d.Release();
-    // The packer's output with a 48-byte header and a packed directory takes
-    // its origin from offset 36.
-    PackOptions packed;
-    packed.packedDirectory = true;
-    const std::string p = Pack({Item("a", "AAA"), Item("b", "BB")}, packed);
-    ASSERT_EQ(OpenMemory(p, 0, &d), 0);
-    EXPECT_EQ(d.dataOrigin, Get32(p, 36));
-    EXPECT_EQ(p.substr(d.dataOrigin + d.Entry(uint32_t(d.Find("b"))).dataOffset, 2), "BB");
-    d.Release();
-}
-
 // Entries whose name offset lies outside the name area have no name: they
 // never match and never make the reader read outside the area, nor does a
 // last name without its terminator.
 TEST_F(KivReader, NamesNeverReachPastTheNameArea) {
-    std::string s = Minimal();
+    // Two items a and b: a 32-byte header, entries at 32 and 44, names at 56
+    // (the bytes KivPacker.LaysOutTheTwoItemArchiveByteForByte checks).
+    PackOptions options;
+    options.header48 = options.nameOrder = false;
+    std::string s = Pack({Item("a", "AAA"), Item("b", "BB")}, options);
     Put32(s, 32, 4);      // entry 0 names nothing
     s[59] = 'c';          // "b" loses its terminator: the area ends "bc"
     Put16(s, 18, 0x0001); // folded names, not stored in name order: sorted
@@ -63,21 +39,6 @@ TEST_F(KivReader, NamesNeverReachPastTheNameArea) {
     }
     // The child's own bytes are not folded or sorted in place.
     EXPECT_EQ(s.substr(56, 4), std::string("a\0bc", 4));
-}
-
-TEST_F(KivReader, ByIndexOrdersNameOrderedArchivesByDataOffset) {
-    std::string s = Minimal();
-    // Swap the entries' data offsets: a's bytes come after b's.
-    Put32(s, 36, 2), Put32(s, 48, 0);
-    Put16(s, 18, 0x0004);
-    zk::KivDirectory d;
-    ASSERT_EQ(OpenMemory(s, zk::kKivByIndex, &d), 0);
-    EXPECT_EQ(Codes({d.Entry(0).nameOffset, d.Entry(1).nameOffset}), Codes({2, 0}));
-    d.Release();
-    Put16(s, 18, 0); // stored order kept
-    ASSERT_EQ(OpenMemory(s, zk::kKivByIndex, &d), 0);
-    EXPECT_EQ(Codes({d.Entry(0).nameOffset, d.Entry(1).nameOffset}), Codes({0, 2}));
-    d.Release();
 }
 
 class KivSourceTest : public MemoryDeviceTest {};

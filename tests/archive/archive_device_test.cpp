@@ -1,5 +1,4 @@
-// Mounted archives: items read through the ordinary file calls, the ten
-// device slots, and what mounting and unmounting leave behind.
+// Mounted archives: items through the file calls, the ten device slots, unmounting.
 #include "archive/archive_builder.h"
 #include "file/memory_device.h"
 
@@ -92,8 +91,6 @@ TEST_F(MountedArchives, RefusalsLeaveNoArchiveOpenAndNoSlotTaken) {
         EXPECT_EQ(zkUnmountKiv(m.c_str()), 0);
 }
 
-// Device files still open when their archive is unmounted read nothing more
-// (the archive's memory is gone); closing them still gives them back.
 TEST_F(MountedArchives, FilesLeftOpenAcrossAnUnmountFailInsteadOfReadingFreedMemory) {
     ASSERT_EQ(zkMountKiv("/data", "/m/game.kiv", ZK_KIV_MEMORY_IMAGE), 0);
     FileHandle* f = zkOpenFile("/data/top.txt", ZK_OPEN_READ, 0);
@@ -106,8 +103,7 @@ TEST_F(MountedArchives, FilesLeftOpenAcrossAnUnmountFailInsteadOfReadingFreedMem
     zkCloseFile(f);
 }
 
-// Reads of two mounted archives from several threads at once, each through
-// the I/O worker, while another thread loads items through the archive calls.
+// Two mounts read from two threads while a third loads items through the archive calls.
 TEST_F(MountedArchives, Concurrency_ReadsFromSeveralThreads) {
     ASSERT_EQ(zkMountKiv("/data", "/m/game.kiv", 0), 0);
     ASSERT_EQ(zkMountKiv("/img", "/m/game.kiv", ZK_KIV_MEMORY_IMAGE), 0);

@@ -1,5 +1,4 @@
-// The archive calls as an application sees them, in directory and memory-image
-// mode, on archives kept on the memory device (mounted at /m).
+// The archive calls in directory and memory-image mode, on archives on the memory device.
 #include "archive/archive_builder.h"
 #include "file/memory_device.h"
 
@@ -43,8 +42,6 @@ const std::vector<PackItem> kItems = {
     Item("dir/sub/long.dat", std::string(5000, 'x') + "end"),
 };
 
-// Every layout, every open mode: each item's bytes by name (both modes give
-// the same bytes), and by index in the order the format promises.
 TEST_F(Archives, EveryLayoutGivesTheSameItemsByNameAndByIndexInBothModes) {
     for (const Layout& layout : AllLayouts()) {
         SCOPED_TRACE(layout.name);
@@ -297,8 +294,6 @@ TEST_F(Archives, TheTablesHoldThirtyTwoAndClosingAParentClosesWhatCameFromIt) {
     EXPECT_EQ(zkGetOpenKivItemCount(), 0u);
 }
 
-// Damaged files and failing reads: every open fails cleanly and gives back
-// what it took; item data that runs past the archive is reported.
 TEST_F(Archives, DamagedArchivesAreRefusedAndShortItemsReported) {
     PackOptions packed;
     packed.packedDirectory = true;

@@ -1,6 +1,4 @@
-// Asynchronous open, close and read through requests, whole-file loads and
-// background loads, on the memory device (which holds a call inside the driver
-// so that "still running" is seen without timing), and a streamed host file.
+// Requests, whole-file and background loads (a held driver call shows "still running").
 #include "file/memory_device.h"
 
 #include <filesystem>
@@ -192,9 +190,7 @@ TEST_F(AsyncFiles, BackgroundLoadsAreCollectedOnceAndFreedAtClose) {
     EXPECT_EQ(UsedBlocks(), blocks);
 }
 
-// A host file of 64 MiB read in 64 KiB pieces on two requests while a loop of
-// frames goes on: each frame collects what has completed and begins the next
-// read; the bytes arrive whole and in order.
+// 64 MiB in 64 KiB reads on two requests, one collected per frame, whole and in order.
 TEST_F(AsyncFiles, StreamingAHostFileWhileFramesRun) {
     constexpr uint32_t kWords = 16 * 1024, kChunks = kThreadSanitizer ? 64 : 1024;
     char root[261];
@@ -238,8 +234,6 @@ TEST_F(AsyncFiles, StreamingAHostFileWhileFramesRun) {
     std::filesystem::remove(path);
 }
 
-// Threads each streaming their own file through their own request beside a
-// background load.
 TEST_F(AsyncFiles, ConcurrencyOwnRequestsBesideABackgroundLoad) {
     for (int t = 0; t < 4; ++t)
         Device().Put("mem:/t" + std::to_string(t), std::string(4096, char('a' + t)));

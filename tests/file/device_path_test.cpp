@@ -1,5 +1,4 @@
-// Devices, paths and mounts: full paths, splitting, resolution through the
-// mount table, mounting rules, driver lookup and the device-level calls.
+// Devices, paths and mounts: full paths, splitting, resolution, mount rules, device calls.
 #include "file/memory_device.h"
 
 namespace zktest {
@@ -7,8 +6,7 @@ namespace {
 
 using Paths = MemoryDeviceTest;
 
-// How far each virtual member function's vtable slot lies from its place in
-// the list (Itanium C++ ABI: the pointer holds 1 + the slot's byte offset).
+// Each vtable slot's distance from its place in the list (Itanium ABI: 1 + byte offset).
 template <typename... F> std::vector<size_t> SlotsOf(F... f) {
     std::vector<size_t> slots;
     auto add = [&](auto pointer) {

@@ -1,8 +1,5 @@
-// Failure walks. Device faults: each slot of the driver fails at each position
-// of a working sequence. Allocation failures: the k-th allocation of each
-// allocating path of the file layer is refused, for every k until the path no
-// longer allocates that many blocks. Whatever fails leaves no handle, file
-// object, listing or block behind, and the same work succeeds once nothing fails.
+// Device-fault and allocation-failure walks: whatever fails leaves nothing behind,
+// and the same work succeeds once nothing fails.
 #include "file/memory_device.h"
 
 #include <functional>
@@ -10,8 +7,7 @@
 namespace zktest {
 namespace {
 
-// The working sequence; true when every step succeeded. Every step runs
-// whatever failed before it.
+// True when every step succeeded; every step runs whatever failed before it.
 bool RunSequence() {
     char buffer[64], entry[64];
     uint32_t got = 0, position = 0, size = 0;

@@ -1,5 +1,4 @@
-// Files, the worker's behaviour seen through the memory device, directories,
-// restarts and concurrent use.
+// Files on the memory device: handles, tries, the worker, directories, restarts, threads.
 #include "file/memory_device.h"
 
 #include <atomic>

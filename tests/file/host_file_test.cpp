@@ -1,5 +1,4 @@
-// Real files through the host device, on the Win32 calls (wine) and the POSIX
-// backend, under /host_files in the executable's directory (the root mount).
+// Real files through the host device (Win32 or POSIX) under /host_files of the root mount.
 #include "support/library_test.h"
 
 #include <algorithm>
@@ -156,8 +155,7 @@ TEST_F(HostFileTest, DirectoriesAndNamesInAnyCase) {
     EXPECT_FALSE(fs::exists(Host("empty")));
 }
 
-// Readers share a file; a writer has it alone. A conflicting open fails at
-// once instead of waiting.
+// A conflicting open fails at once instead of waiting.
 TEST_F(HostFileTest, ReadersShareAWriterIsAlone) {
     WriteWhole("/host_files/s.bin", "shared");
     const char* path = "/host_files/s.bin";

@@ -1,6 +1,4 @@
-// A memory-backed driver for "mem:" names, registered like an application's:
-// it can fail a run of calls of a slot, deliver reads in pieces, claim more
-// bytes than asked for, or hold a slot's calls; it logs the calls in order.
+// A "mem:" driver that fails, pieces, overclaims or holds a slot's calls, and logs them.
 #ifndef ZK_TESTS_FILE_MEMORY_DEVICE_H
 #define ZK_TESTS_FILE_MEMORY_DEVICE_H
 

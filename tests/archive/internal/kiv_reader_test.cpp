@@ -1,5 +1,4 @@
-// Corners the archive calls cannot show: names without terminator or without
-// a name, the buffered file source, the archive device's names and try counts.
+// What the archive calls cannot show: damaged names, the file source, the device's names.
 #include "archive/archive_builder.h"
 #include "archive/kiv_archive.h"
 #include "archive/kiv_reader.h"
@@ -15,9 +14,7 @@ int32_t OpenMemory(const std::string& bytes, uint32_t flags, zk::KivDirectory* d
 
 class KivReader : public LibraryTest {};
 
-// Entries whose name offset lies outside the name area have no name: they
-// never match and never make the reader read outside the area, nor does a
-// last name without its terminator.
+// A name offset outside the name area, or a last name without terminator, names nothing.
 TEST_F(KivReader, NamesNeverReachPastTheNameArea) {
     // Two items a and b: a 32-byte header, entries at 32 and 44, names at 56
     // (the bytes KivPacker.LaysOutTheTwoItemArchiveByteForByte checks).
@@ -43,9 +40,7 @@ TEST_F(KivReader, NamesNeverReachPastTheNameArea) {
 
 class KivSourceTest : public MemoryDeviceTest {};
 
-// The buffered source reads a range of a file: nothing outside the range, the
-// header and a small directory in one device read, whole buffer-sized pieces
-// straight into the destination.
+// Header and small directory in one device read; nothing outside the range.
 TEST_F(KivSourceTest, ReadsOnlyInsideItsRangeInFewDeviceReads) {
     std::string file(10000, '\0');
     for (size_t i = 0; i < file.size(); ++i)

@@ -1,6 +1,4 @@
-// Slide expansion: the format's small cases, then the fast expander against
-// the byte-at-a-time reference on random streams (every byte sequence is a
-// stream), bounded and (nearly) unbounded.
+// Slide expansion: the format's small cases, then random streams against the reference.
 #include "kiv_check.h"
 #include "archive/slide_expand.h"
 
@@ -67,9 +65,7 @@ TEST(SlideExpand, TheBoundStopsTheOutputExactlyAtTheDestinationSize) {
     }
 }
 
-// Random streams hit every corner: references into the zeroed start, into
-// the unwritten top of the window, overlapping the write position, and
-// wrapping it. Lengths up to 40 000 make the window fill many times over.
+// Every byte sequence is a stream; up to 40 000 bytes fill and wrap the window many times.
 TEST(SlideExpand, MatchesTheReferenceOnRandomStreams) {
     std::mt19937 random(20261125);
     for (int round = 0; round < 400; ++round) {

@@ -1,6 +1,4 @@
-// A device I/O worker whose thread cannot be started (the POSIX backend's
-// fixed pool of thread objects is filled; nothing makes Windows refuse one):
-// initialisation reports it, file calls fail at once, and the next start works.
+// The POSIX backend's fixed pool of thread objects is filled so that the worker cannot start.
 #include "platform/platform.h"
 #include "support/library_test.h"
 

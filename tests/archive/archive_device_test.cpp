@@ -69,6 +69,22 @@ TEST_F(MountedArchives, ItemsReadAsFilesUnderTheMountPath) {
         EXPECT_EQ(zkUnmountKiv(m), 0) << m;
 }
 
+// Devices kiv0: to kiv9: and kiv: (no slot), lower case only; an empty slot
+// holds no file and takes one try.
+TEST_F(MountedArchives, DeviceNamesAndEmptySlots) {
+    char out[261];
+    EXPECT_EQ(Physical("kiv0:\\dir\\a.bin"), "kiv0:/dir/a.bin");
+    const std::pair<const char*, int> names[] = {
+        {"kiv9:x", 0}, {"kiv:x", 0}, {"KIV0:x", -23}, {"kiv10:x", -23}, {"kivx:x", -23}};
+    for (const auto& [name, code] : names)
+        EXPECT_EQ(zkGetPhysicalPath(name, out, sizeof out), code) << name;
+    EXPECT_EQ(Codes({zkGetDeviceTryCount("kiv0:"), zkGetDeviceTryCount("kiv:"),
+                     zkSetDeviceTryCount("kiv4:", 9)}),
+              Codes({1, 1, 1}));
+    for (const char* path : {"kiv:/a", "kiv0:/a", "kiv0:"})
+        EXPECT_EQ(zkOpenFile(path, ZK_OPEN_READ, 0), nullptr) << path;
+}
+
 TEST_F(MountedArchives, RefusalsLeaveNoArchiveOpenAndNoSlotTaken) {
     EXPECT_EQ(Codes({zkMountKiv(nullptr, "/m/plain.kiv", 0), zkMountKiv("/x", nullptr, 0),
                      zkMountKiv("/x", "/m/plain.kiv", ZK_KIV_BY_INDEX),

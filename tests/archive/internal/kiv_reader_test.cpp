@@ -1,6 +1,5 @@
-// What the archive calls cannot show: damaged names, the file source, the device's names.
+// What the archive calls cannot show: damaged names and the buffered file source.
 #include "archive/archive_builder.h"
-#include "archive/kiv_archive.h"
 #include "archive/kiv_reader.h"
 #include "file/memory_device.h"
 
@@ -56,32 +55,6 @@ TEST_F(KivSourceTest, ReadsOnlyInsideItsRangeInFewDeviceReads) {
               Codes({32, 16, 100, 1, 5000 - 148, 0, 5100}));
     EXPECT_EQ(out.substr(0, 4852), file.substr(100, 4852));
     zkCloseFile(f);
-}
-
-TEST_F(KivReader, NamesUnitsAndTryCounts) {
-    zk::DeviceDriver* device = zk::KivDeviceDriver();
-    struct Case {
-        const char* name;
-        int32_t match;
-    };
-    for (const Case& c : {Case{"kiv0:", 0}, Case{"kiv9:x", 0}, Case{"kiv:", 0}, Case{"KIV0:", -6},
-                          Case{"kiv10:", -6}, Case{"kivx:", -6}, Case{"ki", -6}})
-        EXPECT_EQ(device->MatchName(c.name), c.match) << c.name;
-    EXPECT_EQ(Codes({device->GetUnit("kiv3:"), device->GetUnit("kiv:")}), Codes({3, 10}));
-    // No archive in the slot (or no slot at all): one try.
-    EXPECT_EQ(Codes({device->GetTryCount(0), device->GetTryCount(10), device->SetTryCount(4, 9)}),
-              Codes({1, 1, 1}));
-    char path[] = "kiv0:\\dir\\a.bin";
-    EXPECT_EQ(device->ConvertPath(path, sizeof path), 0);
-    EXPECT_STREQ(path, "kiv0:/dir/a.bin");
-    zk::FileObject* file = device->CreateFileObject();
-    ASSERT_NE(file, nullptr);
-    // kiv: names no slot; an empty slot and a path too short name no item.
-    for (const char* p : {"kiv:/a", "kiv0:/a", "kiv0:", "kiv"})
-        EXPECT_EQ(file->Open(p, 1, 0), -57) << p;
-    EXPECT_EQ(Codes({file->IsImmediate(1), file->IsImmediate(4), file->IsImmediate(6)}),
-              Codes({1, 0, 1}));
-    EXPECT_EQ(file->Close(), 0);
 }
 
 } // namespace

@@ -1,5 +1,4 @@
-// Archives for the tests, made by the packer of the archive tool, and a few
-// ways of damaging them.
+// Archives made by the archive tool's packer, and their little-endian fields.
 #ifndef ZK_TESTS_ARCHIVE_ARCHIVE_BUILDER_H
 #define ZK_TESTS_ARCHIVE_ARCHIVE_BUILDER_H
 

@@ -1,5 +1,4 @@
-// Mounted archives: items read through the ordinary file calls, the ten
-// device slots, and what mounting and unmounting leave behind.
+// Mounted archives: items through the file calls, the ten device slots, unmounting.
 #include "archive/archive_builder.h"
 #include "file/memory_device.h"
 
@@ -7,8 +6,6 @@
 
 namespace zktest {
 namespace {
-
-using Codes = std::vector<int64_t>;
 
 class MountedArchives : public MemoryDeviceTest {
 protected:
@@ -22,20 +19,8 @@ protected:
         Device().Put("mem:/plain.kiv", Pack({Item("x", "x")}));
     }
     void TearDown() override {
-        EXPECT_EQ(zkGetOpenKivCount(), 0u);
-        EXPECT_EQ(zkGetOpenFileCount(), 0u);
+        EXPECT_EQ(Codes({zkGetOpenKivCount(), zkGetOpenFileCount()}), Codes({0, 0}));
         MemoryDeviceTest::TearDown();
-    }
-    static std::string ReadAll(const char* path) {
-        FileHandle* f = zkOpenFile(path, ZK_OPEN_READ, 0);
-        if (!f) return "<not opened>";
-        std::string out;
-        char buffer[4096];
-        uint32_t got = 0;
-        while (zkReadFile(f, buffer, sizeof buffer, &got) == 0 && got)
-            out.append(buffer, got);
-        zkCloseFile(f);
-        return out;
     }
     static std::string Physical(const char* path) {
         char out[261] = {};
@@ -54,20 +39,17 @@ TEST_F(MountedArchives, ItemsReadAsFilesUnderTheMountPath) {
     EXPECT_EQ(ReadAll("/data/DIR/A.BIN"), "item a"); // the archive folds names
     EXPECT_EQ(ReadAll("/data\\top.txt"), "top");
     EXPECT_EQ(ReadAll("/s1/x"), "x");
-    const std::string big = ReadAll("/data/big");
-    EXPECT_EQ(big.size(), 100003u);
-    EXPECT_EQ(big.substr(99998), "bbEND");
-    EXPECT_EQ(zkOpenFile("/data/dir/missing.bin", ZK_OPEN_READ, 0), nullptr);
-    EXPECT_EQ(zkOpenFile("/data", ZK_OPEN_READ, 0), nullptr); // the mount point names no item
-    EXPECT_EQ(zkOpenFile("/data/", ZK_OPEN_READ, 0), nullptr);
+    EXPECT_EQ(ReadAll("/data/big"), std::string(100000, 'b') + "END");
+    // The mount point itself names no item.
+    for (const char* none : {"/data/dir/missing.bin", "/data", "/data/"})
+        EXPECT_EQ(zkOpenFile(none, ZK_OPEN_READ, 0), nullptr) << none;
 
     FileHandle* f = zkOpenFile("/data/big", ZK_OPEN_READ, 0);
     ASSERT_NE(f, nullptr);
     uint32_t size = 0, position = 0, got = 0;
-    EXPECT_EQ(zkGetFileSize(f, &size), 0);
-    EXPECT_EQ(size, 100003u);
-    EXPECT_EQ(zkSeekFile(f, -3, ZK_SEEK_END, &position), 0);
-    EXPECT_EQ(position, 100000u);
+    EXPECT_EQ(
+        Codes({zkGetFileSize(f, &size), size, zkSeekFile(f, -3, ZK_SEEK_END, &position), position}),
+        Codes({0, 100003, 0, 100000}));
     char buffer[8] = {};
     EXPECT_EQ(Codes({zkReadFile(f, buffer, 8, &got), got}), Codes({0, 3}));
     EXPECT_EQ(std::string(buffer, 3), "END");
@@ -78,7 +60,7 @@ TEST_F(MountedArchives, ItemsReadAsFilesUnderTheMountPath) {
     zkCloseFile(f);
 
     EXPECT_EQ(zkUnmountKiv("/data"), 0);
-    EXPECT_EQ(zkOpenFile("/data/dir/a.bin", ZK_OPEN_READ, 0), nullptr);
+    EXPECT_EQ(ReadAll("/data/dir/a.bin"), "<not opened>");
     EXPECT_EQ(zkGetOpenKivCount(), 2u);
     // The freed slot is the lowest again.
     ASSERT_EQ(zkMountKiv("/again", "/m/plain.kiv", 0), 0);
@@ -87,15 +69,28 @@ TEST_F(MountedArchives, ItemsReadAsFilesUnderTheMountPath) {
         EXPECT_EQ(zkUnmountKiv(m), 0) << m;
 }
 
+// Devices kiv0: to kiv9: and kiv: (no slot), lower case only; an empty slot
+// holds no file and takes one try.
+TEST_F(MountedArchives, DeviceNamesAndEmptySlots) {
+    char out[261];
+    EXPECT_EQ(Physical("kiv0:\\dir\\a.bin"), "kiv0:/dir/a.bin");
+    const std::pair<const char*, int> names[] = {
+        {"kiv9:x", 0}, {"kiv:x", 0}, {"KIV0:x", -23}, {"kiv10:x", -23}, {"kivx:x", -23}};
+    for (const auto& [name, code] : names)
+        EXPECT_EQ(zkGetPhysicalPath(name, out, sizeof out), code) << name;
+    EXPECT_EQ(Codes({zkGetDeviceTryCount("kiv0:"), zkGetDeviceTryCount("kiv:"),
+                     zkSetDeviceTryCount("kiv4:", 9)}),
+              Codes({1, 1, 1}));
+    for (const char* path : {"kiv:/a", "kiv0:/a", "kiv0:"})
+        EXPECT_EQ(zkOpenFile(path, ZK_OPEN_READ, 0), nullptr) << path;
+}
+
 TEST_F(MountedArchives, RefusalsLeaveNoArchiveOpenAndNoSlotTaken) {
-    EXPECT_EQ(zkMountKiv(nullptr, "/m/plain.kiv", 0), -3);
-    EXPECT_EQ(zkMountKiv("/x", nullptr, 0), -3);
-    EXPECT_EQ(zkMountKiv("/x", "/m/plain.kiv", ZK_KIV_BY_INDEX), -3);
-    EXPECT_EQ(zkMountKiv("/x", "/m/none.kiv", 0), -51);
-    EXPECT_EQ(zkMountKiv("no-slash", "/m/plain.kiv", 0), -43);
-    EXPECT_EQ(zkGetOpenKivCount(), 0u);
-    EXPECT_EQ(zkUnmountKiv(nullptr), -3);
-    EXPECT_EQ(zkUnmountKiv("/never"), -42);
+    EXPECT_EQ(Codes({zkMountKiv(nullptr, "/m/plain.kiv", 0), zkMountKiv("/x", nullptr, 0),
+                     zkMountKiv("/x", "/m/plain.kiv", ZK_KIV_BY_INDEX),
+                     zkMountKiv("/x", "/m/none.kiv", 0), zkMountKiv("no-slash", "/m/plain.kiv", 0),
+                     zkGetOpenKivCount(), zkUnmountKiv(nullptr), zkUnmountKiv("/never")}),
+              Codes({-3, -3, -3, -51, -43, 0, -3, -42}));
 
     std::vector<std::string> mounts;
     for (int i = 0; i < 10; ++i) {
@@ -103,19 +98,15 @@ TEST_F(MountedArchives, RefusalsLeaveNoArchiveOpenAndNoSlotTaken) {
         ASSERT_EQ(zkMountKiv(mounts.back().c_str(), "/m/plain.kiv", 0), 0) << i;
     }
     EXPECT_EQ(Physical("/k0"), "kiv0:");
-    EXPECT_EQ(zkMountKiv("/k10", "/m/plain.kiv", 0), -39);
-    EXPECT_EQ(zkGetOpenKivCount(), 10u);
-    // A mount zkMountKiv did not make: unmounted, and no slot is touched.
-    ASSERT_EQ(zkMount("/other", "mem:/", 0), 0);
-    EXPECT_EQ(zkUnmountKiv("/other"), 0);
-    EXPECT_EQ(zkGetOpenKivCount(), 10u);
+    // The eleventh is refused; a mount zkMountKiv did not make is unmounted, no slot touched.
+    EXPECT_EQ(Codes({zkMountKiv("/k10", "/m/plain.kiv", 0), zkGetOpenKivCount(),
+                     zkMount("/other", "mem:/", 0), zkUnmountKiv("/other"), zkGetOpenKivCount()}),
+              Codes({-39, 10, 0, 0, 10}));
     EXPECT_EQ(ReadAll("/k9/x"), "x");
     for (const std::string& m : mounts)
         EXPECT_EQ(zkUnmountKiv(m.c_str()), 0);
 }
 
-// Device files still open when their archive is unmounted read nothing more
-// (the archive's memory is gone); closing them still gives them back.
 TEST_F(MountedArchives, FilesLeftOpenAcrossAnUnmountFailInsteadOfReadingFreedMemory) {
     ASSERT_EQ(zkMountKiv("/data", "/m/game.kiv", ZK_KIV_MEMORY_IMAGE), 0);
     FileHandle* f = zkOpenFile("/data/top.txt", ZK_OPEN_READ, 0);
@@ -128,8 +119,7 @@ TEST_F(MountedArchives, FilesLeftOpenAcrossAnUnmountFailInsteadOfReadingFreedMem
     zkCloseFile(f);
 }
 
-// Reads of two mounted archives from several threads at once, each through
-// the I/O worker, while another thread loads items through the archive calls.
+// Two mounts read from two threads while a third loads items through the archive calls.
 TEST_F(MountedArchives, Concurrency_ReadsFromSeveralThreads) {
     ASSERT_EQ(zkMountKiv("/data", "/m/game.kiv", 0), 0);
     ASSERT_EQ(zkMountKiv("/img", "/m/game.kiv", ZK_KIV_MEMORY_IMAGE), 0);

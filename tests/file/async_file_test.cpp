@@ -1,17 +1,30 @@
-// Asynchronous open, close and read through requests, whole-file loads and
-// background loads: the results a caller sees, seen through the memory device
-// (which can hold a call inside the driver, so "still running" is observed
-// without timing), and a host file streamed in pieces while frames run.
+// Requests, whole-file and background loads (a held driver call shows "still running").
 #include "file/memory_device.h"
 
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 #include <thread>
 
 namespace zktest {
 namespace {
 
-using Codes = std::vector<int64_t>;
+// Begin and End of an open of path: {begin, end, handle given}.
+Codes Open(Request* r, const char* path, FileHandle** handle) {
+    const int32_t begun = zkBeginOpenFile(path, ZK_OPEN_READ, 0, r);
+    const int32_t ended = zkEndOpenFile(handle, r);
+    return {begun, ended, handle && *handle ? 1 : 0};
+}
+// Begin and End of a read: {begin, end, bytes delivered}.
+Codes Read(Request* r, FileHandle* h, void* buffer, uint32_t size) {
+    uint32_t got = 99;
+    const int32_t begun = zkBeginReadFile(h, buffer, size, r);
+    return {begun, zkEndReadFile(&got, r), got};
+}
+Codes Close(Request* r, FileHandle* h) {
+    const int32_t begun = zkBeginCloseFile(h, r);
+    return {begun, zkEndCloseFile(r)};
+}
 
 class AsyncFiles : public MemoryDeviceTest {
 protected:
@@ -25,17 +38,6 @@ protected:
         zkReleaseRequest(request_);
         MemoryDeviceTest::TearDown();
     }
-    static uint32_t UsedBlocks() {
-        MemoryInfo info{};
-        zkGetMemoryInfo(&info);
-        return info.blockCount;
-    }
-    // Begin and End of an open of path: {begin, end, handle given}.
-    Codes Open(const char* path, FileHandle** handle) {
-        const int32_t begun = zkBeginOpenFile(path, ZK_OPEN_READ, 0, request_);
-        const int32_t ended = zkEndOpenFile(handle, request_);
-        return {begun, ended, handle && *handle ? 1 : 0};
-    }
     Request* request_ = nullptr;
 };
 
@@ -43,9 +45,9 @@ TEST_F(AsyncFiles, BeginAndEndGiveTheResultsOfTheSynchronousCalls) {
     Device().Put("mem:/a.bin", "0123456789abcdef");
     const uint32_t openBefore = zkGetOpenFileCount();
     FileHandle* h = reinterpret_cast<FileHandle*>(1);
-    EXPECT_EQ(Open(nullptr, &h), Codes({0, -3, 0}));
-    EXPECT_EQ(Open("/m/missing.bin", &h), Codes({0, -51, 0}));
-    EXPECT_EQ(Open("/m/a.bin", nullptr), Codes({0, -3, 0})); // opened, then closed again
+    EXPECT_EQ(Open(request_, nullptr, &h), Codes({0, -3, 0}));
+    EXPECT_EQ(Open(request_, "/m/missing.bin", &h), Codes({0, -51, 0}));
+    EXPECT_EQ(Open(request_, "/m/a.bin", nullptr), Codes({0, -3, 0})); // opened, then closed again
     EXPECT_EQ(zkGetOpenFileCount(), openBefore);
 
     ASSERT_EQ(zkBeginOpenFile("/m/a.bin", ZK_OPEN_READ, 0, request_), 0);
@@ -56,32 +58,24 @@ TEST_F(AsyncFiles, BeginAndEndGiveTheResultsOfTheSynchronousCalls) {
 
     zkResetTotalBytesRead();
     char buffer[32] = {};
-    uint32_t got = 99;
-    EXPECT_EQ(Codes({zkBeginReadFile(h, buffer, 10, request_), zkEndReadFile(&got, request_), got}),
-              Codes({0, 0, 10}));
-    EXPECT_EQ(std::string(buffer, 10), "0123456789");
-    EXPECT_EQ(Codes({zkBeginReadFile(h, buffer, 32, request_), zkEndReadFile(&got, request_), got}),
-              Codes({0, 0, 6})); // the rest of the file
-    EXPECT_EQ(std::string(buffer, 6), "abcdef");
+    EXPECT_EQ(Read(request_, h, buffer, 10), Codes({0, 0, 10}));
+    EXPECT_EQ(Read(request_, h, buffer + 10, 32), Codes({0, 0, 6})); // the rest of the file
+    EXPECT_EQ(std::string(buffer, 16), "0123456789abcdef");
     EXPECT_EQ(zkGetTotalBytesRead(), 16u);
-    EXPECT_EQ(Codes({zkBeginReadFile(h, nullptr, 4, request_), zkEndReadFile(&got, request_)}),
-              Codes({0, -3}));
+    EXPECT_EQ(Read(request_, h, nullptr, 4), Codes({0, -3, 0}));
 
-    EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}), Codes({0, 0}));
-    EXPECT_EQ(zkGetOpenFileCount(), openBefore);
+    EXPECT_EQ(Close(request_, h), Codes({0, 0}));
     // The failed open gave its file object back, so did the open with a null
     // handle pointer, and this close.
+    EXPECT_EQ(Codes({zkGetOpenFileCount(), Device().Count(kFileClose)}), Codes({openBefore, 3}));
+    // A closed or null handle: -4 from End, nothing delivered, nothing reaching the driver.
+    EXPECT_EQ(Read(request_, h, buffer, 4), Codes({0, -4, 0}));
+    EXPECT_EQ(Close(request_, h), Codes({0, -4}));
+    EXPECT_EQ(Close(request_, nullptr), Codes({0, -4}));
     EXPECT_EQ(Device().Count(kFileClose), 3u);
-    // A closed handle: the read ends with -4 and nothing delivered; the close with -4.
-    got = 99;
-    EXPECT_EQ(Codes({zkBeginReadFile(h, buffer, 4, request_), zkEndReadFile(&got, request_), got}),
-              Codes({0, -4, 0}));
-    EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}), Codes({0, -4}));
-    EXPECT_EQ(Codes({zkBeginCloseFile(nullptr, request_), zkEndCloseFile(request_)}),
-              Codes({0, -4}));
-    EXPECT_EQ(Device().Count(kFileClose), 3u); // neither reached the driver
 
-    // Null and released requests: nothing is queued.
+    // Null requests: nothing is queued.
+    uint32_t got = 0;
     EXPECT_EQ(Codes({zkBeginOpenFile("/m/a.bin", 0, 0, nullptr), zkEndOpenFile(&h, nullptr),
                      zkBeginReadFile(h, buffer, 1, nullptr), zkEndReadFile(&got, nullptr),
                      zkBeginCloseFile(h, nullptr), zkEndCloseFile(nullptr)}),
@@ -93,7 +87,7 @@ TEST_F(AsyncFiles, BeginAndEndGiveTheResultsOfTheSynchronousCalls) {
 TEST_F(AsyncFiles, TheOperationRunsOnTheWorkerWhileTheCallerGoesOn) {
     Device().Put("mem:/a.bin", std::string(64, 'q'));
     FileHandle* h = nullptr;
-    ASSERT_EQ(Open("/m/a.bin", &h), Codes({0, 0, 1}));
+    ASSERT_EQ(Open(request_, "/m/a.bin", &h), Codes({0, 0, 1}));
     Device().Hold(kFileRead);
     char buffer[64];
     ASSERT_EQ(zkBeginReadFile(h, buffer, 64, request_), 0); // returns with the read held
@@ -107,11 +101,10 @@ TEST_F(AsyncFiles, TheOperationRunsOnTheWorkerWhileTheCallerGoesOn) {
     // Driver failures come back through End: a failing read, a missing file
     // answered with -57 (reported as -51).
     Device().plan.faults[kFileRead] = {2, 3, -35}; // the second read
-    EXPECT_EQ(Codes({zkBeginReadFile(h, buffer, 8, request_), zkEndReadFile(&got, request_)}),
-              Codes({0, -35}));
-    EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}), Codes({0, 0}));
+    EXPECT_EQ(Read(request_, h, buffer, 8), Codes({0, -35, 0}));
+    EXPECT_EQ(Close(request_, h), Codes({0, 0}));
     Device().plan.missing = -57;
-    EXPECT_EQ(Open("/m/none.bin", &h), Codes({0, -51, 0}));
+    EXPECT_EQ(Open(request_, "/m/none.bin", &h), Codes({0, -51, 0}));
 }
 
 TEST_F(AsyncFiles, WholeFileLoads) {
@@ -138,8 +131,7 @@ TEST_F(AsyncFiles, WholeFileLoads) {
     Device().plan.piece = 0;
     EXPECT_EQ(Codes({zkLoadDataFromFile("/m/big.bin", &data, &size), data != nullptr, size}),
               Codes({-11, 0, 0}));
-    EXPECT_EQ(UsedBlocks(), blocks);
-    EXPECT_EQ(zkGetOpenFileCount(), 0u);
+    EXPECT_EQ(Codes({UsedBlocks(), zkGetOpenFileCount()}), Codes({blocks, 0}));
 }
 
 TEST_F(AsyncFiles, BackgroundLoadsAreCollectedOnceAndFreedAtClose) {
@@ -178,14 +170,12 @@ TEST_F(AsyncFiles, BackgroundLoadsAreCollectedOnceAndFreedAtClose) {
             Device().Release();
         });
         if (asyncClose) {
-            EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}),
-                      Codes({0, 0}));
+            EXPECT_EQ(Close(request_, h), Codes({0, 0}));
         } else {
             zkCloseFile(h);
         }
         releaser.join();
-        EXPECT_EQ(zkGetOpenFileCount(), 0u);
-        EXPECT_EQ(UsedBlocks(), blocks);
+        EXPECT_EQ(Codes({zkGetOpenFileCount(), UsedBlocks()}), Codes({0, blocks}));
         // The loading thread opened, read and closed its own file object.
         EXPECT_EQ(Device().Log({kFileOpen, kFileRead, kFileClose}).back().slot, kFileClose);
     }
@@ -200,60 +190,50 @@ TEST_F(AsyncFiles, BackgroundLoadsAreCollectedOnceAndFreedAtClose) {
     EXPECT_EQ(UsedBlocks(), blocks);
 }
 
-// A host file of 64 MiB read in 64 KiB pieces on two requests while a loop of
-// frames goes on: each frame collects what has completed and begins the next
-// read; the bytes arrive whole and in order.
+// 64 MiB in 64 KiB reads on two requests, one collected per frame, whole and in order.
 TEST_F(AsyncFiles, StreamingAHostFileWhileFramesRun) {
-    constexpr uint32_t kChunk = 64 * 1024, kChunks = zktest::kThreadSanitizer ? 64 : 1024;
+    constexpr uint32_t kWords = 16 * 1024, kChunks = kThreadSanitizer ? 64 : 1024;
     char root[261];
     ASSERT_EQ(zkGetPhysicalPath("/", root, sizeof(root)), 0);
     const std::filesystem::path path = std::filesystem::path(root) / "stream.bin";
-    std::vector<uint32_t> words(kChunk / 4);
+    std::vector<uint32_t> words(kWords), buffers[2] = {words, words};
     {
         std::ofstream out(path, std::ios::binary);
         for (uint32_t c = 0; c < kChunks; ++c) {
-            for (uint32_t i = 0; i < words.size(); ++i)
-                words[i] = c * (kChunk / 4) + i;
-            out.write(reinterpret_cast<const char*>(words.data()), kChunk);
+            std::iota(words.begin(), words.end(), c * kWords);
+            out.write(reinterpret_cast<const char*>(words.data()), kWords * 4);
         }
     }
     FileHandle* h = nullptr;
-    ASSERT_EQ(Open("/stream.bin", &h), Codes({0, 0, 1}));
-    Request* second = zkCreateRequest();
-    ASSERT_NE(second, nullptr);
-    Request* requests[2] = {request_, second};
-    std::vector<uint32_t> buffers[2] = {std::vector<uint32_t>(kChunk / 4),
-                                        std::vector<uint32_t>(kChunk / 4)};
+    ASSERT_EQ(Open(request_, "/stream.bin", &h), Codes({0, 0, 1}));
+    Request* requests[2] = {request_, zkCreateRequest()};
+    ASSERT_NE(requests[1], nullptr);
     // Reads at the file position complete in the order they were begun.
     uint32_t begun = 0, checked = 0, frames = 0, bad = 0;
     for (; begun < 2; ++begun)
-        ASSERT_EQ(zkBeginReadFile(h, buffers[begun].data(), kChunk, requests[begun]), 0);
-    while (checked < kChunks) {
-        ++frames;
+        ASSERT_EQ(zkBeginReadFile(h, buffers[begun].data(), kWords * 4, requests[begun]), 0);
+    for (; checked < kChunks; ++frames) {
         const uint32_t slot = checked % 2;
         if (!zkIsRequestCompleted(requests[slot])) {
             std::this_thread::yield();
             continue;
         }
         uint32_t got = 0;
-        ASSERT_EQ(Codes({zkEndReadFile(&got, requests[slot]), got}), Codes({0, kChunk}));
-        for (uint32_t i = 0; i < kChunk / 4; ++i)
-            bad += buffers[slot][i] != checked * (kChunk / 4) + i;
-        ++checked;
+        ASSERT_EQ(Codes({zkEndReadFile(&got, requests[slot]), got}), Codes({0, kWords * 4}));
+        std::iota(words.begin(), words.end(), checked++ * kWords);
+        bad += buffers[slot] != words;
         if (begun < kChunks) {
-            ASSERT_EQ(zkBeginReadFile(h, buffers[slot].data(), kChunk, requests[slot]), 0);
+            ASSERT_EQ(zkBeginReadFile(h, buffers[slot].data(), kWords * 4, requests[slot]), 0);
             ++begun;
         }
     }
     EXPECT_EQ(bad, 0u);
     EXPECT_GE(frames, kChunks);
-    EXPECT_EQ(Codes({zkBeginCloseFile(h, request_), zkEndCloseFile(request_)}), Codes({0, 0}));
-    zkReleaseRequest(second);
+    EXPECT_EQ(Close(request_, h), Codes({0, 0}));
+    zkReleaseRequest(requests[1]);
     std::filesystem::remove(path);
 }
 
-// Threads each streaming their own file through their own request beside a
-// background load.
 TEST_F(AsyncFiles, ConcurrencyOwnRequestsBesideABackgroundLoad) {
     for (int t = 0; t < 4; ++t)
         Device().Put("mem:/t" + std::to_string(t), std::string(4096, char('a' + t)));
@@ -270,19 +250,11 @@ TEST_F(AsyncFiles, ConcurrencyOwnRequestsBesideABackgroundLoad) {
             const std::string path = "/m/t" + std::to_string(t);
             for (int round = 0; round < 20; ++round) {
                 FileHandle* h = nullptr;
-                zkBeginOpenFile(path.c_str(), ZK_OPEN_READ, 0, requests[t]);
-                if (zkEndOpenFile(&h, requests[t]) != 0) {
-                    ++wrong;
-                    continue;
-                }
-                char buffer[4096];
-                uint32_t got = 0;
-                zkBeginReadFile(h, buffer, sizeof(buffer), requests[t]);
-                if (zkEndReadFile(&got, requests[t]) != 0 || got != 4096 ||
-                    buffer[got - 1] != char('a' + t))
-                    ++wrong;
-                zkBeginCloseFile(h, requests[t]);
-                if (zkEndCloseFile(requests[t]) != 0) ++wrong;
+                char buffer[4096] = {};
+                wrong += Open(requests[t], path.c_str(), &h) != Codes({0, 0, 1});
+                wrong += Read(requests[t], h, buffer, 4096) != Codes({0, 0, 4096}) ||
+                         buffer[4095] != char('a' + t);
+                wrong += Close(requests[t], h) != Codes({0, 0});
             }
         });
     }

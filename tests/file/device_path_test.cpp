@@ -1,46 +1,38 @@
-// Devices, paths and mounts: full paths, splitting, resolution through the
-// mount table, mounting rules, driver lookup and the device-level calls.
+// Devices, paths and mounts: full paths, splitting, resolution, mount rules, device calls.
 #include "file/memory_device.h"
-
-#include <numeric>
 
 namespace zktest {
 namespace {
 
 using Paths = MemoryDeviceTest;
-using Codes = std::vector<int64_t>; // results of a run of calls, evaluated in order
 
-// The vtable slot of a virtual member function (Itanium C++ ABI: the pointer
-// holds 1 + the slot's byte offset).
-template <typename F> size_t SlotOf(F f) {
-    uintptr_t raw[2];
-    std::memcpy(raw, &f, sizeof(raw));
-    return (raw[0] - 1) / sizeof(void*);
-}
-
+// Each vtable slot's distance from its place in the list (Itanium ABI: 1 + byte offset).
 template <typename... F> std::vector<size_t> SlotsOf(F... f) {
-    return {SlotOf(f)...};
+    std::vector<size_t> slots;
+    auto add = [&](auto pointer) {
+        uintptr_t raw;
+        std::memcpy(&raw, &pointer, sizeof raw);
+        slots.push_back((raw - 1) / sizeof(void*) - slots.size());
+    };
+    (add(f), ...);
+    return slots;
 }
 
 TEST(DriverInterface, SlotsStandInTheirFixedOrder) {
     using D = zk::DeviceDriver;
     using F = zk::FileObject;
     using R = zk::DirObject;
-    std::vector<size_t> upTo(25); // 25 driver slots, then 8 file-object slots, then 3 listing slots
-    std::iota(upTo.begin(), upTo.end(), 0);
     EXPECT_EQ(SlotsOf(&D::MatchName, &D::InitializeDevice, &D::TerminateDevice, &D::Reserved3,
                       &D::ConvertPath, &D::GetTryCount, &D::SetTryCount, &D::CreateFileObject,
                       &D::Reserved8, &D::Mount, &D::Unmount, &D::Format, &D::DumpDir, &D::MakeDir,
                       &D::RemoveDir, &D::GetFileTime, &D::SetFileTime, &D::DeleteFile, &D::OpenDir,
                       &D::QueryDeviceInfo, &D::ControlDevice, &D::GetPartitionStatus,
                       &D::CreatePartition, &D::DeletePartition, &D::GetUnit),
-              upTo);
-    upTo.resize(8);
+              std::vector<size_t>(25, 0));
     EXPECT_EQ(SlotsOf(&F::IsImmediate, &F::Open, &F::Close, &F::GetSize, &F::Read, &F::ReadAt,
                       &F::Write, &F::Seek),
-              upTo);
-    upTo.resize(3);
-    EXPECT_EQ(SlotsOf(&R::Open, &R::Close, &R::Read), upTo);
+              std::vector<size_t>(8, 0));
+    EXPECT_EQ(SlotsOf(&R::Open, &R::Close, &R::Read), std::vector<size_t>(3, 0));
 }
 
 TEST_F(Paths, FullPathsAgainstTheWorkingDirectory) {
@@ -129,10 +121,9 @@ TEST_F(Paths, MountRulesAndDeviceCalls) {
 
 TEST_F(Paths, TablesOfMountsListingsAndDrivers) {
     // "/" and "/m" hold two of the 16 mount records.
-    Codes mounts;
+    Codes mounts, expected(14, 0);
     for (int i = 0; i < 15; ++i)
         mounts.push_back(zkMount(("/t" + std::to_string(i)).c_str(), "mem:", 0));
-    Codes expected(14, 0);
     expected.push_back(-39);
     EXPECT_EQ(mounts, expected);
     EXPECT_EQ(Codes({zkUnmount("/t3"), zkMount("/again", "mem:", 0), zkMount("/more", "mem:", 0)}),

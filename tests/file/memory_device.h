@@ -1,10 +1,4 @@
-// A memory-backed device for the file-system tests, registered with
-// zkRegisterDevice like an application's driver. It claims names that begin
-// with "mem:", keeps files and directories in memory, and can be
-// told to fail a run of calls of a slot, deliver reads in small pieces,
-// answer -57 for a missing file, claim more bytes than it was asked for, or
-// hold a slot's calls until released. It records the calls of the slots
-// below in order.
+// A "mem:" driver that fails, pieces, overclaims or holds a slot's calls, and logs them.
 #ifndef ZK_TESTS_FILE_MEMORY_DEVICE_H
 #define ZK_TESTS_FILE_MEMORY_DEVICE_H
 
@@ -19,6 +13,21 @@
 #include <thread>
 
 namespace zktest {
+
+// Results and counts of a run of calls, compared in one go (evaluated in order).
+using Codes = std::vector<int64_t>;
+
+inline uint32_t UsedBlocks() {
+    MemoryInfo info{};
+    zkGetMemoryInfo(&info);
+    return info.blockCount;
+}
+
+// An allocation hook refusing the k-th allocation after g_refuse = k.
+inline uint32_t g_refuse = 0;
+inline int32_t ZK_CALL RefuseKth(uint32_t, uint32_t) {
+    return g_refuse != 0 && --g_refuse == 0 ? 0 : 1;
+}
 
 // Driver slots keep their numbers; file-object slots follow from 26, listing slots from 33.
 constexpr int kDumpDir = 12, kMakeDir = 13, kSetFileTime = 16, kFileOpen = 26, kFileClose = 27,
@@ -238,8 +247,7 @@ private:
     Dir dirs_[65];
 };
 
-// The library started, the memory device (registered once per process, as
-// drivers stay registered) emptied and mounted at /m.
+// The library started, the device (registered once: drivers stay) emptied and mounted at /m.
 class MemoryDeviceTest : public LibraryTest {
 protected:
     static MemoryDevice& Device() {
@@ -256,6 +264,18 @@ protected:
     FileHandle* Make(const std::string& name, const std::string& data) {
         Device().Put("mem:/" + name, data);
         return zkOpenFile(("/m/" + name).c_str(), ZK_OPEN_READ | ZK_OPEN_WRITE, 0);
+    }
+    // The file's bytes as reads at the position deliver them.
+    static std::string ReadAll(const char* path) {
+        FileHandle* f = zkOpenFile(path, ZK_OPEN_READ, 0);
+        if (!f) return "<not opened>";
+        std::string out;
+        char buffer[4096];
+        uint32_t got = 0;
+        while (zkReadFile(f, buffer, sizeof buffer, &got) == 0 && got)
+            out.append(buffer, got);
+        zkCloseFile(f);
+        return out;
     }
 };
 

@@ -1,5 +1,4 @@
-// The worker's queues seen from inside: how many nodes are taken tells when a
-// submitter's operation is queued, so ordering can be checked without timing.
+// The nodes taken tell when an operation is queued: ordering is checked without timing.
 #include "file/file_system.h"
 #include "file/memory_device.h"
 

@@ -1,10 +1,4 @@
-// A device I/O worker whose thread cannot be started: initialisation reports
-// it, file calls fail instead of waiting for a worker that never runs, and the
-// next initialisation, once threads can be made again, works.
-//
-// The POSIX backend takes every thread from a fixed pool of thread objects, so
-// filling that pool makes the worker's start fail; the Windows backend has no
-// such pool and nothing there makes CreateThread refuse on demand.
+// The POSIX backend's fixed pool of thread objects is filled so that the worker cannot start.
 #include "platform/platform.h"
 #include "support/library_test.h"
 

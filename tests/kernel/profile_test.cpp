@@ -40,10 +40,10 @@ protected:
         std::string text;
         for (uint32_t i = 0; i < profile->sectionCount; ++i) {
             const ProfileSection& section = profile->sections[i];
-            text += "[" + std::string(section.name) + "]";
+            text.append("[").append(section.name).append("]");
             for (uint32_t k = 0; k < section.entryCount; ++k) {
-                text += " <" + std::string(section.entries[k].key) + ">=<" +
-                        section.entries[k].value + ">";
+                text.append(" <").append(section.entries[k].key).append(">=<");
+                text.append(section.entries[k].value).append(">");
             }
             text += "\n";
         }

@@ -69,21 +69,21 @@ TEST(WindowHooks, ChainRunsInOrderStopsAtTheFirstHandlerAndHoldsSixteen) {
     for (zkAddr user : {1, 2, 3})
         ASSERT_EQ(zkAddWindowHook(Hook, user), 0);
     // clang-format off
-    struct Case { HookRun run; std::vector<zkAddr> calls; uint32_t frames; } cases[] = {
-        {{kProbeMessage, 0}, {1, 2, 3}, 4}, // nobody handles it: all, in order of addition
-        {{kProbeMessage, 2}, {1, 2}, 4},    // the second handles it: the third is not called
-        {{kProbeMessage, 1}, {1}, 4},
-        {{ZK_WM_CLOSE, 3}, {1, 2, 3}, 4}, // a handled close keeps the loop and the window
-        {{ZK_WM_CLOSE, 0}, {1, 2, 3}, 1}, // unhandled, it ends the loop after the first frame
+    struct Case { uint32_t message; zkAddr handledBy; std::vector<zkAddr> calls; uint32_t frames; } cases[] = {
+        {kProbeMessage, 0, {1, 2, 3}, 4}, // nobody handles it: all, in order of addition
+        {kProbeMessage, 2, {1, 2}, 4},    // the second handles it: the third is not called
+        {kProbeMessage, 1, {1}, 4},
+        {ZK_WM_CLOSE, 3, {1, 2, 3}, 4}, // a handled close keeps the loop and the window
+        {ZK_WM_CLOSE, 0, {1, 2, 3}, 1}, // unhandled, it ends the loop after the first frame
     };
     // clang-format on
     for (const Case& c : cases) {
-        g_run = c.run;
+        g_run = HookRun{c.message, c.handledBy};
         g_hooksActive = true;
         ASSERT_EQ(zkMain(zktest::StartLibrary, HookFrame, zktest::StopLibrary, 0), 0);
         g_hooksActive = false;
-        EXPECT_EQ(g_run.calls, c.calls) << c.run.message << " " << c.run.handledBy;
-        EXPECT_EQ(g_run.frames, c.frames) << c.run.message << " " << c.run.handledBy;
+        EXPECT_EQ(g_run.calls, c.calls) << c.message << " " << c.handledBy;
+        EXPECT_EQ(g_run.frames, c.frames) << c.message << " " << c.handledBy;
         EXPECT_TRUE(g_run.windowAlive);
     }
     // Fill the table: 16 hooks at most, the 17th is refused.

@@ -474,6 +474,15 @@ void MemoryPool::AddressRefresh(uint32_t from) {
     }
 }
 
+// After a subtree gained a gap and lost none: from `from` up to (not
+// including) `stop`, each largest gap rises to it, until one already holds
+// as much (and so, then, do all above it).
+void MemoryPool::AddressRaise(uint32_t from, uint32_t stop, uint32_t gap) {
+    for (uint32_t b = from; b != stop && addressNodes_[b].largestGapBelow < gap;
+         b = addressNodes_[b].parent)
+        addressNodes_[b].largestGapBelow = gap;
+}
+
 // Places block right after owner in the in-order sequence: as owner's right
 // child, or as the left child of owner's successor (the leftmost node of
 // owner's right subtree, which has none). Owner's gap may have changed since
@@ -500,9 +509,7 @@ void MemoryPool::AddressInsertAfter(MemoryBlock* owner, MemoryBlock* ownerNext,
     // once one already holds as much, so do the rest below owner. Owner's
     // own gap has changed, so from owner up the largest gaps are computed
     // again until one stays the same.
-    const uint32_t gap = block->gapAfter;
-    for (uint32_t b = t[k].parent; b != o && t[b].largestGapBelow < gap; b = t[b].parent)
-        t[b].largestGapBelow = gap;
+    AddressRaise(t[k].parent, o, block->gapAfter);
     AddressRefresh(o);
     const uint32_t priority = Priority(k);
     while (t[k].parent != nil && priority > Priority(t[k].parent))
@@ -809,12 +816,8 @@ void MemoryPool::Absorb(MemoryBlock* block) {
         // Before's gap only grew: it and its ancestors rise to it until one
         // already holds as much. The block's own gap was part of it, so its
         // leaving lowers nothing above before.
-        const uint32_t grown = before->gapAfter;
-        addressNodes_[Number(before)].gap = grown;
-        for (uint32_t b = Number(before);
-             b != AddressNil() && addressNodes_[b].largestGapBelow < grown;
-             b = addressNodes_[b].parent)
-            addressNodes_[b].largestGapBelow = grown;
+        addressNodes_[Number(before)].gap = before->gapAfter;
+        AddressRaise(Number(before), AddressNil(), before->gapAfter);
         AddressRemove(block);
     }
     if (block->next)

@@ -3,9 +3,9 @@
 //
 // What it owns: the descriptor table handed out by a DescriptorStore (the
 // descriptors, the address index, the gap bins and the trees' nodes), the
-// roots of the 32 gap classes and of the address tree, and the pool's lock. It never reads or
-// writes the bytes of the range it manages, and never allocates: a pool can describe any span of
-// addresses, mapped or not.
+// roots of the 32 gap classes and of the address tree, and the pool's lock.
+// It never reads or writes the bytes of the range it manages, and never
+// allocates: a pool can describe any span of addresses, mapped or not.
 //
 // Invariants (kept by Carve and Absorb):
 //   - descriptor 0 is the head block: in use, address = base, size 0, never
@@ -36,10 +36,10 @@
 //     request's by one descent and walks on in order only past entries the
 //     alignment rules out. A bit per class says which are non-empty.
 //     In a pool with many descriptors, gaps smaller than kGapBinLimit skip
-//     the trees: each size has a bin
-//     (its list, newest first, headed from a table of kGapBinLimit heads),
-//     and a bit per size with a bit per 64 sizes above them finds the
-//     first non-empty size of at least the request's in two word scans.
+//     the trees: each size has a bin (its list, newest first, headed from
+//     a table of kGapBinLimit heads), and a bit per size with a bit per 64
+//     sizes above them finds the first non-empty size of at least the
+//     request's in two word scans.
 //     The bins, in ascending size, come before the classes of larger gaps,
 //     so the order searched is the same class order;
 //   - the address tree is a treap over all blocks (head included) whose
@@ -48,19 +48,19 @@
 //     descriptors (node i for descriptor i, 20 bytes each, links as
 //     descriptor numbers, a sentinel for none, and a copy of the block's
 //     gap), which keeps the walks over it in cache: they read a descriptor
-//     only to place a block in a gap that holds it. The
-//     lowest- and highest-address searches descend into subtrees whose
+//     only to place a block in a gap that holds it. The lowest- and
+//     highest-address searches descend into subtrees whose
 //     largest gap can hold the request and skip the rest. Best fit never
 //     needs it, so it is built (in one pass over the list) by the pool's
 //     first lowest- or highest-address search and kept from then on; a pool
 //     that only ever searches best fit does not pay for it;
 //   - the address index, an open-addressing hash table (linear probing, room
 //     for twice as many slots as descriptors, of which a power of two at
-//     least four times the block count is in use: the part doubles as the pool
-//     fills and never shrinks) of every block but the head, answers search
-//     by address with one probe sequence; each slot
-//     holds the key (the address's low 32 bits) beside the descriptor's
-//     number, so probing never reads a descriptor.
+//     least four times the block count is in use: the part doubles as the
+//     pool fills and never shrinks) of every block but the head, answers
+//     search by address with one probe sequence; each slot holds the key
+//     (the address's low 32 bits) beside the descriptor's number, so probing
+//     never reads a descriptor.
 //
 // Locks: the pool's lock (a LightLock: user-space when uncontended, never
 // re-entered, since no engine step calls out) guards Carve, Absorb,
@@ -270,6 +270,7 @@ private:
     void AddressRemove(MemoryBlock* block);
     void AddressRotateUp(uint32_t x);
     void AddressRefresh(uint32_t from);
+    void AddressRaise(uint32_t from, uint32_t stop, uint32_t gap);
     void AddressBuild();
     MemoryBlock* LowestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
     MemoryBlock* HighestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;

@@ -27,6 +27,9 @@
 
 #ifdef ZK_BENCH_MIMALLOC
 #include <mimalloc.h>
+#if defined(__GLIBC__)
+#include <dlfcn.h>
+#endif
 #endif
 
 namespace {
@@ -52,18 +55,39 @@ Workload Make(const char* name, uint32_t smallest, uint32_t largest, uint32_t li
 }
 
 // With mimalloc linked in, its malloc and free take the place of the C
-// runtime's for the whole process; glibc's own entry points keep the C
-// runtime's column what its name says.
+// runtime's for the whole process, and it defines glibc's internal entry
+// points (__libc_malloc, __libc_free) as well. The C runtime column therefore
+// looks malloc and free up in the C library's own symbol table, so that it
+// measures what its name says; the start of the run prints where they came
+// from.
 #if defined(ZK_BENCH_MIMALLOC) && defined(__GLIBC__)
-extern "C" void* __libc_malloc(size_t size);
-extern "C" void __libc_free(void* p);
+using MallocFunction = void* (*)(size_t);
+using FreeFunction = void (*)(void*);
+MallocFunction gRuntimeMalloc = nullptr;
+FreeFunction gRuntimeFree = nullptr;
+
+bool FindRuntimeAllocator() {
+    void* runtime = dlopen("libc.so.6", RTLD_NOW | RTLD_NOLOAD);
+    if (!runtime) return false;
+    gRuntimeMalloc = reinterpret_cast<MallocFunction>(dlsym(runtime, "malloc"));
+    gRuntimeFree = reinterpret_cast<FreeFunction>(dlsym(runtime, "free"));
+    Dl_info where{};
+    if (!gRuntimeMalloc || !gRuntimeFree ||
+        !dladdr(reinterpret_cast<void*>(gRuntimeMalloc), &where))
+        return false;
+    std::printf("C runtime column: malloc and free from %s\n", where.dli_fname);
+    return true;
+}
 void* CAllocate(size_t size) {
-    return __libc_malloc(size);
+    return gRuntimeMalloc(size);
 }
 void CRelease(void* p) {
-    __libc_free(p);
+    gRuntimeFree(p);
 }
 #else
+bool FindRuntimeAllocator() {
+    return true;
+}
 void* CAllocate(size_t size) {
     return std::malloc(size);
 }
@@ -115,6 +139,10 @@ template <void* (*Allocate)(size_t), void (*Release)(void*)> double Run(const Wo
 int main() {
     // Room for 100 000 blocks of up to 512 B and 10 000 of up to 8 KiB, each
     // rounded to 64, with descriptors to spare.
+    if (!FindRuntimeAllocator()) {
+        std::fprintf(stderr, "bench_memory: the C runtime's malloc was not found\n");
+        return 1;
+    }
     if (zkBeginProcess(0) < 0 || zkInitializeEx(256u << 20, 120000) < 0) {
         std::fprintf(stderr, "bench_memory: the library did not start\n");
         return 1;

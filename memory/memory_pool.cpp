@@ -2,7 +2,9 @@
 // memory_pool.h.
 #include "memory/memory_pool.h"
 #include "memory/free_bytes_poison.h"
+#include "memory/leaf_scan.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstring>
@@ -79,8 +81,8 @@ void ClearDescriptor(MemoryBlock* b) {
     b->allocationNumber = 0;
 }
 
-// Treap priority of an address tree node: a hash of its descriptor's
-// number, so that the tree's shape does not follow the order of allocation.
+// Treap priority of an address tree node: a hash of its leaf's number,
+// so that the tree's shape does not follow the order of splits.
 uint32_t Priority(uint32_t node) {
     uint32_t x = node + 1;
     x ^= x >> 16;
@@ -103,14 +105,22 @@ uint64_t IndexSlots(uint32_t descriptorCount) {
     return slots;
 }
 
+// Address tree leaves a pool needs: every leaf but a lone one holds at least
+// kLeafMinimum blocks.
+uint32_t LeafRoom(uint32_t descriptorCount) {
+    return descriptorCount / zk::kLeafMinimum + 1;
+}
+
 } // namespace
 
 uint64_t MemoryPool::TableDescriptors(uint32_t descriptorCount) {
     const uint64_t indexBytes = IndexSlots(descriptorCount) * sizeof(zk::AddressSlot);
-    // One address node more than descriptors: the sentinel that stands for
-    // "no node" in the address tree.
-    const uint64_t nodeBytes = uint64_t{descriptorCount} * sizeof(zk::GapNode) +
-                               (uint64_t{descriptorCount} + 1) * sizeof(zk::AddressNode);
+    // Each descriptor has a gap node and a leaf number; one address node more
+    // than leaves: the sentinel that stands for "no node" in the address tree.
+    const uint64_t leaves = LeafRoom(descriptorCount);
+    const uint64_t nodeBytes = uint64_t{descriptorCount} * (sizeof(zk::GapNode) + 4) +
+                               (leaves + 1) * sizeof(zk::AddressNode) +
+                               leaves * sizeof(zk::AddressLeaf);
     const uint64_t binBytes = descriptorCount >= zk::kBinnedPoolDescriptors
                                   ? zk::kGapBinWords * sizeof(uint64_t) + zk::kGapBinLimit * 4u
                                   : 0;
@@ -159,8 +169,11 @@ int32_t MemoryPool::Initialize(zkAddr base, uint32_t size, uint32_t descriptorCo
     binHeads_ = reinterpret_cast<uint32_t*>(binBits_ + (binLimit_ ? zk::kGapBinWords : 0));
     std::memset(binHeads_, 0xFF, binLimit_ * sizeof(uint32_t)); // every bin empty
     binSummary_ = 0;
-    addressNodes_ = reinterpret_cast<zk::AddressNode*>(binHeads_ + binLimit_);
-    gapNodes_ = reinterpret_cast<zk::GapNode*>(addressNodes_ + descriptorCount + 1);
+    leafCount_ = LeafRoom(descriptorCount);
+    leaves_ = reinterpret_cast<zk::AddressLeaf*>(binHeads_ + binLimit_);
+    addressNodes_ = reinterpret_cast<zk::AddressNode*>(leaves_ + leafCount_);
+    leafPlace_ = reinterpret_cast<uint32_t*>(addressNodes_ + leafCount_ + 1);
+    gapNodes_ = reinterpret_cast<zk::GapNode*>(leafPlace_ + descriptorCount);
     for (uint32_t i = 0; i < descriptorCount; ++i)
         gapNodes_[i].parent = i + 1 < descriptorCount ? i + 1 : zk::kNoNode;
     freeGapNodes_ = 0;
@@ -207,6 +220,10 @@ void MemoryPool::Destroy(zk::DescriptorStore& store) {
     binSummary_ = 0;
     binLimit_ = 0;
     addressNodes_ = nullptr;
+    leaves_ = nullptr;
+    leafPlace_ = nullptr;
+    leafCount_ = 0;
+    freeLeaves_ = zk::kNoNode;
     addressRoot_ = zk::kNoNode;
     base_ = 0;
     size_ = 0;
@@ -435,7 +452,7 @@ uint32_t MemoryPool::LargestOf(uint32_t node) const {
 }
 
 // Rotates x above its parent; both get their largest gap again from their
-// children. The pair covers the same blocks as before, so nothing above
+// children. The pair covers the same leaves as before, so nothing above
 // changes.
 void MemoryPool::AddressRotateUp(uint32_t x) {
     const uint32_t nil = AddressNil();
@@ -474,116 +491,323 @@ void MemoryPool::AddressRefresh(uint32_t from) {
     }
 }
 
-// After a subtree gained a gap and lost none: from `from` up to (not
-// including) `stop`, each largest gap rises to it, until one already holds
-// as much (and so, then, do all above it).
-void MemoryPool::AddressRaise(uint32_t from, uint32_t stop, uint32_t gap) {
-    for (uint32_t b = from; b != stop && addressNodes_[b].largestGapBelow < gap;
+// After a subtree gained a gap and lost none: from `from` up, each largest
+// gap rises to it, until one already holds as much (and so, then, do all
+// above it).
+void MemoryPool::AddressRaise(uint32_t from, uint32_t gap) {
+    const uint32_t nil = AddressNil();
+    for (uint32_t b = from; b != nil && addressNodes_[b].largestGapBelow < gap;
          b = addressNodes_[b].parent)
         addressNodes_[b].largestGapBelow = gap;
 }
 
-// Places block right after owner in the in-order sequence: as owner's right
-// child, or as the left child of owner's successor (the leftmost node of
-// owner's right subtree, which has none). Owner's gap may have changed since
-// the tree last saw it; the largest gaps are brought up to date for both.
-void MemoryPool::AddressInsertAfter(MemoryBlock* owner, MemoryBlock* ownerNext,
-                                    MemoryBlock* block) {
+// Places the node of leaf `fresh` (its gap already set) right after `leaf`
+// in the in-order sequence: as leaf's right child, or as the left child of
+// leaf's successor (the leftmost node of leaf's right subtree, which has
+// none), then lifts it to its place by priority.
+void MemoryPool::AddressAttachAfter(uint32_t leaf, uint32_t successor, uint32_t fresh) {
     const uint32_t nil = AddressNil();
     zk::AddressNode* t = addressNodes_;
-    const uint32_t o = Number(owner);
-    const uint32_t k = Number(block);
-    t[k].left = t[k].right = nil;
-    t[k].largestGapBelow = t[k].gap = block->gapAfter;
-    t[o].gap = owner->gapAfter;
-    if (t[o].right == nil) {
-        t[o].right = k;
-        t[k].parent = o;
+    t[fresh].left = t[fresh].right = nil;
+    t[fresh].largestGapBelow = t[fresh].gap;
+    if (t[leaf].right == nil) {
+        t[leaf].right = fresh;
+        t[fresh].parent = leaf;
     } else {
-        const uint32_t s = Number(ownerNext);
-        t[s].left = k;
-        t[k].parent = s;
+        t[successor].left = fresh;
+        t[fresh].parent = successor;
     }
-    // Below owner (the new node's parent or an ancestor of it) each subtree
-    // on the way up only gains the new gap: its largest rises to it, and
-    // once one already holds as much, so do the rest below owner. Owner's
-    // own gap has changed, so from owner up the largest gaps are computed
-    // again until one stays the same.
-    AddressRaise(t[k].parent, o, block->gapAfter);
-    AddressRefresh(o);
-    const uint32_t priority = Priority(k);
-    while (t[k].parent != nil && priority > Priority(t[k].parent))
-        AddressRotateUp(k);
+    AddressRaise(t[fresh].parent, t[fresh].gap);
+    const uint32_t priority = Priority(fresh);
+    while (t[fresh].parent != nil && priority > Priority(t[fresh].parent))
+        AddressRotateUp(fresh);
 }
 
-void MemoryPool::AddressRemove(MemoryBlock* block) {
+// Takes a leaf's node out of the tree: rotated down until it has at most
+// one child, which takes its place.
+void MemoryPool::AddressDetach(uint32_t leaf) {
     const uint32_t nil = AddressNil();
     zk::AddressNode* t = addressNodes_;
-    const uint32_t k = Number(block);
-    while (t[k].left != nil && t[k].right != nil)
-        AddressRotateUp(Priority(t[k].left) > Priority(t[k].right) ? t[k].left : t[k].right);
-    const uint32_t child = t[k].left != nil ? t[k].left : t[k].right;
-    const uint32_t parent = t[k].parent;
+    t[leaf].gap = 0;
+    while (t[leaf].left != nil && t[leaf].right != nil)
+        AddressRotateUp(Priority(t[leaf].left) > Priority(t[leaf].right) ? t[leaf].left
+                                                                         : t[leaf].right);
+    const uint32_t child = t[leaf].left != nil ? t[leaf].left : t[leaf].right;
+    const uint32_t parent = t[leaf].parent;
     if (child != nil) t[child].parent = parent;
     if (parent == nil)
         addressRoot_ = child;
-    else if (t[parent].left == k)
+    else if (t[parent].left == leaf)
         t[parent].left = child;
     else
         t[parent].right = child;
-    t[k].left = t[k].right = t[k].parent = nil;
+    t[leaf].left = t[leaf].right = t[leaf].parent = nil;
     AddressRefresh(parent);
 }
 
-// Builds the address tree from the block list in one pass: each block joins
-// the right spine of the tree so far, taking as its left subtree the spine
-// nodes of lower priority it displaces (whose subtrees are then complete, so
-// their largest gaps are settled as they leave the spine).
+// A leaf's entries: one joins at the end; one leaves and the last entry takes
+// its slot. Slots past the count keep a gap of 0, which neither fits a
+// request nor raises a largest, so that the scans below run over every slot
+// and need no branch per entry.
+void MemoryPool::LeafPut(uint32_t leaf, uint32_t key, uint32_t descriptor, uint32_t gap) {
+    zk::AddressLeaf& l = leaves_[leaf];
+    const uint32_t slot = l.count++;
+    l.key[slot] = key;
+    l.block[slot] = descriptor;
+    l.gap[slot] = gap;
+    leafPlace_[descriptor] = leaf * zk::kLeafCapacity + slot;
+}
+
+void MemoryPool::LeafDrop(uint32_t leaf, uint32_t slot) {
+    zk::AddressLeaf& l = leaves_[leaf];
+    const uint32_t last = --l.count;
+    if (slot != last) {
+        l.key[slot] = l.key[last];
+        l.block[slot] = l.block[last];
+        l.gap[slot] = l.gap[last];
+        leafPlace_[l.block[slot]] = leaf * zk::kLeafCapacity + slot;
+    }
+    l.gap[last] = 0;
+}
+
+uint32_t MemoryPool::LeafLargest(uint32_t leaf) const {
+    return zk::LargestGapOf<zk::kLeafCapacity>(leaves_[leaf].gap);
+}
+
+// After a leaf's entries changed: its largest gap again, and the tree above
+// it when that differs.
+void MemoryPool::LeafSettle(uint32_t leaf) {
+    const uint32_t largest = LeafLargest(leaf);
+    if (largest == addressNodes_[leaf].gap) return;
+    addressNodes_[leaf].gap = largest;
+    AddressRefresh(leaf);
+}
+
+// The n-th smallest key of a leaf (from 0).
+uint32_t MemoryPool::LeafNthKey(uint32_t leaf, uint32_t n) const {
+    const zk::AddressLeaf& l = leaves_[leaf];
+    uint32_t keys[zk::kLeafCapacity];
+    std::memcpy(keys, l.key, l.count * sizeof(uint32_t));
+    std::nth_element(keys, keys + n, keys + l.count);
+    return keys[n];
+}
+
+// Moves the entries whose key is at least pivot (fromPivotUp) or below it
+// to another leaf.
+void MemoryPool::LeafMoveKeys(uint32_t from, uint32_t to, uint32_t pivot, bool fromPivotUp) {
+    zk::AddressLeaf& l = leaves_[from];
+    for (uint32_t i = 0; i < l.count;) {
+        if ((l.key[i] >= pivot) == fromPivotUp) {
+            LeafPut(to, l.key[i], l.block[i], l.gap[i]);
+            LeafDrop(from, i); // the last entry comes to slot i: look at it next
+        } else {
+            ++i;
+        }
+    }
+}
+
+// A full leaf gives its upper half (by key) to a new leaf placed after it.
+void MemoryPool::LeafSplit(uint32_t leaf) {
+    const uint32_t fresh = freeLeaves_; // never empty: see LeafRoom
+    zk::AddressLeaf& l = leaves_[leaf];
+    zk::AddressLeaf& f = leaves_[fresh];
+    freeLeaves_ = f.next;
+    f.count = 0;
+    LeafMoveKeys(leaf, fresh, LeafNthKey(leaf, l.count / 2), true);
+    const uint32_t successor = l.next;
+    f.previous = leaf;
+    f.next = successor;
+    if (successor != zk::kNoNode) leaves_[successor].previous = fresh;
+    l.next = fresh;
+    LeafSettle(leaf);
+    addressNodes_[fresh].gap = LeafLargest(fresh);
+    AddressAttachAfter(leaf, successor, fresh);
+}
+
+// A leaf below kLeafMinimum (not the only one) merges with a neighbour when
+// both fit in one leaf, else takes entries from it until they hold half each.
+void MemoryPool::LeafRebalance(uint32_t leaf) {
+    const zk::AddressLeaf& l = leaves_[leaf];
+    const uint32_t low = l.next != zk::kNoNode ? leaf : l.previous;
+    const uint32_t high = l.next != zk::kNoNode ? l.next : leaf;
+    zk::AddressLeaf& a = leaves_[low];
+    zk::AddressLeaf& b = leaves_[high];
+    const uint32_t total = a.count + b.count;
+    if (total <= zk::kLeafCapacity) {
+        LeafMoveKeys(high, low, 0, true);
+        a.next = b.next;
+        if (b.next != zk::kNoNode) leaves_[b.next].previous = low;
+        LeafSettle(low);
+        AddressDetach(high);
+        b.next = freeLeaves_;
+        freeLeaves_ = high;
+        return;
+    }
+    const uint32_t half = total / 2;
+    if (a.count < half) // b's lowest keys move to a
+        LeafMoveKeys(high, low, LeafNthKey(high, half - a.count), false);
+    else // a's highest keys move to b
+        LeafMoveKeys(low, high, LeafNthKey(low, half), true);
+    LeafSettle(low);
+    LeafSettle(high);
+}
+
+// The new block joins its owner's leaf (split first when full), next to its
+// owner in address order; the owner's gap has shrunk to the slack before the
+// block. Neither gap exceeds the owner's old one.
+void MemoryPool::AddressInsertAfter(MemoryBlock* owner, MemoryBlock* block) {
+    const uint32_t o = Number(owner);
+    uint32_t place = leafPlace_[o];
+    uint32_t leaf = place / zk::kLeafCapacity;
+    zk::AddressLeaf& l = leaves_[leaf];
+    const uint32_t oldGap = l.gap[place % zk::kLeafCapacity];
+    l.gap[place % zk::kLeafCapacity] = owner->gapAfter;
+    const bool split = l.count == zk::kLeafCapacity;
+    if (split) {
+        LeafSplit(leaf); // settles both halves with the owner's new gap
+        leaf = leafPlace_[o] / zk::kLeafCapacity;
+    }
+    const uint32_t gap = block->gapAfter;
+    LeafPut(leaf, static_cast<uint32_t>(GapStart(block) - base_), Number(block), gap);
+    zk::AddressNode& node = addressNodes_[leaf];
+    if (!split && oldGap == node.gap) {
+        LeafSettle(leaf); // the owner held the leaf's largest gap
+    } else if (gap > node.gap) {
+        node.gap = gap;
+        AddressRaise(leaf, gap);
+    }
+}
+
+// Before's gap grew by the block and its gap; the block leaves its leaf.
+void MemoryPool::AddressAbsorb(MemoryBlock* before, MemoryBlock* block) {
+    const uint32_t beforePlace = leafPlace_[Number(before)];
+    const uint32_t beforeLeaf = beforePlace / zk::kLeafCapacity;
+    const uint32_t grown = before->gapAfter;
+    leaves_[beforeLeaf].gap[beforePlace % zk::kLeafCapacity] = grown;
+    if (grown > addressNodes_[beforeLeaf].gap) {
+        addressNodes_[beforeLeaf].gap = grown;
+        AddressRaise(beforeLeaf, grown);
+    }
+    const uint32_t place = leafPlace_[Number(block)];
+    const uint32_t leaf = place / zk::kLeafCapacity;
+    zk::AddressLeaf& l = leaves_[leaf];
+    const uint32_t gone = l.gap[place % zk::kLeafCapacity];
+    LeafDrop(leaf, place % zk::kLeafCapacity);
+    if (l.count < zk::kLeafMinimum && (l.previous != zk::kNoNode || l.next != zk::kNoNode))
+        LeafRebalance(leaf);
+    else if (gone != 0 && gone == addressNodes_[leaf].gap)
+        LeafSettle(leaf);
+}
+
+// Builds the address tree from the block list in one pass: the blocks fill
+// leaves of about kLeafFill in turn, and each leaf joins the right spine of
+// the tree so far, taking as its left subtree the spine nodes of lower
+// priority it displaces (whose subtrees are then complete, so their largest
+// gaps are settled as they leave the spine).
 void MemoryPool::AddressBuild() {
     const uint32_t nil = AddressNil();
     zk::AddressNode* t = addressNodes_;
-    t[nil] = {nil, nil, nil, 0, 0};
+    // The sentinel has no gap below it, but its own stops any descent that
+    // reaches it (which only wrong largest gaps could make happen).
+    t[nil] = {nil, nil, nil, 0, 0xFFFFFFFFu};
+    const uint32_t leaves = (blockCount_ + zk::kLeafFill - 1) / zk::kLeafFill;
+    for (uint32_t i = 0; i < leafCount_; ++i) {
+        leaves_[i].count = 0;
+        leaves_[i].next = i + 1 < leafCount_ ? i + 1 : zk::kNoNode;
+        std::memset(leaves_[i].gap, 0, sizeof(leaves_[i].gap));
+    }
+    freeLeaves_ = leaves < leafCount_ ? leaves : zk::kNoNode;
     uint32_t spine = nil; // the lowest node of the right spine
-    for (const MemoryBlock* b = descriptors_; b; b = b->next) {
-        const uint32_t k = Number(b);
-        const uint32_t priority = Priority(k);
-        t[k].gap = b->gapAfter;
+    const MemoryBlock* b = descriptors_;
+    for (uint32_t leaf = 0; leaf < leaves; ++leaf) {
+        // Counts differ by at most one, so every leaf holds at least
+        // kLeafMinimum when there are several.
+        const uint32_t count = blockCount_ / leaves + (leaf < blockCount_ % leaves ? 1 : 0);
+        leaves_[leaf].previous = leaf > 0 ? leaf - 1 : zk::kNoNode;
+        leaves_[leaf].next = leaf + 1 < leaves ? leaf + 1 : zk::kNoNode;
+        for (uint32_t i = 0; i < count; ++i, b = b->next)
+            LeafPut(leaf, static_cast<uint32_t>(GapStart(b) - base_), Number(b), b->gapAfter);
+        t[leaf].gap = LeafLargest(leaf);
+        const uint32_t priority = Priority(leaf);
         uint32_t displaced = nil;
         while (spine != nil && Priority(spine) < priority) {
             t[spine].largestGapBelow = LargestOf(spine);
             displaced = spine;
             spine = t[spine].parent;
         }
-        t[k].left = displaced;
-        t[k].right = nil;
-        if (displaced != nil) t[displaced].parent = k;
-        t[k].parent = spine;
-        if (spine != nil) t[spine].right = k;
-        spine = k;
+        t[leaf].left = displaced;
+        t[leaf].right = nil;
+        if (displaced != nil) t[displaced].parent = leaf;
+        t[leaf].parent = spine;
+        if (spine != nil) t[spine].right = leaf;
+        spine = leaf;
     }
-    for (uint32_t b = spine; b != nil; b = t[b].parent) {
-        t[b].largestGapBelow = LargestOf(b);
-        addressRoot_ = b;
+    for (uint32_t n = spine; n != nil; n = t[n].parent) {
+        t[n].largestGapBelow = LargestOf(n);
+        addressRoot_ = n;
+    }
+}
+
+// The lowest gap of a leaf that holds the block at its alignment: the
+// smallest key whose gap is large enough, then the next smallest while the
+// alignment rules one out.
+MemoryBlock* MemoryPool::LeafLowest(uint32_t leaf, uint32_t taken, uint32_t alignment,
+                                    zkAddr* placement) const {
+    const zk::AddressLeaf& l = leaves_[leaf];
+    for (uint32_t above = 0;;) {
+        // No key is 0xFFFFFFFF: a gap of at least 1 byte follows each one.
+        const uint32_t best = zk::SmallestFittingKey<zk::kLeafCapacity>(l.key, l.gap, taken, above);
+        if (best == 0xFFFFFFFFu) return nullptr;
+        uint32_t slot = 0;
+        while (l.key[slot] != best || l.gap[slot] < taken)
+            ++slot;
+        if (FitsFromBottom(base_ + best, l.gap[slot], taken, alignment, placement))
+            return descriptors_ + l.block[slot];
+        above = best + 1;
+    }
+}
+
+// The mirror image: the largest key whose gap holds the block placed as
+// high as the alignment allows.
+MemoryBlock* MemoryPool::LeafHighest(uint32_t leaf, uint32_t taken, uint32_t alignment,
+                                     zkAddr* placement) const {
+    const zk::AddressLeaf& l = leaves_[leaf];
+    for (uint32_t below = 0xFFFFFFFFu;;) {
+        const uint32_t best =
+            zk::LargestFittingKeyPlusOne<zk::kLeafCapacity>(l.key, l.gap, taken, below);
+        if (best == 0) return nullptr;
+        uint32_t slot = 0;
+        while (l.key[slot] != best - 1 || l.gap[slot] < taken)
+            ++slot;
+        if (FitsFromTop(base_ + (best - 1), l.gap[slot], taken, alignment, placement))
+            return descriptors_ + l.block[slot];
+        below = best - 1;
     }
 }
 
 // The first block in address order whose gap holds the block: an in-order
-// walk that enters only subtrees whose largest gap is at least taken.
+// walk over the leaves that enters only subtrees whose largest gap is at
+// least taken.
 MemoryBlock* MemoryPool::LowestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const {
     const uint32_t nil = AddressNil();
     const zk::AddressNode* t = addressNodes_;
     uint32_t b = addressRoot_;
     if (t[b].largestGapBelow < taken) return nullptr;
     for (;;) {
-        if (LargestBelow(t[b].left) >= taken) {
-            b = t[b].left;
-            continue;
+        // Down to the first leaf in order whose own largest gap is large
+        // enough: left while the left subtree has one, else b itself, else
+        // right (which then must have one).
+        for (;;) {
+            const uint32_t left = t[b].left;
+            const bool goLeft = LargestBelow(left) >= taken;
+            if (!goLeft && t[b].gap >= taken) break;
+            b = goLeft ? left : t[b].right;
         }
+        if (b == nil) return nullptr;
         for (;;) { // b's left subtree holds nothing that fits: b, then its right
-            MemoryBlock* d = descriptors_ + b;
-            if (t[b].gap >= taken &&
-                FitsFromBottom(GapStart(d), d->gapAfter, taken, alignment, placement))
-                return d;
+            if (t[b].gap >= taken) {
+                if (MemoryBlock* d = LeafLowest(b, taken, alignment, placement)) return d;
+            }
             if (LargestBelow(t[b].right) >= taken) {
                 b = t[b].right;
                 break;
@@ -607,15 +831,17 @@ MemoryBlock* MemoryPool::HighestFit(uint32_t taken, uint32_t alignment, zkAddr* 
     uint32_t b = addressRoot_;
     if (t[b].largestGapBelow < taken) return nullptr;
     for (;;) {
-        if (LargestBelow(t[b].right) >= taken) {
-            b = t[b].right;
-            continue;
-        }
         for (;;) {
-            MemoryBlock* d = descriptors_ + b;
-            if (t[b].gap >= taken &&
-                FitsFromTop(GapStart(d), d->gapAfter, taken, alignment, placement))
-                return d;
+            const uint32_t right = t[b].right;
+            const bool goRight = LargestBelow(right) >= taken;
+            if (!goRight && t[b].gap >= taken) break;
+            b = goRight ? right : t[b].left;
+        }
+        if (b == nil) return nullptr;
+        for (;;) {
+            if (t[b].gap >= taken) {
+                if (MemoryBlock* d = LeafHighest(b, taken, alignment, placement)) return d;
+            }
             if (LargestBelow(t[b].left) >= taken) {
                 b = t[b].left;
                 break;
@@ -758,9 +984,7 @@ MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags
     if (owner->gapAfter) BucketRemove(owner);
     owner->gapAfter = static_cast<uint32_t>(placement - gapStart);
     if (owner->gapAfter) BucketInsert(owner);
-    if (addressRoot_ != zk::kNoNode) {
-        AddressInsertAfter(owner, owner->next, block); // refreshes owner too
-    }
+    if (addressRoot_ != zk::kNoNode) AddressInsertAfter(owner, block); // owner's gap too
     if (owner->next)
         owner->next->previous = block;
     else
@@ -812,14 +1036,7 @@ void MemoryPool::Absorb(MemoryBlock* block) {
     before->next = block->next;
     BucketInsert(before);
     if (block->gapAfter) BucketRemove(block);
-    if (addressRoot_ != zk::kNoNode) {
-        // Before's gap only grew: it and its ancestors rise to it until one
-        // already holds as much. The block's own gap was part of it, so its
-        // leaving lowers nothing above before.
-        addressNodes_[Number(before)].gap = before->gapAfter;
-        AddressRaise(Number(before), AddressNil(), before->gapAfter);
-        AddressRemove(block);
-    }
+    if (addressRoot_ != zk::kNoNode) AddressAbsorb(before, block);
     if (block->next)
         block->next->previous = before;
     else

@@ -2,8 +2,9 @@
 // list whose bookkeeping lives entirely in a table of MemoryBlock descriptors.
 //
 // What it owns: the descriptor table handed out by a DescriptorStore (the
-// descriptors, the address index, the gap bins and the trees' nodes), the
-// roots of the 32 gap classes and of the address tree, and the pool's lock.
+// descriptors, the address index, the gap bins, the trees' nodes and the
+// address tree's leaves), the roots of the 32 gap classes and of the address
+// tree, and the pool's lock.
 // It never reads or writes the bytes of the range it manages, and never
 // allocates: a pool can describe any span of addresses, mapped or not.
 //
@@ -42,18 +43,28 @@
 //     request's in two word scans.
 //     The bins, in ascending size, come before the classes of larger gaps,
 //     so the order searched is the same class order;
-//   - the address tree is a treap over all blocks (head included) whose
-//     in-order sequence is the block list, each node holding the largest gap
-//     of its subtree; its nodes form a table of their own beside the
-//     descriptors (node i for descriptor i, 20 bytes each, links as
-//     descriptor numbers, a sentinel for none, and a copy of the block's
-//     gap), which keeps the walks over it in cache: they read a descriptor
-//     only to place a block in a gap that holds it. The lowest- and
-//     highest-address searches descend into subtrees whose
-//     largest gap can hold the request and skip the rest. Best fit never
-//     needs it, so it is built (in one pass over the list) by the pool's
-//     first lowest- or highest-address search and kept from then on; a pool
-//     that only ever searches best fit does not pay for it;
+//   - the address tree finds the lowest or highest fitting gap. The block
+//     list (head included) is cut into runs of consecutive blocks, each held
+//     by a leaf of up to kLeafCapacity entries in no particular order: the
+//     block's descriptor number, its gap and its key, the offset of its gap's
+//     start from the pool's base (strictly increasing along the list, so the
+//     smallest key that fits is the lowest address). Each block knows its
+//     leaf and slot, so an entry changes, joins (at the end) or leaves (the
+//     last entry takes its slot) in constant time. The leaves, in address
+//     order, are the in-order sequence of a treap whose nodes hold each
+//     leaf's largest gap and the largest of their subtree; the treap changes
+//     only when a leaf splits or merges, and its largest gaps only when a
+//     leaf's largest changes. Every leaf holds at least kLeafMinimum blocks
+//     unless it is the only one (a leaf that falls below merges with, or
+//     borrows from, a neighbour), so a pool needs at most one leaf per
+//     kLeafMinimum descriptors. The lowest- and highest-address searches
+//     descend into subtrees whose largest gap can hold the request, then take
+//     the leaf's smallest (largest) key whose gap holds it, reading no
+//     descriptor at all.
+//     Best fit never needs the tree, so it is built (in one pass over the
+//     list) by the pool's first lowest- or highest-address search and kept
+//     from then on; a pool that only ever searches best fit does not pay for
+//     it;
 //   - the address index, an open-addressing hash table (linear probing, room
 //     for twice as many slots as descriptors, of which a power of two at
 //     least four times the block count is in use: the part doubles as the
@@ -64,11 +75,11 @@
 //
 // Locks: the pool's lock (a LightLock: user-space when uncontended, never
 // re-entered, since no engine step calls out) guards Carve, Absorb,
-// FindByAddress and Snapshot; each exported call takes it once (zkFree finds and frees under
-// one hold unless a free hook must run in between). Lock counts change under
-// the LibraryLock instead. Hooks run
-// outside both. Checkpoints, queries and walks take no lock: callers must not
-// run them while another thread allocates or frees in the same pool.
+// FindByAddress and Snapshot; each exported call takes it once (zkFree finds
+// and frees under one hold unless a free hook must run in between). Lock
+// counts change under the LibraryLock instead. Hooks run outside both. Checkpoints, queries and
+// walks take no lock: callers must not run them while another thread allocates or frees in the same
+// pool.
 //
 // Addresses are zkAddr (pointer-sized on 64-bit hosts); sizes and counts are
 // 32-bit. A range must not wrap past the end of the address space (it may end
@@ -88,8 +99,8 @@
 
 // One descriptor. A block handle given to applications points to one of these.
 // 64 bytes on a 64-bit host, so that in a table that starts on a 64-byte
-// boundary each descriptor is one cache line. The trees' nodes live apart,
-// in the pool's tables of GapNodes and AddressNodes.
+// boundary each descriptor is one cache line. The trees live apart, in the
+// pool's tables of GapNodes, AddressNodes and AddressLeaves.
 struct MemoryBlock {
     zkAddr address;        // first byte of the block
     uint32_t size;         // as taken (rounded, at least 1)
@@ -134,14 +145,31 @@ struct AddressSlot {
     uint32_t descriptor;
 };
 
-// One node of the address tree, kept apart from the descriptors so that
-// the tree's descents and rotations run over a small, dense array. Node i
-// belongs to descriptor i; links are descriptor numbers, and a sentinel node
-// (largest gap 0) after the last descriptor's stands for none.
+// One node of the address tree: a leaf. Node i belongs to leaf i; links are
+// leaf numbers, and a sentinel node (largest gap 0) after the last leaf's
+// stands for none.
 struct AddressNode {
     uint32_t left, right, parent;
     uint32_t largestGapBelow; // largest gapAfter in this node's subtree
-    uint32_t gap;             // the descriptor's own gapAfter, kept beside its links
+    uint32_t gap;             // the largest gapAfter in the node's own leaf
+};
+
+// Blocks per leaf of the address tree: at most kLeafCapacity, at least
+// kLeafMinimum unless the leaf is the only one, kLeafFill when the tree is
+// built.
+constexpr uint32_t kLeafCapacity = 16;
+constexpr uint32_t kLeafMinimum = 6;
+constexpr uint32_t kLeafFill = 12;
+
+// A run of consecutive blocks in address order, its entries unordered.
+struct AddressLeaf {
+    uint32_t count;
+    uint32_t previous, next; // neighbouring leaves in address order
+                             // (kNoNode at the ends); next links free leaves
+    uint32_t reserved;
+    uint32_t key[kLeafCapacity];   // gap start - pool base
+    uint32_t block[kLeafCapacity]; // descriptor numbers
+    uint32_t gap[kLeafCapacity];   // their gapAfter
 };
 constexpr uint32_t kNoNode = 0xFFFFFFFFu;
 
@@ -261,17 +289,31 @@ private:
     uint32_t Number(const MemoryBlock* block) const {
         return static_cast<uint32_t>(block - descriptors_);
     }
-    // The address tree's sentinel: the node after the last descriptor's,
-    // with no gap, standing for "no node" in every link.
-    uint32_t AddressNil() const { return descriptorCount_; }
+    // The address tree's sentinel: the node after the last leaf's, with no
+    // gap, standing for "no node" in every link.
+    uint32_t AddressNil() const { return leafCount_; }
     uint32_t LargestBelow(uint32_t node) const { return addressNodes_[node].largestGapBelow; }
     uint32_t LargestOf(uint32_t node) const;
-    void AddressInsertAfter(MemoryBlock* owner, MemoryBlock* ownerNext, MemoryBlock* block);
-    void AddressRemove(MemoryBlock* block);
+    void AddressInsertAfter(MemoryBlock* owner, MemoryBlock* block);
+    void AddressAbsorb(MemoryBlock* before, MemoryBlock* block);
+    void AddressAttachAfter(uint32_t leaf, uint32_t successor, uint32_t fresh);
+    void AddressDetach(uint32_t leaf);
     void AddressRotateUp(uint32_t x);
     void AddressRefresh(uint32_t from);
-    void AddressRaise(uint32_t from, uint32_t stop, uint32_t gap);
+    void AddressRaise(uint32_t from, uint32_t gap);
     void AddressBuild();
+    void LeafPut(uint32_t leaf, uint32_t key, uint32_t descriptor, uint32_t gap);
+    void LeafDrop(uint32_t leaf, uint32_t slot);
+    uint32_t LeafLargest(uint32_t leaf) const;
+    void LeafSettle(uint32_t leaf);
+    uint32_t LeafNthKey(uint32_t leaf, uint32_t n) const;
+    void LeafMoveKeys(uint32_t from, uint32_t to, uint32_t pivot, bool fromPivotUp);
+    void LeafSplit(uint32_t leaf);
+    void LeafRebalance(uint32_t leaf);
+    MemoryBlock* LeafLowest(uint32_t leaf, uint32_t taken, uint32_t alignment,
+                            zkAddr* placement) const;
+    MemoryBlock* LeafHighest(uint32_t leaf, uint32_t taken, uint32_t alignment,
+                             zkAddr* placement) const;
     MemoryBlock* LowestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
     MemoryBlock* HighestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
     uint32_t IndexHome(uint32_t key) const;
@@ -295,8 +337,12 @@ private:
     uint32_t* binHeads_ = nullptr;            // newest block of each bin's size, kNoNode when empty
     uint64_t binSummary_ = 0;                 // bit w: word w of binBits_ is not zero
     uint32_t binLimit_ = 0;                   // kGapBinLimit in a binned pool, else 0
-    zk::AddressNode* addressNodes_ = nullptr; // the address tree's nodes
-    uint32_t addressRoot_ = zk::kNoNode;      // kNoNode until the tree is built
+    zk::AddressNode* addressNodes_ = nullptr; // the address tree's nodes, one per leaf
+    zk::AddressLeaf* leaves_ = nullptr;       // its leaves
+    uint32_t* leafPlace_ = nullptr;           // each block's leaf * kLeafCapacity + slot
+    uint32_t leafCount_ = 0;                  // room for leaves (nodes: one more)
+    uint32_t freeLeaves_ = zk::kNoNode;
+    uint32_t addressRoot_ = zk::kNoNode; // kNoNode until the tree is built
     uint32_t blockCount_ = 0;
     uint32_t descriptorCount_ = 0;
     uint32_t gapCount_ = 0;

@@ -25,10 +25,13 @@
 //
 // Cache lines: base, size and the in-use flag are written only by create and
 // release, which the application calls while neither side is working, so
-// both sides keep them cached. Each side's total, offset and the count of
-// bytes it knows it may commit share one line that only that side writes;
-// the other side only reads the total. That count is what lets an unlock
-// check its count without reading the other side's line again.
+// both sides keep them cached. Each side's total has a line of its own that
+// only that side writes and the other only reads, written once per unlock;
+// each side's offset and the count of bytes it knows it may commit sit on a
+// further line that the other side never touches, so that a side polling an
+// empty [full] ring with locks does not take the line its partner reads
+// away from it. That count is what lets an unlock check its count without
+// reading the other side's line again.
 #include <zk/ringbuffer.h>
 #include <zk/semaphore.h>
 
@@ -85,10 +88,10 @@ struct RingBuffer {
     zkAddr base = 0;
     uint32_t size = 0;
     alignas(64) std::atomic<uint32_t> consumed{0};  // consumer's; the producer reads it
-    uint32_t readOffset = 0;                        // consumer's
-    uint32_t readable = 0;                          // consumer's: at most the data size
     alignas(64) std::atomic<uint32_t> committed{0}; // producer's; the consumer reads it
-    uint32_t writeOffset = 0;                       // producer's
+    alignas(64) uint32_t readOffset = 0;            // consumer's alone
+    uint32_t readable = 0;                          // consumer's: at most the data size
+    alignas(64) uint32_t writeOffset = 0;           // producer's alone
     uint32_t writable = 0;                          // producer's: at most size - data size
     alignas(64) SemaphoreRecord* guard = nullptr;
 

@@ -146,8 +146,8 @@ struct AddressSlot {
 };
 
 // One node of the address tree: a leaf. Node i belongs to leaf i; links are
-// leaf numbers, and a sentinel node (largest gap 0) after the last leaf's
-// stands for none.
+// leaf numbers, and a sentinel node (largest gap below it 0) after the last
+// leaf's stands for none.
 struct AddressNode {
     uint32_t left, right, parent;
     uint32_t largestGapBelow; // largest gapAfter in this node's subtree
@@ -290,7 +290,8 @@ private:
         return static_cast<uint32_t>(block - descriptors_);
     }
     // The address tree's sentinel: the node after the last leaf's, with no
-    // gap, standing for "no node" in every link.
+    // gap below it, standing for "no node" in every link (its own gap, set
+    // when the tree is built, stops any descent that reaches it).
     uint32_t AddressNil() const { return leafCount_; }
     uint32_t LargestBelow(uint32_t node) const { return addressNodes_[node].largestGapBelow; }
     uint32_t LargestOf(uint32_t node) const;

@@ -61,13 +61,13 @@ ZK_API uint32_t ZK_CALL zkGetModulePath(const char* name, char* out, uint32_t ou
 /** @name Modules
  * Modules are not supported: these load nothing. Any thread. */
 /** @{ */
-/** @brief Loads nothing. @return 0 */
+/** @brief Loads nothing. @return 0 @threads Any thread. */
 ZK_API int32_t ZK_CALL zkLoadModuleEx(void* a, void* b, void* c);
-/** @brief Loads nothing. @return -6 (ZK_ERR_NOT_SUPPORTED) */
+/** @brief Loads nothing. @return -6 (ZK_ERR_NOT_SUPPORTED) @threads Any thread. */
 ZK_API int32_t ZK_CALL zkLoadModule(void);
-/** @brief Unloads nothing. @return -6 (ZK_ERR_NOT_SUPPORTED) */
+/** @brief Unloads nothing. @return -6 (ZK_ERR_NOT_SUPPORTED) @threads Any thread. */
 ZK_API int32_t ZK_CALL zkUnloadModule(void);
-/** @brief Loads nothing. @return -6 (ZK_ERR_NOT_SUPPORTED) */
+/** @brief Loads nothing. @return -6 (ZK_ERR_NOT_SUPPORTED) @threads Any thread. */
 ZK_API int32_t ZK_CALL zkLoadDefaultModule(void);
 /** @} */
 

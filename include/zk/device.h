@@ -277,7 +277,7 @@ ZK_API uint32_t ZK_CALL zkGetFullPath(const char* path, char* out, uint32_t outS
 /**
  * @brief Resolves path (mount or device path, no working directory) into out,
  * which may hold path itself.
- * @return the driver's conversion result; -3 for a null argument; -33 when
+ * @return the driver's conversion result; -3 for a null argument or outSize 0; -33 when
  *         out is too small; -42 when no mount matches; -23 when no driver
  *         claims the path
  * @threads Any thread (see the group).

@@ -137,23 +137,23 @@ ZK_API void ZK_CALL zkSleep(uint32_t milliseconds);
  * Exports kept so that applications written against the full interface link;
  * they do nothing and may be called from any thread at any time. */
 /** @{ */
-/** @brief Does nothing. @return 0 */
+/** @brief Does nothing. @return 0 @threads Any thread. */
 ZK_API int32_t ZK_CALL zkExecute(void);
-/** @brief Does nothing. @return 0 */
+/** @brief Does nothing. @return 0 @threads Any thread. */
 ZK_API int32_t ZK_CALL zkEnableInterrupt(void);
-/** @brief Does nothing. @return 0 */
+/** @brief Does nothing. @return 0 @threads Any thread. */
 ZK_API int32_t ZK_CALL zkDisableInterrupt(void);
-/** @brief Does nothing. @return 0 */
+/** @brief Does nothing. @return 0 @threads Any thread. */
 ZK_API int32_t ZK_CALL zkInitializeDevice(void);
-/** @brief Does nothing. */
+/** @brief Does nothing. @threads Any thread. */
 ZK_API void ZK_CALL zkTrace2(void);
-/** @brief Does nothing. */
+/** @brief Does nothing. @threads Any thread. */
 ZK_API void ZK_CALL zkTerminateDevice(void);
-/** @brief Does nothing. */
+/** @brief Does nothing. @threads Any thread. */
 ZK_API void ZK_CALL zkSkipLoadModule(void);
-/** @brief Does nothing. */
+/** @brief Does nothing. @threads Any thread. */
 ZK_API void ZK_CALL zkReleaseOverlay(void);
-/** @brief Does nothing. */
+/** @brief Does nothing. @threads Any thread. */
 ZK_API void ZK_CALL zkSetDisplayFrequency(void);
 /** @} */
 

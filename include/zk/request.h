@@ -41,7 +41,7 @@ ZK_API Request* ZK_CALL zkCreateRequest(void);
 /**
  * @brief Returns the request to the pool. Must not be called while an
  * operation is pending on it.
- * @return 0; -55 for null
+ * @return 0 (also for a request already released); -55 for null
  * @threads The main thread.
  */
 ZK_API int32_t ZK_CALL zkReleaseRequest(Request* request);

@@ -60,8 +60,7 @@ ZK_EXTERN_C_BEGIN
  * above has a text of its own; any other value gives "unknown result".
  * @param result a result code returned by any function of the library
  * @return a static, terminated text; never null
- * @par Threads
- * Any thread, at any time, also before zkBeginProcess.
+ * @threads Any thread, at any time, also before zkBeginProcess.
  */
 ZK_API const char* ZK_CALL zkGetResultText(int32_t result);
 

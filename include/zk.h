@@ -1,4 +1,7 @@
-/* QAX kernel: the whole interface. */
+/**
+ * @file
+ * @brief The whole interface: includes every family header.
+ */
 #ifndef ZK_H
 #define ZK_H
 

@@ -41,17 +41,16 @@ echo "consumer: find_package(qaxkrnl 1.0 CONFIG) route built and ran"
 # The pkg-config route, with nothing but the prefix's .pc files visible.
 cc=cc
 [ "$target" = win64 ] && cc=x86_64-w64-mingw32-gcc
-flags=$(PKG_CONFIG_LIBDIR=$(dirname "$(find "$prefix" -name qaxkrnl.pc | head -n 1)") \
-    pkg-config --cflags --libs qaxkrnl)
+pcdir=$(dirname "$(find "$prefix" -name qaxkrnl.pc | head -n 1)")
+flags=$(PKG_CONFIG_LIBDIR=$pcdir pkg-config --cflags --libs qaxkrnl)
 exe="$work/consumer-pkgconfig"
 [ "$target" = win64 ] && exe="$exe.exe"
+# On Linux the program records the library's folder (an rpath), as the README
+# says, so it runs with nothing else set.
+[ "$target" = linux ] && flags="$flags -Wl,-rpath,$(PKG_CONFIG_LIBDIR=$pcdir pkg-config --variable=libdir qaxkrnl)"
 # shellcheck disable=SC2086
 "$cc" "$ROOT/tests/install/consumer.c" -o "$exe" $flags
-if [ "$target" = linux ]; then
-    LD_LIBRARY_PATH="$(dirname "$(find "$prefix" -name 'libqaxkrnl.so' | head -n 1)")" run "$exe"
-else
-    run "$exe"
-fi
+run "$exe"
 echo "consumer: pkg-config route ($flags) built and ran"
 
 # The archive tool is installed beside the library: it packs a folder, and

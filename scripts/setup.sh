@@ -8,7 +8,8 @@
 # debootstrap for the 32-bit wine root), qemu (user-mode emulation for hosts
 # that cannot run 32-bit programs), fuzz (clang with the libFuzzer and
 # sanitizer runtimes), bench (the peers the benchmarks measure against:
-# mimalloc, the JACK ring buffer and boost's lock-free queues). The test legs
+# mimalloc, the JACK ring buffer and boost's lock-free queues); base also
+# brings Doxygen and Python for the API reference check. The test legs
 # of scripts/test.sh are (install: pkg-config for the consumer check)
 # accepted too and stand for what they need. No leg means base.
 # Packages already installed are skipped, so repeated runs are quick. Runs as
@@ -17,7 +18,7 @@ set -euo pipefail
 
 packages_of() {
     case "$1" in
-    base | linux-asan | tsan) echo "cmake ninja-build g++ googletest nlohmann-json3-dev" ;;
+    base | linux-asan | tsan) echo "cmake ninja-build g++ googletest nlohmann-json3-dev doxygen python3" ;;
     m32) echo "g++-multilib" ;;
     qemu) echo "qemu-user-static" ;;
     linux-m32) echo "cmake ninja-build g++ googletest nlohmann-json3-dev g++-multilib" ;;

@@ -1,76 +1,164 @@
-/* QAX kernel: library lifecycle and the frame loop. */
+/**
+ * @file
+ * @brief Library lifecycle and the frame loop.
+ */
 #ifndef ZK_LIFECYCLE_H
 #define ZK_LIFECYCLE_H
 
 #include "config.h"
 
+/**
+ * @defgroup lifecycle Lifecycle and frame loop
+ * @brief Opening the process level, starting and stopping the library, the
+ * frame loop, and the stubs kept for link compatibility.
+ *
+ * The application's main thread is the thread that calls zkBeginProcess,
+ * zkInitialize and zkMain (or zkMain alone). Every call of this group that
+ * starts, stops or runs the library belongs to that thread.
+ * @{
+ */
+
 ZK_EXTERN_C_BEGIN
 
-/* Callbacks of zkMain. initProc returns non-zero to go on; frameProc returns
- * ZK_FRAME_END (0xFFFFFFFF) to end the loop. */
+/** Called once by zkMain after process begin; returns non-zero to go on,
+ * 0 to end without running the loop. Runs on the main thread. */
 typedef int(ZK_CALL* zkInitProc)(void);
-/* Called once per frame. */
+/** Called once per frame on the main thread; returns ZK_FRAME_END
+ * (0xFFFFFFFF) to end the loop, anything else to go on. */
 typedef uint32_t(ZK_CALL* zkFrameProc)(void);
-/* Called once after the loop ends. */
+/** Called once on the main thread after the loop ends. */
 typedef void(ZK_CALL* zkTermProc)(void);
 
-/* Opens the process level: the library lock, the library registry, the window
- * class record, the frame period, and the application record (name and caption
- * "QAX Application", executable path, arguments). Returns 0. */
+/**
+ * @brief Opens the process level.
+ *
+ * Sets up the library lock, the library registry, the window class record,
+ * the frame period, and the application record (name and caption
+ * "QAX Application", executable path, arguments).
+ * @param reserved ignored; pass 0
+ * @return 0, always
+ * @threads The main thread.
+ */
 ZK_API int32_t ZK_CALL zkBeginProcess(uint32_t reserved);
-/* Terminates if needed, closes the single-instance mutex, deletes the library lock. Returns 0. */
+/**
+ * @brief Closes the process level.
+ *
+ * Terminates if needed, closes the single-instance mutex, deletes the
+ * library lock.
+ * @return 0, always
+ * @threads The main thread.
+ */
 ZK_API int32_t ZK_CALL zkEndProcess(void);
-/* zkInitializeEx(0xFFFFFFFF, 1024). Without a preceding zkBeginProcess it
- * performs the process-begin steps itself; while the library runs (until
- * zkTerminate) a second call returns -6 and changes nothing. */
+/**
+ * @brief Starts the library with the default sizes: zkInitializeEx(0xFFFFFFFF, 1024).
+ *
+ * Without a preceding zkBeginProcess it performs the process-begin steps
+ * itself.
+ * @return as zkInitializeEx; -6 (ZK_ERR_NOT_SUPPORTED) while the library runs
+ *         (until zkTerminate), changing nothing
+ * @threads The main thread.
+ */
 ZK_API int32_t ZK_CALL zkInitialize(void);
-/* Starts every subsystem. arenaSize 0xFFFFFFFF takes half of the available
- * physical memory; descriptorCount is the most system-pool blocks alive at once.
- * Returns 0, -5 when no system pool could be made, or the file system's start result.
+/**
+ * @brief Starts every subsystem.
+ *
  * When the environment variable QAX_TIMELINE names a file, a timeline of
  * every thread is recorded from here on and written there by zkTerminate
- * (trace-event JSON; see docs/guide.md). */
+ * (trace-event JSON; see docs/guide.md).
+ * @param arenaSize the arena's size in bytes; 0xFFFFFFFF takes half of the
+ *        available physical memory
+ * @param descriptorCount the most system-pool blocks alive at once
+ * @return 0 on success; -6 while the library runs (nothing changes); -5 when
+ *         no system pool could be made (nothing else starts); otherwise a
+ *         negative start result of the main thread record or of the file
+ *         system (such as -19 when the system refuses a thread)
+ * @threads The main thread.
+ */
 ZK_API int32_t ZK_CALL zkInitializeEx(uint32_t arenaSize, uint32_t descriptorCount);
-/* Stops what zkInitialize started (the file system stays) and writes a
- * timeline being recorded. Safe to call twice. Returns 0. */
+/**
+ * @brief Stops what zkInitialize started and writes a timeline being recorded.
+ *
+ * Closes the main window, the timer, the requests, open archives, files,
+ * listings and profiles, joins the I/O worker, removes every mount and
+ * releases the arena. Safe to call twice.
+ * @return 0, always
+ * @threads The main thread, while no other thread uses the library.
+ */
 ZK_API int32_t ZK_CALL zkTerminate(void);
-/* Process begin, initProc, the frame loop, termProc, process end.
- * Returns 0, or -1 when initProc returned 0 (frameProc and termProc then never run).
- * A null callback is skipped (a null initProc counts as success). While the loop
- * runs, an interrupt of a console program (SIGINT, SIGTERM) closes the main window. */
+/**
+ * @brief Process begin, initProc, the frame loop, termProc, process end.
+ *
+ * A null callback is skipped (a null initProc counts as success). Each pass
+ * of the loop dispatches pending window messages, ends the loop when the main
+ * window's close was requested or WM_QUIT was taken, waits for the next frame
+ * period, raises the loop count and calls frameProc. While the loop runs, an
+ * interrupt of a console program (SIGINT, SIGTERM) closes the main window.
+ * @param initProc called once before the loop
+ * @param frameProc called once per frame
+ * @param termProc called once after the loop
+ * @param reserved ignored; pass 0
+ * @return 0; -1 (ZK_ERR_INIT_REFUSED) when initProc returned 0 (frameProc and
+ *         termProc then never run)
+ * @threads The main thread; the callbacks run on it too.
+ */
 ZK_API int32_t ZK_CALL zkMain(zkInitProc initProc, zkFrameProc frameProc, zkTermProc termProc,
                               uint32_t reserved);
-/* Frames started by the loop since the last reset (the first frame sees 1). */
+/**
+ * @brief Frames started by the loop since the last reset (the first frame sees 1).
+ * @return the loop count
+ * @threads The main thread.
+ */
 ZK_API uint32_t ZK_CALL zkGetLoopCount(void);
-/* Sets the frame count back to 0. */
+/**
+ * @brief Sets the frame count back to 0.
+ * @threads The main thread.
+ */
 ZK_API void ZK_CALL zkResetLoopCount(void);
-/* The executable's module handle. */
+/**
+ * @brief The executable's module handle.
+ * @return the handle, or null before zkBeginProcess
+ * @threads Any thread.
+ */
 ZK_API zkNativeHandle ZK_CALL zkGetApplicationInstance(void);
-/* Milliseconds since the system started (wraps after 49.7 days). */
+/**
+ * @brief Milliseconds since the system started (wraps after 49.7 days).
+ * @return the tick count
+ * @threads Any thread, at any time.
+ */
 ZK_API uint32_t ZK_CALL zkGetTickCount(void);
-/* Gives up the calling thread for at least the given milliseconds. */
+/**
+ * @brief Gives up the calling thread for at least the given milliseconds.
+ * @param milliseconds how long to sleep
+ * @threads Any thread, at any time.
+ */
 ZK_API void ZK_CALL zkSleep(uint32_t milliseconds);
 
-/* Exports kept so that applications written against the full interface link;
- * they do nothing. Returns 0. */
+/** @name Stubs
+ * Exports kept so that applications written against the full interface link;
+ * they do nothing and may be called from any thread at any time. */
+/** @{ */
+/** @brief Does nothing. @return 0 @threads Any thread. */
 ZK_API int32_t ZK_CALL zkExecute(void);
-/* Returns 0. */
+/** @brief Does nothing. @return 0 @threads Any thread. */
 ZK_API int32_t ZK_CALL zkEnableInterrupt(void);
-/* Returns 0. */
+/** @brief Does nothing. @return 0 @threads Any thread. */
 ZK_API int32_t ZK_CALL zkDisableInterrupt(void);
-/* Returns 0. */
+/** @brief Does nothing. @return 0 @threads Any thread. */
 ZK_API int32_t ZK_CALL zkInitializeDevice(void);
-/* Does nothing. */
+/** @brief Does nothing. @threads Any thread. */
 ZK_API void ZK_CALL zkTrace2(void);
-/* Does nothing. */
+/** @brief Does nothing. @threads Any thread. */
 ZK_API void ZK_CALL zkTerminateDevice(void);
-/* Does nothing. */
+/** @brief Does nothing. @threads Any thread. */
 ZK_API void ZK_CALL zkSkipLoadModule(void);
-/* Does nothing. */
+/** @brief Does nothing. @threads Any thread. */
 ZK_API void ZK_CALL zkReleaseOverlay(void);
-/* Does nothing. */
+/** @brief Does nothing. @threads Any thread. */
 ZK_API void ZK_CALL zkSetDisplayFrequency(void);
+/** @} */
 
 ZK_EXTERN_C_END
+
+/** @} */
 
 #endif /* ZK_LIFECYCLE_H */

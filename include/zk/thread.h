@@ -1,34 +1,71 @@
-/* QAX kernel: application threads (a table of 32 records). */
+/**
+ * @file
+ * @brief Application threads (a table of 32 records).
+ */
 #ifndef ZK_THREAD_H
 #define ZK_THREAD_H
 
 #include "config.h"
 
+/**
+ * @defgroup thread Threads
+ * @brief Application threads from a table of 32 records, each run below
+ * normal priority.
+ *
+ * Records are taken and given back under the library lock, so any thread may
+ * create and release threads. One record is driven by one controlling thread
+ * at a time (start, wait, release); a thread must not wait for or release its
+ * own record.
+ * @{
+ */
+
 ZK_EXTERN_C_BEGIN
 
-/* A thread handle. It names one record of the table for as long as the record
+/** A thread handle. It names one record of the table for as long as the record
  * is taken: once zkReleaseThread has given the record back, the handle is
  * refused (-4, or nothing done) even after the record is handed out again
  * under a new handle. */
 typedef struct ThreadRecord ThreadRecord;
-/* A thread's body; argument as given to zkStartThread. */
+/** A thread's body; argument as given to zkStartThread. */
 typedef void(ZK_CALL* ThreadProc)(void* argument);
 
-/* A free record, or null when all 32 are in use. No system thread exists yet. */
+/**
+ * @brief Takes a free record. No system thread exists yet.
+ * @param stackSize the stack size for the thread's runs
+ * @return the handle, or null when all 32 are in use
+ * @threads Any thread.
+ */
 ZK_API ThreadRecord* ZK_CALL zkCreateThread(uint32_t stackSize);
-/* Waits for a previous run of this record, then runs proc(argument) on a new
- * thread below normal priority. 0, -4 (null, released or foreign handle), -3 (null proc) or -19. */
+/**
+ * @brief Runs proc(argument) on a new thread below normal priority, after
+ * waiting for a previous run of this record.
+ * @return 0; -4 for a null, released or foreign handle; -3 for a null proc;
+ *         -19 when the system refused the thread
+ * @threads Any thread but the record's own.
+ */
 ZK_API int32_t ZK_CALL zkStartThread(ThreadRecord* thread, ThreadProc proc, void* argument);
-/* Blocks until the record's current run has ended; null or an idle record
- * returns at once. */
+/**
+ * @brief Blocks until the record's current run has ended.
+ * @param thread the handle; null or an idle record returns at once
+ * @threads Any thread but the record's own.
+ */
 ZK_API void ZK_CALL zkWaitForThread(ThreadRecord* thread);
-/* 1 while the procedure runs; 0 for an invalid handle, a record never
- * started, or a run that has ended. */
+/**
+ * @brief Whether the record's procedure runs.
+ * @return 1 while the procedure runs; 0 for an invalid handle, a record never
+ *         started, or a run that has ended
+ * @threads Any thread.
+ */
 ZK_API int32_t ZK_CALL zkIsThreadRunning(ThreadRecord* thread);
-/* Waits for a running procedure and frees the record. 0, or -4 for a null,
- * released or foreign handle. */
+/**
+ * @brief Waits for a running procedure and frees the record.
+ * @return 0; -4 for a null, released or foreign handle
+ * @threads Any thread but the record's own.
+ */
 ZK_API int32_t ZK_CALL zkReleaseThread(ThreadRecord* thread);
 
 ZK_EXTERN_C_END
+
+/** @} */
 
 #endif /* ZK_THREAD_H */

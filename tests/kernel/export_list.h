@@ -7,6 +7,9 @@
 
 // clang-format off
 #define ZK_PINNED_EXPORTS(X) \
+    /* result texts (an extension) */ \
+    X(zkGetResultText) \
+    /* lifecycle and the rest of the kernel core */ \
     X(zkBeginProcess) X(zkEndProcess) X(zkInitialize) X(zkInitializeEx) X(zkTerminate) X(zkMain) \
     X(zkGetLoopCount) X(zkResetLoopCount) X(zkGetApplicationInstance) X(zkGetTickCount) X(zkSleep) \
     X(zkExecute) X(zkEnableInterrupt) X(zkDisableInterrupt) X(zkInitializeDevice) X(zkTrace2) \

@@ -9,6 +9,7 @@
 #include "kernel/export_list.h"
 #include "support/library_test.h"
 
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <set>
@@ -107,6 +108,10 @@ using Cases = std::vector<std::pair<std::string, std::function<void()>>>;
 const Cases& EveryCase() {
     static const Cases cases = [] {
         Cases all;
+        all.emplace_back("zkGetResultText", [] {
+            for (int32_t code : {INT32_MIN, -1000, -2, 1, INT32_MAX})
+                EXPECT_STREQ(zkGetResultText(code), "unknown result") << code;
+        });
         SWEEP(zkGetLoopCount);
         SWEEP(zkResetLoopCount);
         SWEEP(zkGetApplicationInstance);

@@ -133,16 +133,21 @@ uint32_t FastGroups(uint8_t* destination, uint32_t destinationSize, const uint8_
 #pragma GCC unroll 8
         for (int token = 0; token < 8; ++token, flags >>= 1) {
             const uint32_t literal = flags & 1;
-            const uint32_t b1 = in[1];
-            const uint32_t position = in[0] | ((b1 << 4) & 0xF00);
+            uint16_t pair; // a reference's two bytes, or a literal and what follows it
+            std::memcpy(&pair, in, 2);
+            const uint32_t position = (pair & 0xFF) | ((pair >> 4) & 0xF00);
             const uint32_t distance =
                 ((uint32_t(reinterpret_cast<uintptr_t>(o)) + windowBias - position) & kWindowMask) +
                 1;
-            // A literal counts as 16 or more back, so that one test picks out
-            // the near references without a branch on the flag bit.
-            if ((distance | (literal << 4)) < 16 ||
-                (kNearStart && !literal && distance > uint32_t(o - destination))) {
-                const uint32_t length = (b1 & 0x0F) + 3;
+            // The test reads a literal's bytes as a reference too, so that it
+            // needs no flag bit: the few literals that look near come here and
+            // are written alone.
+            if (distance < 16 || (kNearStart && distance > uint32_t(o - destination))) {
+                if (literal) {
+                    *o++ = *in++;
+                    continue;
+                }
+                const uint32_t length = ((pair >> 8) & 0x0F) + 3;
                 if (kNearStart && distance > uint32_t(o - destination))
                     CopyMatchChecked(destination, uint32_t(o - destination), distance, length);
                 else
@@ -153,7 +158,8 @@ uint32_t FastGroups(uint8_t* destination, uint32_t destinationSize, const uint8_
             }
             // The source without a branch: the literal's own byte or the match.
             Copy18(o, Select(literal, in, o - distance));
-            o += literal ? 1 : (b1 & 0x0F) + 3;
+            // 1 for a literal, the length for a reference, again without a branch.
+            o += 1 + ((((pair >> 8) & 0x0F) + 2) & (literal - 1));
             in += 2 - literal;
         }
     }

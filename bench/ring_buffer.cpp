@@ -11,8 +11,9 @@
 // Peers measured in the same run, in interleaved rounds, with the same loop on each side (wait
 // until a whole chunk fits [is there], copy the chunk in [compare it out], commit): the JACK ring
 // buffer (jack_ringbuffer_*, when ZK_BENCH_JACK is defined) and boost's lock-free spsc_queue<char>
-// (when ZK_BENCH_BOOST is defined). Each figure is GB/s; the ratios are the library's over each
-// peer's.
+// (when ZK_BENCH_BOOST is defined). Each figure is GB/s; the ratios are the library's (on a
+// line-aligned buffer) over each peer's; lib+off is the library on a buffer that starts where
+// JACK's own allocation does within its cache line.
 #include <zk.h>
 
 #if defined(ZK_BENCH_JACK)
@@ -48,9 +49,21 @@ const unsigned char* PatternAt(uint64_t position) {
     return &g_pattern[position % kPeriod];
 }
 
-// The library's ring buffer.
+// The library's ring buffer on a buffer of the caller's. The library has one
+// ring, so each run takes it afresh on its own buffer (a run leaves it empty).
 struct LibraryRing {
-    RingBuffer* ring;
+    unsigned char* buffer;
+    RingBuffer* ring = nullptr;
+    bool Take() {
+        Release();
+        ring = taken = zkCreateRingBuffer(buffer, kRingSize);
+        return ring != nullptr;
+    }
+    static void Release() {
+        zkReleaseRingBuffer(taken);
+        taken = nullptr;
+    }
+    static inline RingBuffer* taken = nullptr; // the one ring, while one of these has it
     // Copies the chunk into the region when it has room; false otherwise.
     bool Put(const unsigned char* chunk, uint32_t n) {
         void *first, *second;
@@ -234,19 +247,28 @@ int main(int argc, char** argv) {
     for (size_t i = 0; i < g_pattern.size(); ++i)
         g_pattern[i] = static_cast<unsigned char>(((i % kPeriod) * 2654435761u) >> 11);
 
-    std::vector<unsigned char> storage(kRingSize);
-    LibraryRing library{zkCreateRingBuffer(storage.data(), kRingSize)};
-    if (!library.ring) {
-        std::fprintf(stderr, "could not create the ring buffer\n");
-        return 1;
-    }
 #if defined(ZK_BENCH_JACK)
     JackRing jack{jack_ringbuffer_create(kRingSize)};
+    const unsigned jackOffset = unsigned(reinterpret_cast<uintptr_t>(jack.ring->buf) % 64);
+#else
+    const unsigned jackOffset = 16; // where a plain allocation usually puts it
 #endif
 #if defined(ZK_BENCH_BOOST)
     static boost::lockfree::spsc_queue<char, boost::lockfree::capacity<kRingSize>> queue;
     static BoostRing boost{&queue, {}};
 #endif
+    // The library's ring works in the caller's buffer: once on a buffer that
+    // starts a cache line (so that 64-byte chunks lie on one line each, as an
+    // application that cares would allocate it), once as far past a line
+    // start as JACK's own buffer lies.
+    alignas(64) static unsigned char storage[kRingSize + 64];
+    LibraryRing library{storage}, offset{storage + (jackOffset ? jackOffset : 16)};
+    if (!library.Take()) {
+        std::fprintf(stderr, "could not create the ring buffer\n");
+        return 1;
+    }
+    std::printf("buffers' offsets past a cache line start: library 0 and %u, jack %u\n",
+                unsigned(reinterpret_cast<uintptr_t>(offset.buffer) % 64), jackOffset);
 
 #if defined(__linux__)
     {
@@ -270,27 +292,32 @@ int main(int argc, char** argv) {
         const bool polling = mode == Mode::kPinnedPolling;
         std::printf("%s: through a %u-byte ring, median of %d rounds, GB/s\n",
                     polling ? "pinned polling" : "pause-and-yield", kRingSize, kRounds);
-        std::printf("%8s %8s %9s %9s %9s %11s %11s\n", "chunk", "MiB/run", "library", "jack",
-                    "boost", "lib/jack", "lib/boost");
+        std::printf("%8s %8s %9s %9s %9s %9s %11s %11s\n", "chunk", "MiB/run", "library", "lib+off",
+                    "jack", "boost", "lib/jack", "lib/boost");
         for (uint32_t n : chunks) {
             // Small chunks move fewer bytes per run, so that a run takes a
             // similar time at every size.
             const uint64_t total = n <= 64 ? kTotal / 4 : kTotal;
-            std::vector<double> figures[3];
+            std::vector<double> figures[4];
             for (int round = 0; round < kRounds; ++round) {
-                for (int k = 0; k < 3; ++k) {
-                    switch ((round + k) % 3) {
+                for (int k = 0; k < 4; ++k) {
+                    switch ((round + k) % 4) {
                     case 0:
-                        figures[0].push_back(Run(library, n, total, mode, &mismatches));
+                        if (library.Take())
+                            figures[0].push_back(Run(library, n, total, mode, &mismatches));
+                        break;
+                    case 1:
+                        if (offset.Take())
+                            figures[1].push_back(Run(offset, n, total, mode, &mismatches));
                         break;
 #if defined(ZK_BENCH_JACK)
-                    case 1:
-                        figures[1].push_back(Run(jack, n, total, mode, &mismatches));
+                    case 2:
+                        figures[2].push_back(Run(jack, n, total, mode, &mismatches));
                         break;
 #endif
 #if defined(ZK_BENCH_BOOST)
-                    case 2:
-                        figures[2].push_back(Run(boost, n, total, mode, &mismatches));
+                    case 3:
+                        figures[3].push_back(Run(boost, n, total, mode, &mismatches));
                         break;
 #endif
                     default:
@@ -298,9 +325,10 @@ int main(int argc, char** argv) {
                     }
                 }
             }
-            double lib = Median(figures[0]), j = Median(figures[1]), b = Median(figures[2]);
-            std::printf("%8u %8llu %9.2f %9.2f %9.2f %11.2f %11.2f\n", n,
-                        static_cast<unsigned long long>(total >> 20), lib, j, b,
+            double lib = Median(figures[0]), off = Median(figures[1]), j = Median(figures[2]),
+                   b = Median(figures[3]);
+            std::printf("%8u %8llu %9.2f %9.2f %9.2f %9.2f %11.2f %11.2f\n", n,
+                        static_cast<unsigned long long>(total >> 20), lib, off, j, b,
                         j > 0 ? lib / j : 0.0, b > 0 ? lib / b : 0.0);
         }
         if (polling && g_pinned)
@@ -313,6 +341,6 @@ int main(int argc, char** argv) {
 #if defined(ZK_BENCH_JACK)
     jack_ringbuffer_free(jack.ring);
 #endif
-    zkReleaseRingBuffer(library.ring);
+    LibraryRing::Release();
     return mismatches == 0 ? 0 : 1;
 }

@@ -40,8 +40,11 @@ namespace {
 
 constexpr uint32_t kRingSize = 64 * 1024;
 constexpr uint64_t kTotal = 256ull << 20; // bytes per measurement
-// The stream repeats with an odd period, so chunks never line up with it.
-constexpr uint32_t kPeriod = (1u << 20) + 4099;
+// The stream repeats with an odd period, so chunks never line up with it, and
+// each repeat moves it about 0.62 of a page against the ring, so that no one
+// relation between source and ring addresses within a page (copies between
+// addresses 4 KiB apart can stall) holds through a run, for any ring's buffer.
+constexpr uint32_t kPeriod = (1u << 20) + 2531;
 
 std::vector<unsigned char> g_pattern;
 
@@ -260,9 +263,11 @@ int main(int argc, char** argv) {
     // The library's ring works in the caller's buffer: once on a buffer that
     // starts a cache line (so that 64-byte chunks lie on one line each, as an
     // application that cares would allocate it), once as far past a line
-    // start as JACK's own buffer lies.
-    alignas(64) static unsigned char storage[kRingSize + 64];
-    LibraryRing library{storage}, offset{storage + (jackOffset ? jackOffset : 16)};
+    // start as JACK's own buffer lies. Both come from the heap, as JACK's does.
+    std::vector<unsigned char> storage(kRingSize + 128);
+    unsigned char* const aligned =
+        storage.data() + (64 - reinterpret_cast<uintptr_t>(storage.data()) % 64);
+    LibraryRing library{aligned}, offset{aligned + (jackOffset ? jackOffset : 16)};
     if (!library.Take()) {
         std::fprintf(stderr, "could not create the ring buffer\n");
         return 1;

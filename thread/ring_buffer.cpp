@@ -25,13 +25,16 @@
 //
 // Cache lines: base, size and the in-use flag are written only by create and
 // release, which the application calls while neither side is working, so
-// both sides keep them cached. Each side's total has a line of its own that
-// only that side writes and the other only reads, written once per unlock;
-// each side's offset and the count of bytes it knows it may commit sit on a
+// both sides keep them cached. The two totals share one line: every lock
+// reads both, so one transfer brings a side the other's latest commit
+// together with its own total, where a line for each total cost a lock two.
+// Each side's offset and the count of bytes it knows it may commit sit on a
 // further line that the other side never touches, so that a side polling an
-// empty [full] ring with locks does not take the line its partner reads
-// away from it. That count is what lets an unlock check its count without
-// reading the other side's line again.
+// empty [full] ring with locks writes only a line of its own. That count is
+// what lets an unlock check its count without reading the totals' line again.
+// (Measured with producer and consumer pinned to two processors: with a line
+// for each total 64-byte chunks passed 5-15 % slower; with everything on the
+// totals' line, 1 KiB chunks passed up to 10 % slower.)
 #include <zk/ringbuffer.h>
 #include <zk/semaphore.h>
 
@@ -90,12 +93,12 @@ struct RingBuffer {
     uint32_t inUse = 0;
     zkAddr base = 0;
     uint32_t size = 0;
-    alignas(64) std::atomic<uint32_t> consumed{0};  // consumer's; the producer reads it
-    alignas(64) std::atomic<uint32_t> committed{0}; // producer's; the consumer reads it
-    alignas(64) uint32_t readOffset = 0;            // consumer's alone
-    uint32_t readable = 0;                          // consumer's: at most the data size
-    alignas(64) uint32_t writeOffset = 0;           // producer's alone
-    uint32_t writable = 0;                          // producer's: at most size - data size
+    alignas(64) std::atomic<uint32_t> consumed{0}; // consumer's; the producer reads it
+    std::atomic<uint32_t> committed{0};            // producer's; the consumer reads it
+    alignas(64) uint32_t readOffset = 0;           // consumer's alone
+    uint32_t readable = 0;                         // consumer's: at most the data size
+    alignas(64) uint32_t writeOffset = 0;          // producer's alone
+    uint32_t writable = 0;                         // producer's: at most size - data size
     alignas(64) SemaphoreRecord* guard = nullptr;
 
 private:

@@ -117,11 +117,11 @@ uint32_t FastGroups(uint8_t* destination, uint32_t destinationSize, const uint8_
                     const uint8_t* end, uint32_t out) {
     const uint8_t* in = *inOut;
     uint8_t* o = destination + out;
-    uint8_t* const roomEnd = destination + destinationSize;
     // The write position's window index less one, from o's low bits.
     const uint32_t windowBias =
         kStartPosition - 1 - uint32_t(reinterpret_cast<uintptr_t>(destination));
-    while (uint32_t(end - in) >= kGroupInput + kGroupSlack && uint32_t(roomEnd - o) >= kGroupRoom &&
+    while (uint32_t(end - in) >= kGroupInput + kGroupSlack &&
+           destinationSize - uint32_t(o - destination) >= kGroupRoom &&
            (!kNearStart || uint32_t(o - destination) < kFastStart)) {
         uint32_t flags = *in++;
         if (flags == 0xFF) { // eight literals

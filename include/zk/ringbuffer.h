@@ -11,7 +11,9 @@ typedef struct RingBuffer RingBuffer;
 /* The library has one ring buffer. Null when it is already in use, buffer is
  * null or size 0, or its guard semaphore cannot be created. The buffer stays
  * the caller's. Every ring call treats a pointer that is not this handle as
- * null, and a released ring buffer as empty. */
+ * null, and a released ring buffer as empty. A buffer that starts a cache
+ * line (64 bytes) keeps chunks of whole lines from sharing a line, which
+ * passes small chunks between two processors markedly faster. */
 ZK_API RingBuffer* ZK_CALL zkCreateRingBuffer(void* buffer, uint32_t size);
 /* Frees the ring buffer for the next create; the caller's buffer is not touched. */
 ZK_API void ZK_CALL zkReleaseRingBuffer(RingBuffer* ring);

@@ -68,8 +68,10 @@ Bytes Expand(const Bytes& packed, uint32_t size, uint32_t room, uint32_t limit) 
 
 TEST(SlideExpandFiles, RealFilesExpandAsTheRingExpanderDoes) {
     std::mt19937 random(7);
+    int tested = 0;
     for (const auto& [name, original] : Samples()) {
         if (original.empty()) continue;
+        ++tested;
         const Bytes packed = kivtool::SlidePack(original.data(), original.size());
         const uint32_t n = uint32_t(original.size()), p = uint32_t(packed.size());
         // Whole, bounded by the exact size and unbounded.
@@ -88,6 +90,7 @@ TEST(SlideExpandFiles, RealFilesExpandAsTheRingExpanderDoes) {
                 << name << " limit " << limit;
         }
     }
+    if (tested == 0) GTEST_SKIP() << "this system has none of the files";
 }
 
 } // namespace

@@ -8,10 +8,10 @@
 # debootstrap for the 32-bit wine root), qemu (user-mode emulation for hosts
 # that cannot run 32-bit programs), fuzz (clang with the libFuzzer and
 # sanitizer runtimes), bench (the peers the benchmarks measure against:
-# mimalloc, the JACK ring buffer and boost's lock-free queues); base also
-# brings Doxygen and Python for the API reference check. The test legs
-# of scripts/test.sh are (install: pkg-config for the consumer check)
-# accepted too and stand for what they need. No leg means base.
+# mimalloc, the JACK ring buffer, boost's lock-free queues, libdeflate and
+# LZ4); base also brings Doxygen and Python for the API reference check. The
+# test legs of scripts/test.sh are (install: pkg-config for the consumer
+# check) accepted too and stand for what they need. No leg means base.
 # Packages already installed are skipped, so repeated runs are quick. Runs as
 # root, or through sudo otherwise.
 set -euo pipefail
@@ -26,7 +26,7 @@ packages_of() {
     install) echo "cmake ninja-build g++ pkg-config" ;;
     win32) echo "cmake ninja-build googletest nlohmann-json3-dev g++-mingw-w64-i686-posix debootstrap" ;;
     fuzz) echo "cmake ninja-build clang libclang-rt-14-dev" ;;
-    bench) echo "cmake ninja-build g++ libmimalloc-dev libjack-jackd2-dev libboost-dev" ;;
+    bench) echo "cmake ninja-build g++ libmimalloc-dev libjack-jackd2-dev libboost-dev libdeflate-dev liblz4-dev" ;;
     all) echo "$(packages_of linux-m32) $(packages_of win64) $(packages_of install) $(packages_of win32) $(packages_of fuzz) $(packages_of bench)" ;;
     *)
         echo "setup.sh: unknown leg '$1' (base, m32, qemu, win64, win32, install, fuzz, bench, linux-asan, linux-m32, tsan, all)" >&2

@@ -29,7 +29,9 @@ typedef struct RingBuffer RingBuffer;
  * @brief Takes the library's one ring buffer over the caller's buffer.
  *
  * The buffer stays the caller's. Every ring call treats a pointer that is not
- * this handle as null, and a released ring buffer as empty.
+ * this handle as null, and a released ring buffer as empty. A buffer that
+ * starts a cache line (64 bytes) keeps chunks of whole lines from sharing a
+ * line, which passes small chunks between two processors markedly faster.
  * @param buffer the bytes to use
  * @param size their count
  * @return the handle, or null when it is already in use, buffer is null or

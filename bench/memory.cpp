@@ -16,6 +16,12 @@
 //
 // Ratios: library / glibc (and / mimalloc) per workload; lowest and highest
 // address mode / best fit.
+//
+// `bench_memory only WORKLOAD PAIRS [MODE]` runs the library alone on one
+// workload with PAIRS pairs (MODE 1: lowest address, 2: highest), for
+// instruction and cache-miss counts under valgrind: the difference between
+// two runs with different PAIRS, divided by the difference in PAIRS, is the
+// cost of one pair without the filling and the start.
 #include <zk.h>
 
 #include <algorithm>
@@ -23,6 +29,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <random>
+#include <string>
 #include <vector>
 
 #ifdef ZK_BENCH_MIMALLOC
@@ -136,7 +143,7 @@ template <void* (*Allocate)(size_t), void (*Release)(void*)> double Run(const Wo
 
 } // namespace
 
-int main() {
+int main(int argc, char** argv) {
     // Room for 100 000 blocks of up to 512 B and 10 000 of up to 8 KiB, each
     // rounded to 64, with descriptors to spare.
     if (!FindRuntimeAllocator()) {
@@ -150,6 +157,21 @@ int main() {
     Workload workloads[] = {Make("small-1k", 8, 512, 1000, 2000000),
                             Make("small-100k", 8, 512, 100000, 1000000),
                             Make("mixed-10k", 16, 8192, 10000, 1000000)};
+    if (argc >= 4 && std::string(argv[1]) == "only") {
+        for (Workload& w : workloads) {
+            if (w.name != std::string(argv[2])) continue;
+            const uint32_t pairs = static_cast<uint32_t>(std::strtoul(argv[3], nullptr, 10));
+            Workload one = Make(w.name, w.smallest, w.largest, w.live, pairs);
+            zkSetAllocMode(argc >= 5 ? static_cast<uint32_t>(std::atoi(argv[4])) : 0);
+            const double ns = Run<ZkAllocate, ZkRelease>(one);
+            std::printf("%s %u pairs: %.1f ns/pair\n", w.name, pairs, ns);
+            zkTerminate();
+            zkEndProcess();
+            return ns < 0 ? 1 : 0;
+        }
+        std::fprintf(stderr, "bench_memory: no workload %s\n", argv[2]);
+        return 2;
+    }
     std::printf("%-12s %10s %10s", "ns/pair", "zk", "glibc");
 #ifdef ZK_BENCH_MIMALLOC
     std::printf(" %10s %10s", "mimalloc", "zk/mi");

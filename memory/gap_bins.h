@@ -18,6 +18,7 @@
 #define ZK_MEMORY_GAP_BINS_H
 
 #include "memory/memory_block.h"
+#include "memory/placement.h"
 
 #include <cstdint>
 
@@ -73,6 +74,12 @@ public:
         }
         if (older != kNoNode) blocks_[older].gapNewer = newer;
         block->gapNewer = block->gapOlder = kNoNode;
+    }
+
+    // Asks for the front descriptor of the bin a gap of this size joins
+    // (nothing when no bin holds it or the bin is empty).
+    void PrefetchFront(uint32_t gap) const {
+        if (gap < limit_ && heads_[gap] != kNoNode) Prefetch(blocks_ + heads_[gap]);
     }
 
     // The largest gap in a bin; 0 when every bin is empty.

@@ -129,6 +129,11 @@ void MemoryPool::GapRemove(MemoryBlock* block) {
         classes_.Remove(block);
 }
 
+void MemoryPool::PrefetchGapLinks(const MemoryBlock* block) const {
+    if (block->gapNewer != zk::kNoNode) zk::Prefetch(descriptors_ + block->gapNewer);
+    if (block->gapOlder != zk::kNoNode) zk::Prefetch(descriptors_ + block->gapOlder);
+}
+
 uint32_t MemoryPool::LargestGap() const {
     return classes_.Empty() ? bins_.Largest() : classes_.Largest();
 }
@@ -169,10 +174,16 @@ MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags
 
     if (owner->next) zk::Prefetch(owner->next); // its back link changes below
     // The address index's slot for the new block is rarely in cache: it is
-    // fetched while the gap classes change and written last.
+    // fetched while the gap lists change and written last. So are the
+    // owner's neighbours in its gap list, the fronts of the lists the two
+    // new gaps join, and the next free descriptor.
     zk::Prefetch(index_.HomeSlot(placement));
     const zkAddr gapStart = zk::GapStart(owner);
     const zkAddr gapEnd = gapStart + owner->gapAfter;
+    PrefetchGapLinks(owner);
+    bins_.PrefetchFront(static_cast<uint32_t>(gapEnd - (placement + taken)));
+    bins_.PrefetchFront(static_cast<uint32_t>(placement - gapStart));
+    if (block->next) zk::Prefetch(block->next);
 
     freeDescriptors_ = block->next;
     if (freeDescriptors_) freeDescriptors_->previous = nullptr;
@@ -238,8 +249,15 @@ void MemoryPool::Absorb(MemoryBlock* block) {
     if (tracksFreeBytes_) zk::PoisonFreeBytes(block->address, block->size);
     MemoryBlock* before = block->previous;
     // The neighbours are rarely in cache in a large pool: ask for the
-    // follower (written at the end) while the predecessor is fetched.
+    // predecessor, the follower (written at the end) and the block's
+    // neighbours in its gap list at once, then, as soon as the predecessor's
+    // gap is known, for its own list neighbours and its new list's front, so
+    // that the misses overlap instead of following one another.
+    zk::Prefetch(before);
     if (block->next) zk::Prefetch(block->next);
+    if (block->gapAfter) PrefetchGapLinks(block);
+    if (before->gapAfter) PrefetchGapLinks(before);
+    bins_.PrefetchFront(before->gapAfter + block->size + block->gapAfter);
     if (before->gapAfter) GapRemove(before);
     before->gapAfter += block->size + block->gapAfter;
     before->next = block->next;

@@ -164,6 +164,8 @@ private:
     // A block's gap joins or leaves the bins or the classes.
     void GapInsert(MemoryBlock* block);
     void GapRemove(MemoryBlock* block);
+    // Asks for the descriptors next to block in its gap's list.
+    void PrefetchGapLinks(const MemoryBlock* block) const;
 
     zkAddr base_ = 0;
     uint32_t size_ = 0;

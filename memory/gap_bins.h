@@ -79,7 +79,9 @@ public:
     // Asks for the front descriptor of the bin a gap of this size joins
     // (nothing when no bin holds it or the bin is empty).
     void PrefetchFront(uint32_t gap) const {
-        if (gap < limit_ && heads_[gap] != kNoNode) Prefetch(blocks_ + heads_[gap]);
+        if (gap >= limit_) return;
+        const uint32_t front = heads_[gap];
+        Prefetch(blocks_ + (front != kNoNode ? front : 0)); // no branch to mispredict
     }
 
     // The largest gap in a bin; 0 when every bin is empty.

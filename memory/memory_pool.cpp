@@ -113,27 +113,6 @@ void MemoryPool::Destroy(zk::DescriptorStore& store) {
 
 // ---- gaps ------------------------------------------------------------------------
 
-void MemoryPool::GapInsert(MemoryBlock* block) {
-    ++gapCount_;
-    if (bins_.Holds(block->gapAfter))
-        bins_.Insert(block);
-    else
-        classes_.Insert(block);
-}
-
-void MemoryPool::GapRemove(MemoryBlock* block) {
-    if (gapCount_ > 0) --gapCount_;
-    if (bins_.Holds(block->gapAfter))
-        bins_.Remove(block);
-    else
-        classes_.Remove(block);
-}
-
-void MemoryPool::PrefetchGapLinks(const MemoryBlock* block) const {
-    if (block->gapNewer != zk::kNoNode) zk::Prefetch(descriptors_ + block->gapNewer);
-    if (block->gapOlder != zk::kNoNode) zk::Prefetch(descriptors_ + block->gapOlder);
-}
-
 uint32_t MemoryPool::LargestGap() const {
     return classes_.Empty() ? bins_.Largest() : classes_.Largest();
 }
@@ -142,8 +121,8 @@ uint32_t MemoryPool::LargestGap() const {
 
 // The owner of the gap the block goes into, and the block's address in it;
 // null when no gap fits. Best fit searches the bins, then the classes.
-MemoryBlock* MemoryPool::FindPlace(uint32_t taken, uint32_t alignment, uint32_t flags,
-                                   zkAddr* placement) {
+inline MemoryBlock* MemoryPool::FindPlace(uint32_t taken, uint32_t alignment, uint32_t flags,
+                                          zkAddr* placement) {
     if ((flags & zk::kAllocationSearchFlags) && !tree_.Built()) tree_.Build(blockCount_);
     if (flags & ZK_ALLOC_BOTTOM) return tree_.LowestFit(taken, alignment, placement);
     if (flags & ZK_ALLOC_TOP) return tree_.HighestFit(taken, alignment, placement);

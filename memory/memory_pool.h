@@ -58,6 +58,7 @@
 #include "memory/gap_bins.h"
 #include "memory/gap_classes.h"
 #include "memory/memory_block.h"
+#include "memory/placement.h"
 #include "thread/sync.h"
 
 #include <cstdint>
@@ -162,10 +163,27 @@ private:
     void Absorb(MemoryBlock* block);
     MemoryBlock* FindPlace(uint32_t taken, uint32_t alignment, uint32_t flags, zkAddr* placement);
     // A block's gap joins or leaves the bins or the classes.
-    void GapInsert(MemoryBlock* block);
-    void GapRemove(MemoryBlock* block);
-    // Asks for the descriptors next to block in its gap's list.
-    void PrefetchGapLinks(const MemoryBlock* block) const;
+    void GapInsert(MemoryBlock* block) {
+        ++gapCount_;
+        if (bins_.Holds(block->gapAfter))
+            bins_.Insert(block);
+        else
+            classes_.Insert(block);
+    }
+    void GapRemove(MemoryBlock* block) {
+        if (gapCount_ > 0) --gapCount_;
+        if (bins_.Holds(block->gapAfter))
+            bins_.Remove(block);
+        else
+            classes_.Remove(block);
+    }
+    // Asks for the descriptors next to block in its gap's list (the head
+    // block's line stands in for none, so there is no branch to mispredict).
+    void PrefetchGapLinks(const MemoryBlock* block) const {
+        const uint32_t newer = block->gapNewer, older = block->gapOlder;
+        zk::Prefetch(descriptors_ + (newer != zk::kNoNode ? newer : 0));
+        zk::Prefetch(descriptors_ + (older != zk::kNoNode ? older : 0));
+    }
 
     zkAddr base_ = 0;
     uint32_t size_ = 0;

@@ -34,8 +34,10 @@ void* VirtualCommit(size_t size) {
             const uintptr_t start = reinterpret_cast<uintptr_t>(p);
             const uintptr_t aligned = (start + kLargePage - 1) & ~uintptr_t{kLargePage - 1};
             if (aligned != start) munmap(p, aligned - start);
-            const uintptr_t end = aligned + size;
-            const uintptr_t mappedEnd = start + size + kLargePage;
+            // The mapping's pages end where those of the asked size do.
+            const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+            const uintptr_t end = (aligned + size + page - 1) & ~(page - 1);
+            const uintptr_t mappedEnd = (start + size + kLargePage + page - 1) & ~(page - 1);
             if (mappedEnd != end) munmap(reinterpret_cast<void*>(end), mappedEnd - end);
             return reinterpret_cast<void*>(aligned);
         }

@@ -16,6 +16,16 @@
 //
 // Ratios: library / glibc (and / mimalloc) per workload; lowest and highest
 // address mode / best fit.
+//
+// `bench_memory only WORKLOAD PAIRS [MODE]` runs the library alone on one
+// workload with PAIRS pairs (MODE 1: lowest address, 2: highest), for
+// instruction and cache-miss counts under valgrind: the difference between
+// two runs with different PAIRS, divided by the difference in PAIRS, is the
+// cost of one pair without the filling and the start.
+//
+// With ZK_BENCH_SMALL_PAGES=1 in the environment (Linux) the process runs
+// with transparent large pages turned off, to measure what the library's
+// request for them brings.
 #include <zk.h>
 
 #include <algorithm>
@@ -23,7 +33,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <random>
+#include <string>
 #include <vector>
+
+#if defined(__linux__)
+#include <sys/prctl.h>
+#endif
 
 #ifdef ZK_BENCH_MIMALLOC
 #include <mimalloc.h>
@@ -134,9 +149,24 @@ template <void* (*Allocate)(size_t), void (*Release)(void*)> double Run(const Wo
     return failed ? -1 : batches[batches.size() / 2];
 }
 
+// Turns transparent large pages off for the process when asked; says which
+// pages the run uses.
+void ChoosePages() {
+    const char* small = std::getenv("ZK_BENCH_SMALL_PAGES");
+#if defined(__linux__) && defined(PR_SET_THP_DISABLE)
+    if (small && *small == '1' && prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0) == 0) {
+        std::printf("pages: small (large pages turned off for this run)\n");
+        return;
+    }
+#endif
+    (void)small;
+    std::printf("pages: large where the system offers them\n");
+}
+
 } // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    ChoosePages();
     // Room for 100 000 blocks of up to 512 B and 10 000 of up to 8 KiB, each
     // rounded to 64, with descriptors to spare.
     if (!FindRuntimeAllocator()) {
@@ -147,9 +177,32 @@ int main() {
         std::fprintf(stderr, "bench_memory: the library did not start\n");
         return 1;
     }
-    Workload workloads[] = {Make("small-1k", 8, 512, 1000, 2000000),
-                            Make("small-100k", 8, 512, 100000, 1000000),
-                            Make("mixed-10k", 16, 8192, 10000, 1000000)};
+    struct Spec {
+        const char* name;
+        uint32_t smallest, largest, live, pairs;
+    };
+    const Spec specs[] = {{"small-1k", 8, 512, 1000, 2000000},
+                          {"small-100k", 8, 512, 100000, 1000000},
+                          {"mixed-10k", 16, 8192, 10000, 1000000}};
+    if (argc >= 4 && std::string(argv[1]) == "only") {
+        for (const Spec& s : specs) {
+            if (s.name != std::string(argv[2])) continue;
+            const uint32_t pairs = static_cast<uint32_t>(std::strtoul(argv[3], nullptr, 10));
+            const Workload one = Make(s.name, s.smallest, s.largest, s.live, pairs);
+            zkSetAllocMode(argc >= 5 ? static_cast<uint32_t>(std::atoi(argv[4])) : 0);
+            const double ns = Run<ZkAllocate, ZkRelease>(one);
+            std::printf("%s %u pairs: %.1f ns/pair\n", s.name, pairs, ns);
+            zkTerminate();
+            zkEndProcess();
+            return ns < 0 ? 1 : 0;
+        }
+        std::fprintf(stderr, "bench_memory: no workload %s\n", argv[2]);
+        return 2;
+    }
+    Workload workloads[] = {
+        Make(specs[0].name, specs[0].smallest, specs[0].largest, specs[0].live, specs[0].pairs),
+        Make(specs[1].name, specs[1].smallest, specs[1].largest, specs[1].live, specs[1].pairs),
+        Make(specs[2].name, specs[2].smallest, specs[2].largest, specs[2].live, specs[2].pairs)};
     std::printf("%-12s %10s %10s", "ns/pair", "zk", "glibc");
 #ifdef ZK_BENCH_MIMALLOC
     std::printf(" %10s %10s", "mimalloc", "zk/mi");

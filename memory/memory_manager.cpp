@@ -68,6 +68,10 @@ int32_t MemoryManager::Start(uint32_t arenaSize, uint32_t descriptorCount) {
         arena = g_arenaCommit(bytes);
     }
     if (!arena) return ZK_ERR_NO_MEMORY;
+    // The descriptor tables (the system pool's and, inside it, every
+    // application pool's) are read at random: large pages, where the system
+    // offers them, spare most of the address-translation misses.
+    os::VirtualAdviseLargePages(arena, bytes);
 
     defaultMode_ = 0;
     showStatus_ = 0;

@@ -70,6 +70,11 @@ void LocalTime(LocalDateTime* out);
 // Commits size bytes of zero-filled read/write memory; null on failure.
 void* VirtualCommit(size_t size);
 void VirtualRelease(void* address, size_t size);
+// Asks the system to back committed memory with large pages where it offers
+// them without special rights (fewer address-translation misses for tables
+// read at random); false where it does not. The memory stays as it was either
+// way.
+bool VirtualAdviseLargePages(void* address, size_t size);
 // Physical memory available now, in bytes.
 uint64_t AvailablePhysicalMemory();
 

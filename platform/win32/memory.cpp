@@ -11,6 +11,13 @@ void* VirtualCommit(size_t size) {
     return VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
 }
 
+// Large pages on this system are committed whole at allocation, cannot be
+// paged out and need the right to lock memory, which ordinary programs lack:
+// the arena keeps ordinary pages.
+bool VirtualAdviseLargePages(void* /*address*/, size_t /*size*/) {
+    return false;
+}
+
 void VirtualRelease(void* address, size_t /*size*/) {
     // MEM_RELEASE frees the whole reservation and requires a size of 0.
     if (address) VirtualFree(address, 0, MEM_RELEASE);

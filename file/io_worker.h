@@ -5,12 +5,23 @@
 // at once, and a submitter blocks while none is free. An operation that asks
 // to run again (a retry, or the next piece of a transfer) goes back to the
 // tail of the queue it came from, so one long transfer does not hold up the
-// others and queue 0 always goes first.
+// others and queue 0 always goes first. The host driver moves at most one
+// piece of bounded size per call (host_device.cpp), so a step is short.
 //
-// Locks: queueMonitor guards the nodes, the queues and the count; it is held
-// only for the queue's bookkeeping, never while a driver runs or a completion
-// is told. Synchronous callers wait on their own SyncWaiter, which sleeps on
-// the shared completionMonitor only after a short spin.
+// Who gets a node: submitters that find no free node wait in arrival order,
+// each on a waiter record of its own, and a freed node is handed to the first
+// waiter that may take it (only that waiter is woken). The library's own
+// whole-file loading threads are bulk submitters: together they hold at most
+// kBulkNodes nodes, so that however many loads run, the application's own
+// submissions find a node at once (or behind other application submissions
+// only) and wait in the normal queue behind at most kBulkNodes pieces.
+//
+// Locks: queueMonitor guards the nodes, the queues, the count and the node
+// waiters; it is held only for the queue's bookkeeping, never while a driver
+// runs or a completion is told. Synchronous callers wait on their own
+// SyncWaiter, which spins briefly, then sleeps on a condition variable of its
+// own under the completionMonitor's lock: a completion wakes its own caller
+// and nobody else.
 //
 // Hand-off cost: a small read is one enqueue and one completion. Both sides
 // spin for a bounded time (50 microseconds, with a pause instruction) before
@@ -70,9 +81,12 @@ inline bool ConsumeTry(uint32_t& tries) {
 }
 
 // A synchronous caller's completion: the caller spins on its done flag for a
-// short time, then sleeps on the worker's completion monitor. The notifier
-// touches the waiter only through one atomic exchange; it enters the monitor
-// only when the caller has gone to sleep.
+// short time, then sleeps on a condition variable of its own under the
+// worker's completion monitor. The notifier touches the waiter only through
+// one atomic exchange while the caller spins; when the caller has gone to
+// sleep, it enters the monitor, marks the waiter woken and wakes that one
+// variable. The sleeping caller leaves only once it finds the mark, which is
+// after the notifier has left the monitor, so the waiter outlives every use.
 class SyncWaiter final : public CompletionTarget {
 public:
     explicit SyncWaiter(Monitor* monitor) : monitor_(monitor) {}
@@ -83,11 +97,19 @@ private:
     enum : uint32_t { kPending = 0, kDone = 1, kSleeping = 2 };
     Monitor* monitor_;
     std::atomic<uint32_t> state_{kPending};
+    bool woken_ = false; // under the monitor
+    os::ConditionVariable wake_{};
 };
+
+// Marks the calling thread as one of the library's own whole-file loading
+// threads (a bulk submitter) or clears the mark.
+void SetBulkSubmitter(bool bulk);
 
 class DeviceIoWorker final : public Runnable {
 public:
     static constexpr uint32_t kNodes = 16;
+    // The most nodes that bulk submitters hold together.
+    static constexpr uint32_t kBulkNodes = 6;
 
     // Starts the thread; -19 when the system refuses it (nothing runs then).
     int32_t Start();
@@ -112,14 +134,29 @@ private:
         Node* previous;
         Node* next;
         int64_t queuedAt; // when it joined its queue (while recording)
+        bool bulk;        // taken by a bulk submitter
     };
     struct Queue {
         Node* head;
         Node* tail;
     };
+    // A submitter waiting for a node, on its own stack, in arrival order.
+    struct NodeWaiter {
+        NodeWaiter* next;
+        Node* granted; // set (under the queue monitor) when a node is handed over
+        bool bulk;
+        os::ConditionVariable wake;
+    };
 
     bool Enqueue(IoOperation* operation, CompletionTarget* completion, uint32_t priority);
     void Append(Queue* queue, Node* node);
+    // Under the queue monitor: whether a submitter of that kind may take a
+    // free node now, and taking it.
+    bool MayTake(bool bulk) const { return freeList_ && (!bulk || bulkHeld_ < kBulkNodes); }
+    Node* TakeFree(bool bulk);
+    // Under the queue monitor: gives a finished node back and hands free
+    // nodes to the first waiters that may take them.
+    void GiveBack(Node* node);
     // Waits for a node and unlinks it; false when stopping with nothing queued.
     bool Take();
     // The timeline's slice of one step of the current node.
@@ -132,6 +169,9 @@ private:
     Queue* currentQueue_ = nullptr;
     std::atomic<uint32_t> count_{0};
     Monitor queueMonitor_;
+    NodeWaiter* waitHead_ = nullptr;
+    NodeWaiter* waitTail_ = nullptr;
+    uint32_t bulkHeld_ = 0;
     uint32_t stopRequested_ = 0;
     Thread thread_;
     Monitor completionMonitor_;

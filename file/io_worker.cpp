@@ -60,7 +60,7 @@ int32_t DeviceIoWorker::Start() {
     freeList_ = &nodes_[0];
     waitHead_ = waitTail_ = nullptr;
     bulkHeld_ = 0;
-    queues_[0] = queues_[1] = Queue{nullptr, nullptr};
+    queues_[0] = queues_[1] = queues_[kBulkQueue] = Queue{nullptr, nullptr};
     current_ = nullptr;
     currentQueue_ = nullptr;
     count_.store(0, std::memory_order_relaxed);
@@ -190,7 +190,8 @@ bool DeviceIoWorker::Enqueue(IoOperation* operation, CompletionTarget* completio
     node->operation = operation;
     node->completion = completion;
     node->queuedAt = timeline::On() ? timeline::Now() : 0;
-    Append(&queues_[priority & 1], node);
+    // A bulk submitter's normal work waits behind everything else.
+    Append(&queues_[(priority & 1) && bulk ? kBulkQueue : (priority & 1)], node);
     count_.fetch_add(1, std::memory_order_release);
     queueMonitor_.WakeAll();
     queueMonitor_.Leave();
@@ -208,7 +209,9 @@ bool DeviceIoWorker::Take() {
         }
         queueMonitor_.Wait();
     }
-    Queue* queue = queues_[0].head ? &queues_[0] : &queues_[1];
+    Queue* queue = queues_[0].head   ? &queues_[0]
+                   : queues_[1].head ? &queues_[1]
+                                     : &queues_[kBulkQueue];
     Node* node = queue->head;
     queue->head = node->next;
     if (queue->head)

@@ -14,7 +14,9 @@
 // whole-file loading threads are bulk submitters: together they hold at most
 // kBulkNodes nodes, so that however many loads run, the application's own
 // submissions find a node at once (or behind other application submissions
-// only) and wait in the normal queue behind at most kBulkNodes pieces.
+// only). Their normal-queue work waits in a queue of its own that the worker
+// serves only when the urgent and normal queues are empty, so an application
+// operation waits for at most the one bulk piece being executed.
 //
 // Locks: queueMonitor guards the nodes, the queues, the count and the node
 // waiters; it is held only for the queue's bookkeeping, never while a driver
@@ -163,7 +165,10 @@ private:
     void RecordStep(const Node* node, bool urgent, int64_t start, int32_t again);
 
     Node nodes_[kNodes]{};
-    Queue queues_[2]{};
+    // 0 urgent, 1 normal, then the bulk submitters' normal work, taken only
+    // when the other two are empty.
+    static constexpr uint32_t kBulkQueue = 2;
+    Queue queues_[3]{};
     Node* freeList_ = nullptr;
     Node* current_ = nullptr;
     Queue* currentQueue_ = nullptr;

@@ -115,12 +115,31 @@ void DeviceIoWorker::Append(Queue* queue, Node* node) {
     queue->tail = node;
 }
 
+uint32_t DeviceIoWorker::Waiters() {
+    queueMonitor_.Enter();
+    uint32_t n = 0;
+    for (const NodeWaiter* w = waitHead_; w; w = w->next)
+        ++n;
+    queueMonitor_.Leave();
+    return n;
+}
+
 DeviceIoWorker::Node* DeviceIoWorker::TakeFree(bool bulk) {
     Node* node = freeList_;
     freeList_ = node->next;
     node->bulk = bulk;
     if (bulk) ++bulkHeld_;
     return node;
+}
+
+void DeviceIoWorker::Place(Node* node, IoOperation* operation, CompletionTarget* completion,
+                           uint32_t priority) {
+    node->operation = operation;
+    node->completion = completion;
+    node->queuedAt = timeline::On() ? timeline::Now() : 0;
+    // A bulk submitter's normal work waits behind everything else.
+    Append(&queues_[(priority & 1) && node->bulk ? kBulkQueue : (priority & 1)], node);
+    count_.fetch_add(1, std::memory_order_release);
 }
 
 void DeviceIoWorker::GiveBack(Node* node) {
@@ -143,7 +162,8 @@ void DeviceIoWorker::GiveBack(Node* node) {
         }
         *link = w->next;
         if (waitTail_ == w) waitTail_ = previous;
-        w->granted = TakeFree(w->bulk);
+        Place(TakeFree(w->bulk), w->operation, w->completion, w->priority);
+        w->granted = true;
         os::ConditionVariableWakeAll(&w->wake);
     }
 }
@@ -155,11 +175,12 @@ bool DeviceIoWorker::Enqueue(IoOperation* operation, CompletionTarget* completio
                              uint32_t priority) {
     const bool bulk = tBulkSubmitter;
     queueMonitor_.Enter();
-    Node* node = nullptr;
+    bool queued = false;
     if (!stopRequested_ && MayTake(bulk)) {
-        node = TakeFree(bulk);
+        Place(TakeFree(bulk), operation, completion, priority);
+        queued = true;
     } else if (!stopRequested_) {
-        NodeWaiter waiter{nullptr, nullptr, bulk, {}};
+        NodeWaiter waiter{nullptr, false, bulk, operation, completion, priority, {}};
         os::ConditionVariableInit(&waiter.wake);
         if (waitTail_)
             waitTail_->next = &waiter;
@@ -168,8 +189,8 @@ bool DeviceIoWorker::Enqueue(IoOperation* operation, CompletionTarget* completio
         waitTail_ = &waiter;
         while (!waiter.granted && !stopRequested_)
             queueMonitor_.WaitOn(&waiter.wake);
-        node = waiter.granted;
-        if (!node) { // stopping: leave the line
+        queued = waiter.granted;
+        if (!queued) { // stopping: leave the line
             NodeWaiter* previous = nullptr;
             for (NodeWaiter** link = &waitHead_; *link; link = &(*link)->next) {
                 if (*link != &waiter) {
@@ -183,19 +204,9 @@ bool DeviceIoWorker::Enqueue(IoOperation* operation, CompletionTarget* completio
         }
         os::ConditionVariableDelete(&waiter.wake);
     }
-    if (!node) {
-        queueMonitor_.Leave();
-        return false;
-    }
-    node->operation = operation;
-    node->completion = completion;
-    node->queuedAt = timeline::On() ? timeline::Now() : 0;
-    // A bulk submitter's normal work waits behind everything else.
-    Append(&queues_[(priority & 1) && bulk ? kBulkQueue : (priority & 1)], node);
-    count_.fetch_add(1, std::memory_order_release);
-    queueMonitor_.WakeAll();
+    if (queued) queueMonitor_.WakeAll();
     queueMonitor_.Leave();
-    return true;
+    return queued;
 }
 
 bool DeviceIoWorker::Take() {

@@ -124,8 +124,10 @@ public:
     // when it has finished. -19 when the worker is stopped (nothing ran).
     int32_t Submit(IoOperation* operation, CompletionTarget* completion, uint32_t priority);
 
-    // Nodes queued or running (for tests and diagnostics).
+    // Nodes queued or running, and submitters waiting for a node (for tests
+    // and diagnostics).
     uint32_t Count() const { return count_.load(std::memory_order_relaxed); }
+    uint32_t Waiters();
 
     void Run() override;
 
@@ -142,11 +144,16 @@ private:
         Node* head;
         Node* tail;
     };
-    // A submitter waiting for a node, on its own stack, in arrival order.
+    // A submitter waiting for a node, on its own stack, in arrival order. The
+    // node is handed over already queued with the waiter's operation, so the
+    // operation's place in its queue does not depend on when the waiter wakes.
     struct NodeWaiter {
         NodeWaiter* next;
-        Node* granted; // set (under the queue monitor) when a node is handed over
+        bool granted; // set under the queue monitor
         bool bulk;
+        IoOperation* operation;
+        CompletionTarget* completion;
+        uint32_t priority;
         os::ConditionVariable wake;
     };
 
@@ -156,6 +163,9 @@ private:
     // free node now, and taking it.
     bool MayTake(bool bulk) const { return freeList_ && (!bulk || bulkHeld_ < kBulkNodes); }
     Node* TakeFree(bool bulk);
+    // Under the queue monitor: fills a node taken for the operation and
+    // appends it to its queue.
+    void Place(Node* node, IoOperation* operation, CompletionTarget* completion, uint32_t priority);
     // Under the queue monitor: gives a finished node back and hands free
     // nodes to the first waiters that may take them.
     void GiveBack(Node* node);

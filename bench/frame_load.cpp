@@ -19,9 +19,9 @@
 //   archive       : the batch, as items read through the mount
 //   stream+loads  : the stream while 32 background loads run all the time
 //   ... cold      : the same with the files dropped from the page cache
-//                   (posix_fadvise DONTNEED) before and, for continuous
-//                   and batch loads, after every load; the other variants read every
-//                   file once first, so they start with all of it cached
+//                   (posix_fadvise DONTNEED) before the variant and after
+//                   every load; the other variants read every file once
+//                   first, so they start with all of it cached
 //
 // Per variant: p99 deviation of the frame period from 16 ms, 16 ms slots
 // dropped, the longest time one frame spent in library calls (baseline: in
@@ -270,8 +270,7 @@ void LibraryFrame(LibraryRun& run, double* total) {
             });
             h = nullptr;
             ++run.finished;
-            if (s.cold && s.loads == 2)
-                Drop(s.archive ? g.archivePath : g.files[run.slotFile[i] % kFiles]);
+            if (s.cold) Drop(s.archive ? g.archivePath : g.files[run.slotFile[i] % kFiles]);
             if (s.loads == 1 && run.finished == run.batchEnd) {
                 // A batch is complete: the next begins while frames remain.
                 run.loadsEnd = Clock::now();
@@ -452,8 +451,7 @@ void RunBaseline(const Scenario& s, Result& r) {
                 r.bytes += kFileSize;
                 --inFlight;
                 ++finished;
-                if (s.cold && s.loads == 2)
-                    Drop(s.archive ? g.archivePath : g.files[file % kFiles]);
+                if (s.cold) Drop(s.archive ? g.archivePath : g.files[file % kFiles]);
                 if (s.loads == 1 && finished == batchEnd) {
                     loadsEnd = Clock::now();
                     if (frame < g.frames + 2) batchEnd += kFiles;

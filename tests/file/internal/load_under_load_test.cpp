@@ -14,7 +14,7 @@
 namespace zktest {
 namespace {
 
-using LoadingUnderLoad = MemoryDeviceTest;
+using LoadingConcurrency = MemoryDeviceTest;
 using zk::DeviceIoWorker;
 
 zk::DeviceIoWorker& Worker() {
@@ -37,7 +37,7 @@ std::string Name(const char* prefix, int i) {
     return name;
 }
 
-TEST_F(LoadingUnderLoad, ABeginWhileEveryOtherHandleLoadsInTheBackgroundFindsANodeAndRunsFirst) {
+TEST_F(LoadingConcurrency, ABeginWhileEveryOtherHandleLoadsInTheBackgroundFindsANodeAndRunsFirst) {
     // Every load is four pieces; the frame's file takes the one handle left.
     Device().plan.piece = 1000;
     constexpr int kLoads = 31;
@@ -99,7 +99,7 @@ TEST_F(LoadingUnderLoad, ABeginWhileEveryOtherHandleLoadsInTheBackgroundFindsANo
     zkReleaseRequest(request);
 }
 
-TEST_F(LoadingUnderLoad, SubmittersWaitingForANodeAreServedInArrivalOrder) {
+TEST_F(LoadingConcurrency, SubmittersWaitingForANodeAreServedInArrivalOrder) {
     std::vector<FileHandle*> files;
     for (int i = 0; i < 19; ++i)
         files.push_back(Make(Name("f", i), "x"));

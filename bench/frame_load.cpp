@@ -543,10 +543,13 @@ void Report(const Scenario& s, const Result& lib, const Result& base) {
                 base.P99Deviation(), base.Dropped(), base.MaxInCalls(),
                 Result::Pct(base.callUs, 0.5), Result::Pct(base.callUs, 0.99), base.late,
                 base.MBs(), base.CpuPct(), base.bad ? "DATA WRONG" : "");
-    std::printf(
-        "%-19s ratio zk/plain: p99 deviation %.2f, max in calls %.2f, MB/s %.2f, CPU %.2f\n", "",
-        ratio(lib.P99Deviation(), base.P99Deviation()), ratio(lib.MaxInCalls(), base.MaxInCalls()),
-        ratio(lib.MBs(), base.MBs()), ratio(lib.CpuPct(), base.CpuPct()));
+    // CPU per megabyte loaded: the loads' cost when the two moved different amounts.
+    auto cpuPerMB = [](const Result& x) { return x.bytes ? x.cpu / double(x.bytes) : 0.0; };
+    std::printf("%-19s ratio zk/plain: p99 deviation %.2f, max in calls %.2f, MB/s %.2f, CPU %.2f, "
+                "CPU per MB %.2f\n",
+                "", ratio(lib.P99Deviation(), base.P99Deviation()),
+                ratio(lib.MaxInCalls(), base.MaxInCalls()), ratio(lib.MBs(), base.MBs()),
+                ratio(lib.CpuPct(), base.CpuPct()), ratio(cpuPerMB(lib), cpuPerMB(base)));
 }
 
 void ZK_CALL Quiet(const char*) {}

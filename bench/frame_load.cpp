@@ -31,7 +31,7 @@
 // Loaded data are checked (a word every 4 KiB).
 //
 //   bench_frame_load [--frames N] [--long] [--only NAME]
-//       (default 90 frames a variant; --long: 600; --only: the scenarios
+//       (default 60 frames a variant; --long: 600; --only: the scenarios
 //       whose name begins with NAME)
 #include <zk.h>
 
@@ -169,7 +169,7 @@ struct Setup {
     std::vector<uint32_t> itemOffsets; // in the archive file
     std::string archivePath, streamPath;
     uint32_t streamSize = 0;
-    int frames = 90;
+    int frames = 60;
     const char* only = nullptr; // scenarios whose name begins so
 };
 Setup g;

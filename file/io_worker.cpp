@@ -37,9 +37,9 @@ void SyncWaiter::NotifyCompletion() {
     monitor->Leave();
 }
 
-void SyncWaiter::Wait() {
+void SyncWaiter::Wait(bool spin) {
     auto done = [this] { return state_.load(std::memory_order_acquire) == kDone; };
-    if (SpinUntil(kWaiterSpinMicroseconds, done)) return;
+    if (spin ? SpinUntil(kWaiterSpinMicroseconds, done) : done()) return;
     os::ConditionVariableInit(&wake_);
     monitor_->Enter();
     uint32_t expected = kPending;
@@ -101,7 +101,7 @@ int32_t DeviceIoWorker::Submit(IoOperation* operation, CompletionTarget* complet
     if (completion) return Enqueue(operation, completion, priority) ? ZK_OK : ZK_ERR_NO_SLOT;
     SyncWaiter waiter(&completionMonitor_);
     if (!Enqueue(operation, &waiter, priority)) return ZK_ERR_NO_SLOT;
-    waiter.Wait();
+    waiter.Wait(!tBulkSubmitter);
     return ZK_OK;
 }
 

@@ -93,7 +93,9 @@ class SyncWaiter final : public CompletionTarget {
 public:
     explicit SyncWaiter(Monitor* monitor) : monitor_(monitor) {}
     void NotifyCompletion() override;
-    void Wait();
+    // spin: look at the flag for a short time before sleeping (worth it for
+    // a small operation; a loading thread's whole-file read sleeps at once).
+    void Wait(bool spin);
 
 private:
     enum : uint32_t { kPending = 0, kDone = 1, kSleeping = 2 };

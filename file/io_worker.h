@@ -102,7 +102,7 @@ private:
     Monitor* monitor_;
     std::atomic<uint32_t> state_{kPending};
     bool woken_ = false; // under the monitor
-    os::ConditionVariable wake_{};
+    os::ConditionVariable wake_; // set up only when the caller goes to sleep
 };
 
 // Marks the calling thread as one of the library's own whole-file loading

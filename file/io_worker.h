@@ -101,7 +101,7 @@ private:
     enum : uint32_t { kPending = 0, kDone = 1, kSleeping = 2 };
     Monitor* monitor_;
     std::atomic<uint32_t> state_{kPending};
-    bool woken_ = false; // under the monitor
+    bool woken_ = false;         // under the monitor
     os::ConditionVariable wake_; // set up only when the caller goes to sleep
 };
 

@@ -123,17 +123,31 @@ bool ItemStart(const KivArchive* a, const KivEntry& e, uint64_t* start) {
     return true;
 }
 
-// Reads count bytes at an absolute offset of the root's file.
+// Reads count bytes at an absolute offset of the root's file. A direct read
+// goes straight to the file object, which moves at most one bounded piece per
+// call: it is asked again until everything came or a call brings nothing
+// (end of file) or fails, unless onePiece asks for a single call.
 int32_t ReadFile(KivArchive* a, uint64_t at, void* buffer, uint32_t count, uint32_t* got,
-                 uint32_t flags) {
+                 uint32_t flags, bool onePiece = false) {
     *got = 0;
     if (count == 0) return ZK_OK;
     FileHandle* file = a->root ? a->root->file : nullptr;
     if (!file) return ZK_ERR_INVALID_HANDLE;
     const uint32_t offset = static_cast<uint32_t>(at);
-    if (a->openFlags & kKivDirectRead)
-        return Files().ReadAtDirect(file, offset, buffer, count, got, flags);
-    return zkReadFileOffset(file, offset, buffer, count, got, flags);
+    if (!(a->openFlags & kKivDirectRead))
+        return zkReadFileOffset(file, offset, buffer, count, got, flags);
+    int32_t result = ZK_OK;
+    uint32_t done = 0;
+    while (done < count) {
+        uint32_t n = 0;
+        result = Files().ReadAtDirect(file, offset + done, static_cast<uint8_t*>(buffer) + done,
+                                      count - done, &n, flags);
+        if (result < 0) break;
+        done += n;
+        if (n == 0 || onePiece) break;
+    }
+    *got = done;
+    return result;
 }
 
 // The shared tail of the three load calls: a new block holding entry index.
@@ -287,7 +301,7 @@ bool KivFind(KivArchive* a, const char* name, uint32_t* index) {
 }
 
 int32_t KivReadItemBytes(KivArchive* a, uint32_t index, uint32_t start, void* buffer,
-                         uint32_t count, uint32_t* got, uint32_t flags) {
+                         uint32_t count, uint32_t* got, uint32_t flags, bool onePiece) {
     *got = 0;
     const KivEntry e = a->directory.Entry(index);
     if (start >= e.size) return ZK_OK;
@@ -299,8 +313,8 @@ int32_t KivReadItemBytes(KivArchive* a, uint32_t index, uint32_t start, void* bu
         *got = n;
         return ZK_OK;
     }
-    int32_t result = ReadFile(a, itemStart + start, buffer, n, got, flags);
-    if (result >= 0 && *got < n) result = ZK_ERR_SHORT_READ;
+    int32_t result = ReadFile(a, itemStart + start, buffer, n, got, flags, onePiece);
+    if (result >= 0 && *got < n && !(onePiece && *got != 0)) result = ZK_ERR_SHORT_READ;
     return result;
 }
 

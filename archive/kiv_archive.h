@@ -62,9 +62,12 @@ void KivClose(KivArchive* archive);
 bool KivFind(KivArchive* archive, const char* name, uint32_t* index);
 // Reads up to count bytes of entry index from start (clamped to the item) on
 // behalf of an item stream or a device file; flags go to the file layer.
-// -11 when the archive holds fewer bytes than the item claims.
+// -11 when the archive holds fewer bytes than the item claims. With onePiece
+// (a device file's read, run as one step of the I/O worker) the archive file
+// is asked once and may deliver less than asked (one bounded piece of a host
+// file); the caller asks again for the rest.
 int32_t KivReadItemBytes(KivArchive* archive, uint32_t index, uint32_t start, void* buffer,
-                         uint32_t count, uint32_t* got, uint32_t flags);
+                         uint32_t count, uint32_t* got, uint32_t flags, bool onePiece = false);
 
 // The position a seek moves to from position (origin 0 start, 1 position,
 // 2 end), held within 0..size; false for another origin.

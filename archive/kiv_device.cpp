@@ -81,7 +81,7 @@ public:
         if (!buffer) {
             result = ZK_ERR_INVALID_ARGUMENT;
         } else if (KivArchive* archive = archive_.load(std::memory_order_acquire)) {
-            result = KivReadItemBytes(archive, index_, offset, buffer, size, &done, flags);
+            result = KivReadItemBytes(archive, index_, offset, buffer, size, &done, flags, true);
             if (result >= 0) position_ = offset + done;
         }
         if (got) *got = done;

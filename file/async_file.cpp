@@ -103,6 +103,8 @@ int32_t LoadWholeFile(FileHandle* handle, void** data, uint32_t* size) {
 
 void ZK_CALL RunBackgroundLoad(void* argument) {
     BackgroundLoad* job = static_cast<BackgroundLoad*>(argument);
+    // Its operations are bulk work: they leave nodes to the application.
+    SetBulkSubmitter(true);
     timeline::NameThread("background load");
     timeline::Scope scope("file", "background load");
     scope.SetText("path", job->handle->fullPath);
@@ -114,6 +116,7 @@ void ZK_CALL RunBackgroundLoad(void* argument) {
     job->data = data;
     job->size = size;
     job->result = result;
+    SetBulkSubmitter(false);
 }
 
 // A handle that the table gave out and that is in use.

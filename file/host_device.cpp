@@ -10,6 +10,14 @@
 // thread that uses it (the device I/O worker for every operation, since no
 // kind is immediate).
 //
+// Pieces: one Read or Write moves at most kHostPiece bytes (a driver may
+// deliver less than asked). The I/O worker queues the rest of a transfer
+// again behind the operations waiting, so no single step holds the worker
+// for longer than one piece takes, and a short operation queued behind bulk
+// loads runs after at most a few pieces. The size is a measured balance:
+// smaller pieces cost more steps per byte, larger ones a longer step (see
+// bench/frame_load).
+//
 // What a host file operation does is the platform's: the Win32 file calls on
 // Windows, their POSIX equivalents elsewhere, each failure turned here into
 // one fixed code. The driver adds no root to a path, checks no length and
@@ -25,6 +33,8 @@
 
 namespace zk {
 namespace {
+
+constexpr uint32_t kHostPiece = 256u << 10;
 
 class HostFile final : public FileObject {
 public:
@@ -74,7 +84,7 @@ public:
 
     int32_t Read(void* buffer, uint32_t size, uint32_t* got, uint32_t /*flags*/) override {
         uint32_t count = 0;
-        bool ok = os::FileRead(file_, buffer, size, &count);
+        bool ok = os::FileRead(file_, buffer, size < kHostPiece ? size : kHostPiece, &count);
         if (got) *got = count;
         return ok ? ZK_OK : ZK_ERR_HOST_READ;
     }
@@ -88,7 +98,7 @@ public:
 
     int32_t Write(const void* buffer, uint32_t size, uint32_t* written) override {
         uint32_t count = 0;
-        bool ok = os::FileWrite(file_, buffer, size, &count);
+        bool ok = os::FileWrite(file_, buffer, size < kHostPiece ? size : kHostPiece, &count);
         if (written) *written = count;
         return ok ? ZK_OK : ZK_ERR_HOST_WRITE;
     }

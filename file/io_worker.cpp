@@ -17,35 +17,50 @@ namespace {
 constexpr uint32_t kWorkerStackSize = 65536;
 constexpr int32_t kWorkerPriority = 0;
 
+// Whether the calling thread is one of the library's loading threads.
+thread_local bool tBulkSubmitter = false;
+
 } // namespace
+
+void SetBulkSubmitter(bool bulk) {
+    tBulkSubmitter = bulk;
+}
 
 void SyncWaiter::NotifyCompletion() {
     Monitor* monitor = monitor_; // `this` may be gone once the flag is set
     if (state_.exchange(kDone, std::memory_order_acq_rel) != kSleeping) return;
+    // The caller sleeps until woken_ is set, which it can only see after this
+    // thread has left the monitor: the waiter is still there.
     monitor->Enter();
-    monitor->WakeAll();
+    woken_ = true;
+    os::ConditionVariableWakeAll(&wake_);
     monitor->Leave();
 }
 
-void SyncWaiter::Wait() {
+void SyncWaiter::Wait(bool spin) {
     auto done = [this] { return state_.load(std::memory_order_acquire) == kDone; };
-    if (SpinUntil(kWaiterSpinMicroseconds, done)) return;
+    if (spin ? SpinUntil(kWaiterSpinMicroseconds, done) : done()) return;
+    os::ConditionVariableInit(&wake_);
     monitor_->Enter();
     uint32_t expected = kPending;
     if (state_.compare_exchange_strong(expected, kSleeping, std::memory_order_acq_rel)) {
-        while (!done())
-            monitor_->Wait();
+        while (!woken_)
+            monitor_->WaitOn(&wake_);
     }
     monitor_->Leave();
+    os::ConditionVariableDelete(&wake_);
 }
 
 int32_t DeviceIoWorker::Start() {
     completionMonitor_.Initialize();
     queueMonitor_.Initialize();
     for (uint32_t i = 0; i < kNodes; ++i)
-        nodes_[i] = Node{nullptr, nullptr, nullptr, i + 1 < kNodes ? &nodes_[i + 1] : nullptr, 0};
+        nodes_[i] =
+            Node{nullptr, nullptr, nullptr, i + 1 < kNodes ? &nodes_[i + 1] : nullptr, 0, false};
     freeList_ = &nodes_[0];
-    queues_[0] = queues_[1] = Queue{nullptr, nullptr};
+    waitHead_ = waitTail_ = nullptr;
+    bulkHeld_ = 0;
+    queues_[0] = queues_[1] = queues_[kBulkQueue] = Queue{nullptr, nullptr};
     current_ = nullptr;
     currentQueue_ = nullptr;
     count_.store(0, std::memory_order_relaxed);
@@ -65,6 +80,8 @@ void DeviceIoWorker::Stop() {
     queueMonitor_.Enter();
     stopRequested_ = 1;
     queueMonitor_.WakeAll();
+    for (NodeWaiter* w = waitHead_; w; w = w->next)
+        os::ConditionVariableWakeAll(&w->wake);
     queueMonitor_.Leave();
     thread_.Release();
     running_ = false;
@@ -84,7 +101,7 @@ int32_t DeviceIoWorker::Submit(IoOperation* operation, CompletionTarget* complet
     if (completion) return Enqueue(operation, completion, priority) ? ZK_OK : ZK_ERR_NO_SLOT;
     SyncWaiter waiter(&completionMonitor_);
     if (!Enqueue(operation, &waiter, priority)) return ZK_ERR_NO_SLOT;
-    waiter.Wait();
+    waiter.Wait(!tBulkSubmitter);
     return ZK_OK;
 }
 
@@ -98,25 +115,98 @@ void DeviceIoWorker::Append(Queue* queue, Node* node) {
     queue->tail = node;
 }
 
-bool DeviceIoWorker::Enqueue(IoOperation* operation, CompletionTarget* completion,
-                             uint32_t priority) {
+uint32_t DeviceIoWorker::Waiters() {
     queueMonitor_.Enter();
-    while (!freeList_ && !stopRequested_)
-        queueMonitor_.Wait();
-    if (stopRequested_) {
-        queueMonitor_.Leave();
-        return false;
-    }
+    uint32_t n = 0;
+    for (const NodeWaiter* w = waitHead_; w; w = w->next)
+        ++n;
+    queueMonitor_.Leave();
+    return n;
+}
+
+DeviceIoWorker::Node* DeviceIoWorker::TakeFree(bool bulk) {
     Node* node = freeList_;
     freeList_ = node->next;
+    node->bulk = bulk;
+    if (bulk) ++bulkHeld_;
+    return node;
+}
+
+void DeviceIoWorker::Place(Node* node, IoOperation* operation, CompletionTarget* completion,
+                           uint32_t priority) {
     node->operation = operation;
     node->completion = completion;
     node->queuedAt = timeline::On() ? timeline::Now() : 0;
-    Append(&queues_[priority & 1], node);
+    // A bulk submitter's normal work waits behind everything else.
+    Append(&queues_[(priority & 1) && node->bulk ? kBulkQueue : (priority & 1)], node);
     count_.fetch_add(1, std::memory_order_release);
-    queueMonitor_.WakeAll();
+}
+
+void DeviceIoWorker::GiveBack(Node* node) {
+    if (node->bulk) --bulkHeld_;
+    node->operation = nullptr;
+    node->completion = nullptr;
+    node->bulk = false;
+    node->next = freeList_;
+    freeList_ = node;
+    // The first waiters that may take a node get one, in arrival order; a
+    // bulk waiter held back by the bulk limit lets the ones behind it pass.
+    NodeWaiter** link = &waitHead_;
+    NodeWaiter* previous = nullptr;
+    while (*link && freeList_) {
+        NodeWaiter* w = *link;
+        if (!MayTake(w->bulk)) {
+            previous = w;
+            link = &w->next;
+            continue;
+        }
+        *link = w->next;
+        if (waitTail_ == w) waitTail_ = previous;
+        Place(TakeFree(w->bulk), w->operation, w->completion, w->priority);
+        w->granted = true;
+        os::ConditionVariableWakeAll(&w->wake);
+    }
+}
+
+// Nobody that may take a free node is left waiting (GiveBack hands nodes out
+// as they come back), so a newcomer that may take one passes no earlier
+// waiter of its own kind.
+bool DeviceIoWorker::Enqueue(IoOperation* operation, CompletionTarget* completion,
+                             uint32_t priority) {
+    const bool bulk = tBulkSubmitter;
+    queueMonitor_.Enter();
+    bool queued = false;
+    if (!stopRequested_ && MayTake(bulk)) {
+        Place(TakeFree(bulk), operation, completion, priority);
+        queued = true;
+    } else if (!stopRequested_) {
+        NodeWaiter waiter{nullptr, false, bulk, operation, completion, priority, {}};
+        os::ConditionVariableInit(&waiter.wake);
+        if (waitTail_)
+            waitTail_->next = &waiter;
+        else
+            waitHead_ = &waiter;
+        waitTail_ = &waiter;
+        while (!waiter.granted && !stopRequested_)
+            queueMonitor_.WaitOn(&waiter.wake);
+        queued = waiter.granted;
+        if (!queued) { // stopping: leave the line
+            NodeWaiter* previous = nullptr;
+            for (NodeWaiter** link = &waitHead_; *link; link = &(*link)->next) {
+                if (*link != &waiter) {
+                    previous = *link;
+                    continue;
+                }
+                *link = waiter.next;
+                if (waitTail_ == &waiter) waitTail_ = previous;
+                break;
+            }
+        }
+        os::ConditionVariableDelete(&waiter.wake);
+    }
+    if (queued) queueMonitor_.WakeAll();
     queueMonitor_.Leave();
-    return true;
+    return queued;
 }
 
 bool DeviceIoWorker::Take() {
@@ -130,7 +220,9 @@ bool DeviceIoWorker::Take() {
         }
         queueMonitor_.Wait();
     }
-    Queue* queue = queues_[0].head ? &queues_[0] : &queues_[1];
+    Queue* queue = queues_[0].head   ? &queues_[0]
+                   : queues_[1].head ? &queues_[1]
+                                     : &queues_[kBulkQueue];
     Node* node = queue->head;
     queue->head = node->next;
     if (queue->head)
@@ -163,10 +255,7 @@ void DeviceIoWorker::Run() {
         }
         CompletionTarget* completion = node->completion;
         queueMonitor_.Enter();
-        node->operation = nullptr;
-        node->completion = nullptr;
-        node->next = freeList_;
-        freeList_ = node;
+        GiveBack(node);
         current_ = nullptr;
         currentQueue_ = nullptr;
         count_.fetch_sub(1, std::memory_order_release);

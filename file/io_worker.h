@@ -5,12 +5,25 @@
 // at once, and a submitter blocks while none is free. An operation that asks
 // to run again (a retry, or the next piece of a transfer) goes back to the
 // tail of the queue it came from, so one long transfer does not hold up the
-// others and queue 0 always goes first.
+// others and queue 0 always goes first. The host driver moves at most one
+// piece of bounded size per call (host_device.cpp), so a step is short.
 //
-// Locks: queueMonitor guards the nodes, the queues and the count; it is held
-// only for the queue's bookkeeping, never while a driver runs or a completion
-// is told. Synchronous callers wait on their own SyncWaiter, which sleeps on
-// the shared completionMonitor only after a short spin.
+// Who gets a node: submitters that find no free node wait in arrival order,
+// each on a waiter record of its own, and a freed node is handed to the first
+// waiter that may take it (only that waiter is woken). The library's own
+// whole-file loading threads are bulk submitters: together they hold at most
+// kBulkNodes nodes, so that however many loads run, the application's own
+// submissions find a node at once (or behind other application submissions
+// only). Their normal-queue work waits in a queue of its own that the worker
+// serves only when the urgent and normal queues are empty, so an application
+// operation waits for at most the one bulk piece being executed.
+//
+// Locks: queueMonitor guards the nodes, the queues, the count and the node
+// waiters; it is held only for the queue's bookkeeping, never while a driver
+// runs or a completion is told. Synchronous callers wait on their own
+// SyncWaiter, which spins briefly, then sleeps on a condition variable of its
+// own under the completionMonitor's lock: a completion wakes its own caller
+// and nobody else.
 //
 // Hand-off cost: a small read is one enqueue and one completion. Both sides
 // spin for a bounded time (50 microseconds, with a pause instruction) before
@@ -70,24 +83,37 @@ inline bool ConsumeTry(uint32_t& tries) {
 }
 
 // A synchronous caller's completion: the caller spins on its done flag for a
-// short time, then sleeps on the worker's completion monitor. The notifier
-// touches the waiter only through one atomic exchange; it enters the monitor
-// only when the caller has gone to sleep.
+// short time, then sleeps on a condition variable of its own under the
+// worker's completion monitor. The notifier touches the waiter only through
+// one atomic exchange while the caller spins; when the caller has gone to
+// sleep, it enters the monitor, marks the waiter woken and wakes that one
+// variable. The sleeping caller leaves only once it finds the mark, which is
+// after the notifier has left the monitor, so the waiter outlives every use.
 class SyncWaiter final : public CompletionTarget {
 public:
     explicit SyncWaiter(Monitor* monitor) : monitor_(monitor) {}
     void NotifyCompletion() override;
-    void Wait();
+    // spin: look at the flag for a short time before sleeping (worth it for
+    // a small operation; a loading thread's whole-file read sleeps at once).
+    void Wait(bool spin);
 
 private:
     enum : uint32_t { kPending = 0, kDone = 1, kSleeping = 2 };
     Monitor* monitor_;
     std::atomic<uint32_t> state_{kPending};
+    bool woken_ = false;         // under the monitor
+    os::ConditionVariable wake_; // set up only when the caller goes to sleep
 };
+
+// Marks the calling thread as one of the library's own whole-file loading
+// threads (a bulk submitter) or clears the mark.
+void SetBulkSubmitter(bool bulk);
 
 class DeviceIoWorker final : public Runnable {
 public:
     static constexpr uint32_t kNodes = 16;
+    // The most nodes that bulk submitters hold together.
+    static constexpr uint32_t kBulkNodes = 6;
 
     // Starts the thread; -19 when the system refuses it (nothing runs then).
     int32_t Start();
@@ -100,8 +126,10 @@ public:
     // when it has finished. -19 when the worker is stopped (nothing ran).
     int32_t Submit(IoOperation* operation, CompletionTarget* completion, uint32_t priority);
 
-    // Nodes queued or running (for tests and diagnostics).
+    // Nodes queued or running, and submitters waiting for a node (for tests
+    // and diagnostics).
     uint32_t Count() const { return count_.load(std::memory_order_relaxed); }
+    uint32_t Waiters();
 
     void Run() override;
 
@@ -112,26 +140,55 @@ private:
         Node* previous;
         Node* next;
         int64_t queuedAt; // when it joined its queue (while recording)
+        bool bulk;        // taken by a bulk submitter
     };
     struct Queue {
         Node* head;
         Node* tail;
     };
+    // A submitter waiting for a node, on its own stack, in arrival order. The
+    // node is handed over already queued with the waiter's operation, so the
+    // operation's place in its queue does not depend on when the waiter wakes.
+    struct NodeWaiter {
+        NodeWaiter* next;
+        bool granted; // set under the queue monitor
+        bool bulk;
+        IoOperation* operation;
+        CompletionTarget* completion;
+        uint32_t priority;
+        os::ConditionVariable wake;
+    };
 
     bool Enqueue(IoOperation* operation, CompletionTarget* completion, uint32_t priority);
     void Append(Queue* queue, Node* node);
+    // Under the queue monitor: whether a submitter of that kind may take a
+    // free node now, and taking it.
+    bool MayTake(bool bulk) const { return freeList_ && (!bulk || bulkHeld_ < kBulkNodes); }
+    Node* TakeFree(bool bulk);
+    // Under the queue monitor: fills a node taken for the operation and
+    // appends it to its queue.
+    void Place(Node* node, IoOperation* operation, CompletionTarget* completion, uint32_t priority);
+    // Under the queue monitor: gives a finished node back and hands free
+    // nodes to the first waiters that may take them.
+    void GiveBack(Node* node);
     // Waits for a node and unlinks it; false when stopping with nothing queued.
     bool Take();
     // The timeline's slice of one step of the current node.
     void RecordStep(const Node* node, bool urgent, int64_t start, int32_t again);
 
     Node nodes_[kNodes]{};
-    Queue queues_[2]{};
+    // 0 urgent, 1 normal, then the bulk submitters' normal work, taken only
+    // when the other two are empty.
+    static constexpr uint32_t kBulkQueue = 2;
+    Queue queues_[3]{};
     Node* freeList_ = nullptr;
     Node* current_ = nullptr;
     Queue* currentQueue_ = nullptr;
     std::atomic<uint32_t> count_{0};
     Monitor queueMonitor_;
+    NodeWaiter* waitHead_ = nullptr;
+    NodeWaiter* waitTail_ = nullptr;
+    uint32_t bulkHeld_ = 0;
     uint32_t stopRequested_ = 0;
     Thread thread_;
     Monitor completionMonitor_;

@@ -163,6 +163,11 @@ void TimerBeginPeriod(uint32_t resolution);
 void TimerEndPeriod(uint32_t resolution);
 // Calls callback(user) every periodMilliseconds on a thread of its own, paced
 // by absolute deadlines so it does not drift. Returns a non-zero id, 0 on failure.
+// That thread runs at a raised priority where the system allows it: on
+// Windows the multimedia timer's own (time-critical) thread; on POSIX a
+// real-time policy (SCHED_FIFO) when permitted, else the lowest nice value the
+// process may set; a refusal leaves it at the normal priority, silently. The
+// callback must therefore be short and never block.
 uint32_t TimerStartPeriodic(uint32_t periodMilliseconds, uint32_t resolution,
                             TimerCallback callback, void* user);
 void TimerKill(uint32_t id);

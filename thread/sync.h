@@ -66,6 +66,11 @@ public:
     void Wait();
     // Called while entered: wakes every counted waiter.
     void WakeAll();
+    // Called while entered: sleeps on a condition variable of the caller's
+    // own instead of the shared one (leaves, sleeps, enters again), so that a
+    // wake meant for this one thread (os::ConditionVariableWakeAll on that
+    // variable, made while entered) reaches nobody else. Not counted.
+    void WaitOn(os::ConditionVariable* own) { os::ConditionVariableWait(own, &cs_.cs_); }
 
 private:
     uint32_t waiters_ = 0;

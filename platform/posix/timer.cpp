@@ -8,9 +8,22 @@
 // callback in a burst. The thread sleeps on a condition variable with the
 // absolute deadline so that TimerKill wakes it at once; TimerKill joins the
 // thread, so the callback never runs after it returns.
+//
+// Priority: a tick that comes late makes every frame waiting on it late, so
+// the timer thread asks for the most the process may have, as a multimedia
+// timer's thread gets on Windows: first a real-time policy (SCHED_FIFO at a
+// modest level, within RLIMIT_RTPRIO when unprivileged), else the lowest nice
+// value that RLIMIT_NICE allows, when that is below the thread's own. Each
+// refusal is silent and leaves the thread as it was. The callback is short
+// (a count and an event), so a real-time thread gives its core back at once.
 #include "platform/posix/posix_internal.h"
 
 #include <pthread.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 namespace zk::os::posix {
 namespace {
@@ -38,8 +51,39 @@ void BuildTimersLocked() {
     gTimersBuilt = true;
 }
 
+// The real-time level asked for: above ordinary real-time work at the
+// bottom of the range, well below the system's own threads at the top.
+constexpr int kTimerRealTimeLevel = 10;
+
+void RaiseTimerPriority() {
+    const int lowest = sched_get_priority_min(SCHED_FIFO);
+    const int highest = sched_get_priority_max(SCHED_FIFO);
+    int level = lowest + kTimerRealTimeLevel - 1;
+    if (level > highest) level = highest;
+    sched_param parameters{};
+    parameters.sched_priority = level;
+    if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters) == 0) return;
+    // Unprivileged, RLIMIT_RTPRIO may still allow a lower real-time level.
+    rlimit limit{};
+    if (getrlimit(RLIMIT_RTPRIO, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+        static_cast<int>(limit.rlim_cur) >= lowest) {
+        parameters.sched_priority =
+            static_cast<int>(limit.rlim_cur) < level ? static_cast<int>(limit.rlim_cur) : level;
+        if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters) == 0) return;
+    }
+    // No real-time policy: the lowest nice value the limit allows (20 - limit).
+    if (getrlimit(RLIMIT_NICE, &limit) != 0) return;
+    int floor = limit.rlim_cur == RLIM_INFINITY ? -20 : 20 - static_cast<int>(limit.rlim_cur);
+    if (floor < -20) floor = -20;
+    const id_t self = static_cast<id_t>(gettid());
+    errno = 0;
+    const int now = getpriority(PRIO_PROCESS, self);
+    if (errno == 0 && floor < now) setpriority(PRIO_PROCESS, self, floor);
+}
+
 void* TimerMain(void* argument) {
     auto* t = static_cast<Timer*>(argument);
+    RaiseTimerPriority();
     pthread_mutex_lock(&gTimerLock);
     int64_t next = MonotonicNanoseconds() + t->period;
     while (!t->stop) {

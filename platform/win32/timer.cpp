@@ -5,6 +5,8 @@
 // value to it. A record is filled before its timer starts and given back only
 // after timeKillEvent has returned; TIME_KILL_SYNCHRONOUS makes that call wait
 // for a callback in progress, so a record is never read after it is reused.
+// The callbacks run on winmm's own thread at time-critical priority, which is
+// what keeps the tick on time while the application's threads are busy.
 #include "platform/platform.h"
 #include "platform/win32/library_state.h"
 
@@ -43,6 +45,15 @@ void GiveBackTimerRecord(TimerRecord* record) {
 
 void ZK_SYSTEM_CALLBACK TimerTick(UINT /*id*/, UINT /*message*/, DWORD_PTR user, DWORD_PTR,
                                   DWORD_PTR) {
+    // The multimedia timer's thread runs time-critical on Windows; where an
+    // implementation of winmm gives it less, it is raised once (a refusal
+    // leaves it as it is).
+    static thread_local bool raised = false;
+    if (!raised) {
+        raised = true;
+        if (GetThreadPriority(GetCurrentThread()) < THREAD_PRIORITY_TIME_CRITICAL)
+            SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_TIME_CRITICAL);
+    }
     const TimerRecord* record = reinterpret_cast<const TimerRecord*>(user);
     record->callback(record->user);
 }

@@ -1,0 +1,137 @@
+// The measuring side of bench_frame_load: the files' contents and checks,
+// page-cache control, the scenarios, what one variant records and the clock
+// around each call a frame makes. Included by frame_load.cpp only (POSIX).
+#ifndef ZK_BENCH_FRAME_LOAD_MEASURE_H
+#define ZK_BENCH_FRAME_LOAD_MEASURE_H
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace frame_load {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kFiles = 50;
+constexpr uint32_t kFileSize = 4u << 20;
+constexpr int kLoaders = 32;
+constexpr uint32_t kStreamRead = 256u << 10;
+constexpr double kPeriodMs = 16.0;
+
+double Ms(Clock::time_point a, Clock::time_point b) {
+    return std::chrono::duration<double, std::milli>(b - a).count();
+}
+double CpuSeconds() {
+    timespec t;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
+}
+uint32_t Word(int file, uint32_t at) {
+    return uint32_t(file) * 0x9E3779B9u ^ at;
+}
+void Fill(std::vector<uint8_t>& bytes, int file) {
+    for (uint32_t at = 0; at + 4 <= bytes.size(); at += 4) {
+        const uint32_t w = Word(file, at);
+        std::memcpy(&bytes[at], &w, 4);
+    }
+}
+bool Check(const void* data, uint32_t size, int file) {
+    if (!data || size != kFileSize) return false;
+    for (uint32_t at = 0; at < size; at += 4096) {
+        uint32_t w;
+        std::memcpy(&w, static_cast<const uint8_t*>(data) + at, 4);
+        if (w != Word(file, at)) return false;
+    }
+    return true;
+}
+void Drop(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY);
+    if (fd < 0) return;
+    fdatasync(fd);
+    posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    close(fd);
+}
+
+// Reads a file through once, so that a warm variant finds it in the page cache.
+void Warm(const std::string& path) {
+    static std::vector<uint8_t> scratch(1u << 20);
+    const int fd = open(path.c_str(), O_RDONLY);
+    if (fd < 0) return;
+    while (read(fd, scratch.data(), scratch.size()) > 0) {
+    }
+    close(fd);
+}
+
+struct Scenario {
+    const char* name;
+    bool stream;
+    int loads; // 0 none, 1 batch of kFiles, 2 continuous
+    bool archive;
+    bool cold;
+};
+
+// What one variant measured.
+struct Result {
+    std::vector<double> starts;  // frame starts, ms
+    std::vector<double> inCalls; // per frame, ms in library (queue) calls
+    std::vector<double> callUs;  // single Begin/End/poll calls
+    uint32_t late = 0, bad = 0;
+    double slowestMs = 0;
+    const char* slowest = "";
+    uint64_t bytes = 0;
+    double loadMs = 0, wallMs = 0, cpu = 0;
+
+    static double Pct(std::vector<double> v, double p) {
+        if (v.empty()) return 0;
+        std::sort(v.begin(), v.end());
+        return v[std::min(v.size() - 1, size_t(p * double(v.size())))];
+    }
+    double P99Deviation() const {
+        std::vector<double> d;
+        for (size_t i = 1; i < starts.size(); ++i)
+            d.push_back(std::abs(starts[i] - starts[i - 1] - kPeriodMs));
+        return Pct(d, 0.99);
+    }
+    uint32_t Dropped() const {
+        uint32_t n = 0;
+        for (size_t i = 1; i < starts.size(); ++i) {
+            const double slots = (starts[i] - starts[i - 1]) / kPeriodMs;
+            if (slots > 1.5) n += uint32_t(slots + 0.5) - 1;
+        }
+        return n;
+    }
+    double MaxInCalls() const {
+        return inCalls.empty() ? 0 : *std::max_element(inCalls.begin(), inCalls.end());
+    }
+    double MBs() const { return loadMs > 0 ? double(bytes) / 1048576.0 / (loadMs / 1000.0) : 0; }
+    double CpuPct() const { return wallMs > 0 ? 100.0 * cpu * 1000.0 / wallMs : 0; }
+};
+
+// Times one library call into the frame's total and, for the calls a frame
+// makes every time (Begin, End, polling), into the per-call list.
+struct CallClock {
+    Result* r;
+    double* frameTotal;
+    template <typename F> auto operator()(const char* name, bool single, F f) {
+        const auto a = Clock::now();
+        auto v = f();
+        const auto b = Clock::now();
+        const double ms = Ms(a, b);
+        *frameTotal += ms;
+        if (single) r->callUs.push_back(ms * 1000.0);
+        if (ms > r->slowestMs) r->slowestMs = ms, r->slowest = name;
+        return v;
+    }
+};
+
+} // namespace frame_load
+
+#endif // ZK_BENCH_FRAME_LOAD_MEASURE_H

@@ -15,7 +15,8 @@
 // (to any depth) and every item stream of it and of those children, and the
 // archive device forgets it; so no handle left open can reach its freed blocks
 // or its closed file. Termination closes every archive still open before the
-// file system and the system pool go away.
+// system pool goes away (their blocks live there); the archive files' closes
+// are queued on the worker without waiting for it.
 #include "archive/kiv_archive.h"
 #include "archive/slide_expand.h"
 
@@ -34,6 +35,9 @@ namespace zk {
 namespace {
 
 KivRegistry gRegistry;
+// Set while termination closes what is left: archive files are then closed
+// without waiting for the worker, which may be held in another host call.
+bool gTerminating = false;
 
 KivRegistry& Registry() {
     return gRegistry;
@@ -110,13 +114,17 @@ bool IsMemoryImage(const KivArchive* a) {
     return (a->openFlags & kKivMemoryImage) != 0;
 }
 
+// The end of the file offsets a root archive in directory mode may read.
+constexpr uint64_t kWholeFile = 0x100000000ull;
+
 // Where entry e's bytes start, when the whole item lies inside the image (a
-// memory image) or inside the 32-bit file offsets (directory mode).
+// memory image) or inside the archive's range of the root's file (directory
+// mode: the 32-bit file offsets for a root, its own item for a child).
 bool ItemStart(const KivArchive* a, const KivEntry& e, uint64_t* start) {
     const uint64_t at = a->dataOrigin + e.dataOffset;
     if (IsMemoryImage(a)) {
         if (at + e.size > a->directory.imageSize) return false;
-    } else if (at + e.size > 0x100000000ull) {
+    } else if (at + e.size > a->rangeEnd) {
         return false;
     }
     *start = at;
@@ -188,6 +196,7 @@ bool OpenChild(KivArchive* parent, uint32_t index, uint32_t flags, KivArchive* a
     if (KivOpenFromSource(source, flags, &a->directory) < 0) return false;
     a->dataOrigin = a->directory.dataOrigin;
     if (!IsMemoryImage(a)) a->dataOrigin += start;
+    a->rangeEnd = start + e.size;
     return true;
 }
 
@@ -195,7 +204,12 @@ bool OpenChild(KivArchive* parent, uint32_t index, uint32_t flags, KivArchive* a
 void CloseOne(KivArchive* a) {
     KivDeviceArchiveClosed(a);
     if (a->file) {
-        if (a->root == a) zkCloseFile(a->file);
+        if (a->root == a) {
+            if (gTerminating)
+                Files().CloseWithoutWaiting(a->file);
+            else
+                zkCloseFile(a->file);
+        }
         a->file = nullptr;
     }
     a->directory.Release();
@@ -225,6 +239,7 @@ KivArchive* KivOpenPath(const char* path, uint32_t flags) {
     if (!a) return nullptr;
     a->openFlags = flags;
     a->root = a;
+    a->rangeEnd = kWholeFile;
     a->file = zkOpenFile(path, ZK_OPEN_READ, 0);
     if (!a->file) {
         CloseOne(a);
@@ -320,10 +335,15 @@ void ArchivesStartup() {
 
 void ArchivesShutdown() {
     KivRegistry& r = Registry();
+    // Archive mounts end with their archives: no path resolves to a slot
+    // that a later mount fills with another archive.
+    Mounts().ClearDevice(KivDeviceDriver());
     // Children are closed with their parents; what is left are roots.
+    gTerminating = true;
     for (KivArchive& a : r.archives) {
         if (a.registry && !a.parent) KivClose(&a);
     }
+    gTerminating = false;
     r.fileSystem = nullptr;
 }
 

@@ -22,9 +22,13 @@ struct KivArchive {
     FileHandle* file;          // held by a root archive in directory mode only
     zk::KivDirectory directory;
     uint64_t dataOrigin; // directory mode: in the root's file; image: from the header block
-    KivArchive* root;    // the archive holding the file (itself for a root)
-    KivArchive* parent;  // the archive a child was opened from; null for a root
-    KivArchive* link;    // free list
+    // Directory mode: the end of the bytes of the root's file this archive may
+    // read (a child's own item in its parent), so a damaged child never reads
+    // its parent's following items.
+    uint64_t rangeEnd;
+    KivArchive* root;   // the archive holding the file (itself for a root)
+    KivArchive* parent; // the archive a child was opened from; null for a root
+    KivArchive* link;   // free list
 };
 
 // An item stream.

@@ -3,8 +3,9 @@
 // Owns: the one KivDevice (static, outliving re-initialisation) with its ten
 // slots kiv0: .. kiv9: and its 32 KivDeviceFile objects.
 //
-// Locks: the FileLock while CreateFileObject scans for a free object; an
-// object goes back by one atomic store in its own Close. Slots change only in
+// Locks: none. CreateFileObject takes a free object by an atomic exchange of
+// its device reference; an object goes back by one atomic store in its own
+// Close. Slots change only in
 // zkMountKiv, zkUnmountKiv and when an archive closes, which must not overlap
 // file operations on the device.
 //
@@ -16,7 +17,7 @@
 
 #include "file/driver_defaults.h"
 #include "file/file_system.h"
-#include "kernel/context.h"
+#include "platform/platform.h"
 
 #include <zk/device.h>
 #include <zk/result.h>
@@ -42,18 +43,23 @@ int32_t SlotOf(const char* name) {
 class KivDeviceFile final : public FileObject {
 public:
     bool TryTake(KivDevice* device) {
-        if (device_.load(std::memory_order_acquire)) return false;
+        KivDevice* expected = nullptr;
+        if (!device_.compare_exchange_strong(expected, device, std::memory_order_acq_rel))
+            return false;
         archive_.store(nullptr, std::memory_order_relaxed);
         index_ = size_ = position_ = 0;
-        device_.store(device, std::memory_order_release);
         return true;
     }
     // The archive is closing: the object stays handed out but reads nothing.
     // Another thread may be closing this object at the same moment, so the
-    // archive is swapped out only if it is still the one closing.
+    // archive is swapped out only if it is still the one closing. A read of
+    // it that is running (on the worker) is waited for, so the archive's
+    // blocks are never freed under it.
     void Detach(KivArchive* archive) {
         KivArchive* expected = archive;
-        archive_.compare_exchange_strong(expected, nullptr, std::memory_order_acq_rel);
+        if (!archive_.compare_exchange_strong(expected, nullptr, std::memory_order_seq_cst)) return;
+        for (uint32_t round = 0; reading_.load(std::memory_order_seq_cst) != 0; ++round)
+            os::Sleep(round < 16 ? 0 : 1);
     }
 
     int32_t IsImmediate(int32_t kind) override {
@@ -78,12 +84,16 @@ public:
                    uint32_t flags) override {
         uint32_t done = 0;
         int32_t result = ZK_ERR_INVALID_HANDLE;
+        // Counted as reading before the archive is looked at: a close either
+        // finds the count and waits, or this read finds no archive.
+        reading_.fetch_add(1, std::memory_order_seq_cst);
         if (!buffer) {
             result = ZK_ERR_INVALID_ARGUMENT;
-        } else if (KivArchive* archive = archive_.load(std::memory_order_acquire)) {
+        } else if (KivArchive* archive = archive_.load(std::memory_order_seq_cst)) {
             result = KivReadItemBytes(archive, index_, offset, buffer, size, &done, flags);
             if (result >= 0) position_ = offset + done;
         }
+        reading_.fetch_sub(1, std::memory_order_seq_cst);
         if (got) *got = done;
         return result;
     }
@@ -100,6 +110,7 @@ public:
 private:
     std::atomic<KivDevice*> device_{nullptr};
     std::atomic<KivArchive*> archive_{nullptr};
+    std::atomic<uint32_t> reading_{0};
     uint32_t index_ = 0;
     uint32_t size_ = 0;
     uint32_t position_ = 0;
@@ -134,16 +145,10 @@ public:
         return static_cast<int32_t>(GetTryCount(unit));
     }
     FileObject* CreateFileObject() override {
-        FileLockTake();
-        FileObject* taken = nullptr;
         for (KivDeviceFile& f : files) {
-            if (f.TryTake(this)) {
-                taken = &f;
-                break;
-            }
+            if (f.TryTake(this)) return &f;
         }
-        FileLockGive();
-        return taken;
+        return nullptr;
     }
     int32_t Mount(char*, uint32_t, uint32_t) override { return ZK_ERR_NOT_SUPPORTED; }
     int32_t Unmount(char*) override { return ZK_ERR_NOT_SUPPORTED; }

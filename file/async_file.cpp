@@ -51,18 +51,40 @@ struct OpenItem {
     int32_t code;
 };
 
-// Queues operation with request as its completion target. When the worker
-// cannot take it, the failure becomes the operation's result and the frame
-// completes here.
-template <typename Operation> void SubmitOrComplete(Operation* operation, ::Request* request) {
+// Queues operation with request (or completion, which tells the request) as
+// its completion target. When the worker cannot take it, the failure becomes
+// the operation's result and the frame completes here.
+template <typename Operation>
+void SubmitOrComplete(Operation* operation, ::Request* request,
+                      CompletionTarget* completion = nullptr) {
     if (request->frameCount != 0)
         operation->traceFlow = request->frames[request->frameCount - 1].timelineFlow;
-    const int32_t submitted = Files().Worker().Submit(operation, request, 1);
+    CompletionTarget* target = completion ? completion : request;
+    const int32_t submitted = Files().Worker().Submit(operation, target, 1);
     if (submitted < 0) {
         operation->result = submitted;
-        request->NotifyCompletion();
+        target->NotifyCompletion();
     }
 }
+
+// An asynchronous read's completion, in the frame after the read: the read
+// no longer counts as pending on its handle (so a close waiting for it goes
+// on), then the request is told.
+class PendingRead final : public CompletionTarget {
+public:
+    PendingRead(FileHandle* handle, ::Request* request) : handle_(handle), request_(request) {
+        handle_->pendingReads.fetch_add(1, std::memory_order_acq_rel);
+    }
+    void NotifyCompletion() override {
+        ::Request* request = request_;
+        handle_->pendingReads.fetch_sub(1, std::memory_order_acq_rel);
+        request->NotifyCompletion();
+    }
+
+private:
+    FileHandle* handle_;
+    ::Request* request_;
+};
 
 void* Allocate(uint32_t size) {
     return zkAllocateSystemMemory(size, ZK_ALLOC_DEFAULT, ZK_CATEGORY_LIBRARY);
@@ -118,7 +140,7 @@ void ZK_CALL RunBackgroundLoad(void* argument) {
 
 // A handle that the table gave out and that is in use.
 bool InUse(const FileHandle* handle) {
-    return handle && Files().Owns(handle) && handle->owner;
+    return Files().InUse(handle);
 }
 
 } // namespace
@@ -215,6 +237,9 @@ extern "C" ZK_API int32_t ZK_CALL zkBeginCloseFile(FileHandle* handle, Request* 
     // whose background load owns the file (its loading thread closes it; the
     // End waits for that thread).
     const bool inUse = zk::InUse(handle);
+    // A read still pending on the handle finishes first: the close is queued
+    // behind it, and the file object is never handed on while it reads.
+    if (inUse) zk::FileSystem::WaitForPendingReads(handle);
     zk::FileObject* file = inUse && !handle->backgroundLoad ? handle->file : nullptr;
     auto* close = new (writer.Reserve(sizeof(zk::CloseOperation)))
         zk::CloseOperation(file, file ? Files().TriesOf(handle) : 0);
@@ -273,7 +298,9 @@ extern "C" ZK_API int32_t ZK_CALL zkBeginReadFile(FileHandle* handle, void* buff
         read->result = check;
         request->NotifyCompletion();
     } else {
-        zk::SubmitOrComplete(read, request);
+        auto* pending =
+            new (writer.Reserve(sizeof(zk::PendingRead))) zk::PendingRead(handle, request);
+        zk::SubmitOrComplete(read, request, pending);
     }
     return writer.Status();
 }

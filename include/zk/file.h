@@ -27,7 +27,12 @@ typedef struct DirHandle DirHandle;   /* one of 64 */
 /* Opens path with ZK_OPEN_* flags; mode is passed to the driver. Null on any
  * failure (no free handle, no driver, no file object, the driver's refusal). */
 ZK_API FileHandle* ZK_CALL zkOpenFile(const char* path, uint32_t openFlags, uint32_t mode);
-/* Closes the file and frees the handle; null or a closed handle: nothing. */
+/* Closes the file and frees the handle; null or a closed handle: nothing.
+ * Closing a handle whose asynchronous read (zkBeginReadFile) is still pending
+ * is the application's error; the close then waits until that read has
+ * finished (it is queued behind it), so the read never touches another file,
+ * and zkEndReadFile still reports it. Files stay open across zkTerminate;
+ * zkEndProcess closes those still open. */
 ZK_API void ZK_CALL zkCloseFile(FileHandle* file);
 
 /* The calls on a handle return -4 for a null or closed handle, -23 when it has
@@ -116,7 +121,8 @@ ZK_API int32_t ZK_CALL zkEndOpenFile(FileHandle** handle, Request* request);
 /* Closes the file and, at End, frees the handle (as zkCloseFile). A handle
  * not in use ends with -4 and nothing done. A handle without an open file, or
  * one whose background load still runs, completes at once without a driver
- * call; End then waits for the load and frees it with the handle. */
+ * call; End then waits for the load and frees it with the handle. Begin waits
+ * for an asynchronous read still pending on the handle, as zkCloseFile does. */
 ZK_API int32_t ZK_CALL zkBeginCloseFile(FileHandle* handle, Request* request);
 /* Waits for the close begun on request; its result. */
 ZK_API int32_t ZK_CALL zkEndCloseFile(Request* request);

@@ -18,7 +18,14 @@ typedef void(ZK_CALL* zkTermProc)(void);
  * class record, the frame period, and the application record (name and caption
  * "QAX Application", executable path, arguments). Returns 0. */
 ZK_API int32_t ZK_CALL zkBeginProcess(uint32_t reserved);
-/* Terminates if needed, closes the single-instance mutex, deletes the library lock. Returns 0. */
+/* Terminates if needed, then stops the file system: directory listings and
+ * files still open are closed, every mount is removed and the device I/O
+ * worker is stopped once it has run what is queued. It waits for the worker
+ * at most about a second: a worker held inside a host call (an open of a
+ * FIFO without a writer) is let go and ends on its own when that call
+ * returns, and the next zkInitialize uses it again if it is still there. A
+ * file with an asynchronous read still pending stays open. Then closes the
+ * single-instance mutex and deletes the library lock. Returns 0. */
 ZK_API int32_t ZK_CALL zkEndProcess(void);
 /* zkInitializeEx(0xFFFFFFFF, 1024). Without a preceding zkBeginProcess it
  * performs the process-begin steps itself; while the library runs (until
@@ -31,8 +38,15 @@ ZK_API int32_t ZK_CALL zkInitialize(void);
  * every thread is recorded from here on and written there by zkTerminate
  * (trace-event JSON; see docs/guide.md). */
 ZK_API int32_t ZK_CALL zkInitializeEx(uint32_t arenaSize, uint32_t descriptorCount);
-/* Stops what zkInitialize started (the file system stays) and writes a
- * timeline being recorded. Safe to call twice. Returns 0. */
+/* Stops what zkInitialize started and writes a timeline being recorded.
+ * What lives in the arena goes: the arena itself, profiles, requests,
+ * archives with their item streams and their mounts, and background loads
+ * (their threads are waited for, since they load into the arena; their
+ * handles stay open without a load). A later call on one of these answers its
+ * "closed handle" error. The file system stays: open files, host mounts,
+ * registered drivers and the device I/O worker go on working from any thread
+ * until zkEndProcess, and termination never waits for the worker's current
+ * host call. A following zkInitialize keeps them. Safe to call twice. Returns 0. */
 ZK_API int32_t ZK_CALL zkTerminate(void);
 /* Process begin, initProc, the frame loop, termProc, process end.
  * Returns 0, or -1 when initProc returned 0 (frameProc and termProc then never run).

@@ -11,8 +11,9 @@
 // loading thread of their own (a BackgroundLoad, from the system pool, hung on
 // the file handle until zkCloseFile).
 //
-// Locks: none of their own; the handle table's FileLock and the worker's
-// monitors are taken inside the calls used here. Threads: Begin/End and the
+// Locks: none of their own; the worker's monitors are taken inside the calls
+// used here. A read counts itself pending on its handle from Begin until the
+// worker completes it, and a close waits for that count to reach 0. Threads: Begin/End and the
 // loading calls run on the application's threads; the operations run on the
 // worker (or at once, for kinds a driver declares immediate); a background
 // load runs on its own thread.
@@ -26,6 +27,7 @@
 #include <zk/result.h>
 #include <zk/thread.h>
 
+#include <atomic>
 #include <new>
 
 namespace zk {
@@ -143,15 +145,23 @@ bool InUse(const FileHandle* handle) {
     return Files().InUse(handle);
 }
 
+// The handle's background load; termination may take it away at any moment.
+BackgroundLoad* JobOf(const FileHandle* handle) {
+    return std::atomic_ref<BackgroundLoad*>(const_cast<FileHandle*>(handle)->backgroundLoad)
+        .load(std::memory_order_acquire);
+}
+
 } // namespace
 
 void ReleaseBackgroundLoad(FileHandle* handle) {
-    BackgroundLoad* job = handle->backgroundLoad;
+    // Taken out of the handle in one step: termination and the handle's own
+    // close may both get here, and only one of them frees the job.
+    BackgroundLoad* job = std::atomic_ref<BackgroundLoad*>(handle->backgroundLoad)
+                              .exchange(nullptr, std::memory_order_acq_rel);
     if (!job) return;
     if (job->thread) zkReleaseThread(job->thread); // waits until the load has ended
     if (job->data) zkFree(job->data);
     zkFree(job);
-    handle->backgroundLoad = nullptr;
 }
 
 } // namespace zk
@@ -207,7 +217,7 @@ extern "C" ZK_API int32_t ZK_CALL zkEndOpenFile(FileHandle** handle, Request* re
         auto* open = static_cast<zk::OpenOperation*>(reader.Reserve(sizeof(zk::OpenOperation)));
         open->Finish();
         h->device = open->device;
-        h->file = open->file;
+        zk::SetFile(h, open->file);
         h->unit = open->unit;
         result = open->result;
         if (result < 0) {
@@ -240,7 +250,7 @@ extern "C" ZK_API int32_t ZK_CALL zkBeginCloseFile(FileHandle* handle, Request* 
     // A read still pending on the handle finishes first: the close is queued
     // behind it, and the file object is never handed on while it reads.
     if (inUse) zk::FileSystem::WaitForPendingReads(handle);
-    zk::FileObject* file = inUse && !handle->backgroundLoad ? handle->file : nullptr;
+    zk::FileObject* file = inUse && !zk::JobOf(handle) ? handle->file : nullptr;
     auto* close = new (writer.Reserve(sizeof(zk::CloseOperation)))
         zk::CloseOperation(file, file ? Files().TriesOf(handle) : 0);
     if (file) {
@@ -269,7 +279,7 @@ extern "C" ZK_API int32_t ZK_CALL zkEndCloseFile(Request* request) {
     // A running background load closes its own file: it is waited for first.
     // Then the handle goes back as zkCloseFile would.
     zk::ReleaseBackgroundLoad(handle);
-    handle->file = nullptr;
+    zk::SetFile(handle, nullptr);
     handle->device = nullptr;
     Files().ReleaseHandle(handle);
     return result;
@@ -347,7 +357,8 @@ extern "C" ZK_API FileHandle* ZK_CALL zkStartLoadingDataFromFile(const char* pat
     if (job) {
         new (job) zk::BackgroundLoad();
         job->handle = handle;
-        handle->backgroundLoad = job;
+        std::atomic_ref<zk::BackgroundLoad*>(handle->backgroundLoad)
+            .store(job, std::memory_order_release);
         job->thread = zkCreateThread(zk::kLoaderStackSize);
     }
     if (!job || !job->thread || zkStartThread(job->thread, zk::RunBackgroundLoad, job) < 0) {
@@ -358,14 +369,15 @@ extern "C" ZK_API FileHandle* ZK_CALL zkStartLoadingDataFromFile(const char* pat
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkIsFileProcessing(FileHandle* handle) {
-    if (!zk::InUse(handle) || !handle->backgroundLoad || !handle->backgroundLoad->thread) return 0;
-    return zkIsThreadRunning(handle->backgroundLoad->thread) > 0 ? 1u : 0u;
+    zk::BackgroundLoad* job = zk::InUse(handle) ? zk::JobOf(handle) : nullptr;
+    if (!job || !job->thread) return 0;
+    return zkIsThreadRunning(job->thread) > 0 ? 1u : 0u;
 }
 
 extern "C" ZK_API int32_t ZK_CALL zkGetLoadedData(FileHandle* handle, void** data, uint32_t* size) {
-    if (!zk::InUse(handle) || !handle->backgroundLoad) return ZK_ERR_INVALID_HANDLE;
+    zk::BackgroundLoad* job = zk::InUse(handle) ? zk::JobOf(handle) : nullptr;
+    if (!job) return ZK_ERR_INVALID_HANDLE;
     if (!data || !size) return ZK_ERR_INVALID_ARGUMENT;
-    zk::BackgroundLoad* job = handle->backgroundLoad;
     // Called while the thread still runs, this hands out nothing yet.
     if (zkIsThreadRunning(job->thread) > 0) {
         *data = nullptr;

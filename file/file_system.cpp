@@ -98,7 +98,7 @@ void FileSystem::Shutdown(uint32_t waitMilliseconds) {
     // with an asynchronous read still pending stays open: that read may be
     // held in a host call, and nothing here waits for one.
     for (FileHandle& handle : handles_) {
-        if (OwnerNow(&handle) && handle.file &&
+        if (OwnerNow(&handle) && FileOf(&handle) &&
             handle.pendingReads.load(std::memory_order_acquire) == 0)
             CloseWithoutWaiting(&handle);
     }
@@ -140,9 +140,10 @@ FileHandle* FileSystem::AllocateHandle(const char* path) {
     handle->fullPath[0] = '\0';
     BuildFullPath(path, workDir_, workDirLength_, handle->fullPath, kMaxPath);
     handle->device = nullptr;
-    handle->file = nullptr;
+    SetFile(handle, nullptr);
     handle->unit = 0;
-    handle->backgroundLoad = nullptr;
+    std::atomic_ref<BackgroundLoad*>(handle->backgroundLoad)
+        .store(nullptr, std::memory_order_relaxed);
     handle->pendingReads.store(0, std::memory_order_relaxed);
     return handle;
 }
@@ -181,7 +182,7 @@ int32_t FileSystem::OpenHandle(FileHandle* handle, uint32_t openFlags, uint32_t 
         result = open.result;
     }
     handle->device = open.device;
-    handle->file = open.file;
+    SetFile(handle, open.file);
     handle->unit = open.unit;
     return result;
 }
@@ -199,7 +200,7 @@ void FileSystem::CloseHandleFile(FileHandle* handle) {
     CloseOperation close(handle->file, TriesOf(handle));
     close.traceHandle = handle;
     if (worker_.Submit(&close, nullptr, 1) < 0) handle->file->Close();
-    handle->file = nullptr;
+    SetFile(handle, nullptr);
     handle->device = nullptr;
 }
 
@@ -226,7 +227,7 @@ void FileSystem::CloseWithoutWaiting(FileHandle* handle) {
     closer.operation = CloseOperation(file, TriesOf(handle));
     closer.operation.traceHandle = handle;
     closer.handle = handle;
-    handle->file = nullptr;
+    SetFile(handle, nullptr);
     handle->device = nullptr;
     if (worker_.Submit(&closer.operation, &closer, 1) < 0) {
         file->Close();

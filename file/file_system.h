@@ -132,6 +132,16 @@ private:
 
 FileSystem& Files();
 
+// A handle's file object, read and written as an atomic where another
+// thread may look at it (the end of the process level closes what is open).
+inline FileObject* FileOf(const FileHandle* handle) {
+    return std::atomic_ref<FileObject*>(const_cast<FileHandle*>(handle)->file)
+        .load(std::memory_order_acquire);
+}
+inline void SetFile(FileHandle* handle, FileObject* file) {
+    std::atomic_ref<FileObject*>(handle->file).store(file, std::memory_order_release);
+}
+
 // Notes in the handle the device part of a physical path ("kiv0" of
 // "kiv0:/a.bin"), or "host" for a host path (no device name, or a drive
 // letter); the timeline shows it.

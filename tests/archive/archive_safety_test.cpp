@@ -115,11 +115,25 @@ TEST_F(ArchiveTerminationConcurrency, ReadsOfAMountedItemEndCleanly) {
                     ++wrong; // bytes that are not the item's, or a short success
             }
         });
-        while (good.load() == 0)
+        // A second thread looks items up in an archive opened directly: found
+        // until termination closes it, then not, never a crash.
+        std::atomic<int> found{0}, odd{0};
+        std::thread finder([&] {
+            while (!stop.load()) {
+                const int32_t a = zkFindKivItem(direct, "a");
+                const uint32_t n = zkGetKivItemCount(direct);
+                found += a == 1;
+                odd += a != 1 && a != 0;
+                odd += n != 1 && n != 0;
+            }
+        });
+        while (good.load() == 0 || found.load() == 0)
             std::this_thread::yield();
         EXPECT_EQ(zkTerminate(), 0);
         stop = true;
         reader.join();
+        finder.join();
+        EXPECT_EQ(odd.load(), 0) << "round " << round;
         EXPECT_EQ(wrong.load(), 0) << "round " << round;
         char c;
         uint32_t got = 0;

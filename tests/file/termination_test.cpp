@@ -10,6 +10,7 @@
 #include <future>
 #include <string>
 #include <thread>
+#include <vector>
 
 #if !defined(_WIN32)
 #include <sys/stat.h>
@@ -87,8 +88,18 @@ TEST(TerminationConcurrency, FilesAndMountsStayUntilProcessEnd) {
     const std::string folder = fs::path(host).parent_path().string();
     ASSERT_EQ(zkMount("/here", folder.c_str(), 0), 0);
     zkCloseFile(MakeFile("/termination_other.bin", 60, 'o'));
+    FileHandle* load = zkStartLoadingDataFromFile("/termination_other.bin");
+    ASSERT_NE(load, nullptr);
     EXPECT_EQ(zkTerminate(), 0);
 
+    // The load went with the arena (its thread was waited for); its handle
+    // stays open without a load until it is closed.
+    void* data = nullptr;
+    uint32_t size = 0;
+    EXPECT_EQ(std::vector<int64_t>({zkIsFileProcessing(load), zkGetLoadedData(load, &data, &size),
+                                    zkGetOpenFileCount()}),
+              std::vector<int64_t>({0, -4, 2}));
+    zkCloseFile(load);
     EXPECT_EQ(zkGetOpenFileCount(), 1u);
     char buffer[100] = {};
     uint32_t got = 0;

@@ -13,6 +13,12 @@
  *
  * zkMountKiv makes an archive's items readable through the ordinary file calls
  * under a mount path (devices kiv0: to kiv9:).
+ *
+ * Archives live in the library's arena: zkTerminate closes those still open,
+ * with their item streams and their mounts (files opened through a mount then
+ * answer -4 to reads). A call on such a handle afterwards answers as for a
+ * closed handle; a call running on another thread meanwhile completes before
+ * the archive goes, or answers so.
  */
 #ifndef ZK_ARCHIVE_H
 #define ZK_ARCHIVE_H
@@ -38,7 +44,9 @@ ZK_API KivArchive* ZK_CALL zkOpenKiv(const char* path, uint32_t flags);
 ZK_API void ZK_CALL zkCloseKiv(KivArchive* archive);
 /* Opens the item name of parent as an archive (a null parent opens name as a
  * path). Null for a parent opened by index, a missing item, or as zkOpenKiv.
- * A child of a memory image is addressed inside that image. */
+ * A child of a memory image is addressed inside that image. A child reads
+ * only within its own item of the parent: an item of it reaching past that
+ * range answers -11, in every mode. */
 ZK_API KivArchive* ZK_CALL zkOpenChildKiv(KivArchive* parent, const char* name, uint32_t flags);
 /* The same by index, for a parent opened with ZK_KIV_BY_INDEX. */
 ZK_API KivArchive* ZK_CALL zkOpenChildKivByIndex(KivArchive* parent, uint32_t index,

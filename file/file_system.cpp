@@ -67,11 +67,8 @@ constexpr uint32_t kWorkerStopWaitMilliseconds = 1000;
 } // namespace
 
 int32_t FileSystem::Startup() {
-    // The count follows the handles still open (a restart after termination keeps them).
-    uint32_t open = 0;
-    for (FileHandle& handle : handles_)
-        open += OwnerNow(&handle) != nullptr;
-    openCount_.store(open, std::memory_order_relaxed);
+    // The open count is left as it is: handles still open after termination
+    // stay open (and may be taken and given back on other threads meanwhile).
     totalBytesRead_.store(0, std::memory_order_relaxed);
     workDir_[0] = '/';
     workDir_[1] = '\0';

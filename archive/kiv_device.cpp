@@ -118,7 +118,8 @@ private:
 
 class KivDevice final : public DriverDefaults {
 public:
-    KivArchive* slots[kSlotCount]{};
+    // Read by callers' threads and the worker, changed by mounts and closes.
+    std::atomic<KivArchive*> slots[kSlotCount]{};
     KivDeviceFile files[kDeviceFileCount];
 
     int32_t MatchName(const char* name) override {
@@ -135,8 +136,9 @@ public:
     }
     // The try count of the device holding the mounted archive's file.
     uint32_t GetTryCount(int32_t unit) override {
-        if (unit < 0 || unit >= int32_t(kSlotCount) || !slots[unit]) return 1;
-        const KivArchive* root = slots[unit]->root;
+        if (unit < 0 || unit >= int32_t(kSlotCount)) return 1;
+        ArchiveUse use(slots[unit].load(std::memory_order_acquire)); // a close waits meanwhile
+        const KivArchive* root = use.Get() ? use.Get()->root : nullptr;
         const FileHandle* file = root ? root->file : nullptr;
         if (!file || !file->device) return 1;
         return file->device->GetTryCount(file->unit);
@@ -160,11 +162,15 @@ KivDevice gDevice;
 // A physical path kivN:/dir/name names the item dir/name of slot N's archive.
 int32_t KivDeviceFile::Open(const char* physicalPath, uint32_t, uint32_t) {
     const int32_t slot = SlotOf(physicalPath);
-    if (slot < 0 || !gDevice.slots[slot]) return ZK_ERR_NO_SUCH_FILE;
+    if (slot < 0) return ZK_ERR_NO_SUCH_FILE;
     const char* name = physicalPath + 5;
     if (*name == '/') ++name;
     if (*name == '\0') return ZK_ERR_NO_SUCH_FILE; // the mount point itself
-    KivArchive* archive = gDevice.slots[slot];
+    // Held while the item is looked up: a close (termination's, say) waits,
+    // then detaches this file like every other open one.
+    ArchiveUse use(gDevice.slots[slot].load(std::memory_order_acquire));
+    KivArchive* archive = use.Get();
+    if (!archive) return ZK_ERR_NO_SUCH_FILE;
     uint32_t index;
     if (!KivFind(archive, name, &index)) return ZK_ERR_NO_SUCH_FILE;
     index_ = index;
@@ -181,8 +187,10 @@ DeviceDriver* KivDeviceDriver() {
 }
 
 void KivDeviceArchiveClosed(KivArchive* archive) {
-    for (KivArchive*& slot : gDevice.slots)
-        if (slot == archive) slot = nullptr;
+    for (std::atomic<KivArchive*>& slot : gDevice.slots) {
+        KivArchive* expected = archive;
+        slot.compare_exchange_strong(expected, nullptr, std::memory_order_acq_rel);
+    }
     for (KivDeviceFile& f : gDevice.files)
         f.Detach(archive);
 }
@@ -194,7 +202,7 @@ extern "C" ZK_API int32_t ZK_CALL zkMountKiv(const char* mountPath, const char* 
     if (!mountPath || !archivePath || (flags & ZK_KIV_BY_INDEX)) return ZK_ERR_INVALID_ARGUMENT;
     int32_t slot = -1;
     for (uint32_t i = 0; i < zk::kSlotCount && slot < 0; ++i)
-        if (!zk::gDevice.slots[i]) slot = static_cast<int32_t>(i);
+        if (!zk::gDevice.slots[i].load(std::memory_order_acquire)) slot = static_cast<int32_t>(i);
     if (slot < 0) return ZK_ERR_NO_MOUNT_SLOT;
     KivArchive* archive = zk::KivOpenPath(archivePath, flags | ZK_KIV_DIRECT_READ);
     if (!archive) return ZK_ERR_OPEN_FAILED;
@@ -202,7 +210,7 @@ extern "C" ZK_API int32_t ZK_CALL zkMountKiv(const char* mountPath, const char* 
     deviceName[3] = static_cast<char>('0' + slot);
     // The slot is filled first so that the mount's own checks see the device
     // as it will be; a failed mount empties it again.
-    zk::gDevice.slots[slot] = archive;
+    zk::gDevice.slots[slot].store(archive, std::memory_order_release);
     const int32_t result = zkMount(mountPath, deviceName, 0);
     if (result < 0) {
         zk::KivClose(archive); // empties the slot
@@ -219,6 +227,6 @@ extern "C" ZK_API int32_t ZK_CALL zkUnmountKiv(const char* mountPath) {
     if (result < 0) return result;
     // A mount that zkMountKiv did not make names no slot; nothing else is touched.
     const int32_t slot = zk::SlotOf(physical);
-    if (slot >= 0 && zk::gDevice.slots[slot]) zk::KivClose(zk::gDevice.slots[slot]);
+    if (slot >= 0) zk::KivClose(zk::gDevice.slots[slot].load(std::memory_order_acquire));
     return ZK_OK;
 }

@@ -9,13 +9,17 @@
 // Locks: the LibraryLock, held only while a record is taken or given back and
 // while a close collects the children and streams it must close with it.
 // Lookups, loads and reads touch only the open archive's directory and its
-// file, so they run on any number of threads at once.
+// file, so they run on any number of threads at once. Each call holds the
+// archive with an ArchiveUse (an atomic count); a close marks the archive
+// and waits until no call holds it, so a call on another thread, also while
+// termination closes what is left, either completes or answers -4.
 //
 // Closing: an archive is closed together with every child opened from it
 // (to any depth) and every item stream of it and of those children, and the
 // archive device forgets it; so no handle left open can reach its freed blocks
 // or its closed file. Termination closes every archive still open before the
-// file system and the system pool go away.
+// system pool goes away (their blocks live there); the archive files' closes
+// are queued on the worker without waiting for it.
 #include "archive/kiv_archive.h"
 #include "archive/slide_expand.h"
 
@@ -23,6 +27,7 @@
 #include "kernel/context.h"
 #include "kernel/startup.h"
 #include "kernel/timeline.h"
+#include "platform/platform.h"
 #include "thread/sync.h"
 
 #include <zk/memory.h>
@@ -34,6 +39,9 @@ namespace zk {
 namespace {
 
 KivRegistry gRegistry;
+// Set while termination closes what is left: archive files are then closed
+// without waiting for the worker, which may be held in another host call.
+bool gTerminating = false;
 
 KivRegistry& Registry() {
     return gRegistry;
@@ -59,15 +67,22 @@ KivArchive* TakeArchive() {
     if (!a) return nullptr;
     r.freeArchives = a->link;
     ++r.archivesInUse;
-    *a = KivArchive{};
-    a->registry = &r;
+    // users is left alone: a late ArchiveUse of the record's previous life
+    // may still be counted in it for a moment.
+    a->openFlags = 0;
+    a->file = nullptr;
+    a->directory = KivDirectory{};
+    a->dataOrigin = a->rangeEnd = 0;
+    a->root = a->parent = a->link = nullptr;
+    a->closing.store(0, std::memory_order_relaxed);
+    a->registry.store(&r, std::memory_order_release);
     return a;
 }
 
 void GiveBackArchive(KivArchive* a) {
     KivRegistry& r = Registry();
     ScopedLock lock(LibraryLock());
-    a->registry = nullptr;
+    a->registry.store(nullptr, std::memory_order_release);
     a->link = r.freeArchives;
     r.freeArchives = a;
     --r.archivesInUse;
@@ -110,13 +125,17 @@ bool IsMemoryImage(const KivArchive* a) {
     return (a->openFlags & kKivMemoryImage) != 0;
 }
 
+// The end of the file offsets a root archive in directory mode may read.
+constexpr uint64_t kWholeFile = 0x100000000ull;
+
 // Where entry e's bytes start, when the whole item lies inside the image (a
-// memory image) or inside the 32-bit file offsets (directory mode).
+// memory image) or inside the archive's range of the root's file (directory
+// mode: the 32-bit file offsets for a root, its own item for a child).
 bool ItemStart(const KivArchive* a, const KivEntry& e, uint64_t* start) {
     const uint64_t at = a->dataOrigin + e.dataOffset;
     if (IsMemoryImage(a)) {
         if (at + e.size > a->directory.imageSize) return false;
-    } else if (at + e.size > 0x100000000ull) {
+    } else if (at + e.size > a->rangeEnd) {
         return false;
     }
     *start = at;
@@ -202,6 +221,7 @@ bool OpenChild(KivArchive* parent, uint32_t index, uint32_t flags, KivArchive* a
     if (KivOpenFromSource(source, flags, &a->directory) < 0) return false;
     a->dataOrigin = a->directory.dataOrigin;
     if (!IsMemoryImage(a)) a->dataOrigin += start;
+    a->rangeEnd = start + e.size;
     return true;
 }
 
@@ -209,7 +229,12 @@ bool OpenChild(KivArchive* parent, uint32_t index, uint32_t flags, KivArchive* a
 void CloseOne(KivArchive* a) {
     KivDeviceArchiveClosed(a);
     if (a->file) {
-        if (a->root == a) zkCloseFile(a->file);
+        if (a->root == a) {
+            if (gTerminating)
+                Files().CloseWithoutWaiting(a->file);
+            else
+                zkCloseFile(a->file);
+        }
         a->file = nullptr;
     }
     a->directory.Release();
@@ -227,7 +252,23 @@ KivArchive* OpenArchive(KivArchive* archive) {
             sizeof(KivArchive) !=
         0)
         return nullptr;
-    return archive->registry ? archive : nullptr;
+    return archive->registry.load(std::memory_order_acquire) ? archive : nullptr;
+}
+
+ArchiveUse::ArchiveUse(KivArchive* archive) : archive_(OpenArchive(archive)) {
+    if (!archive_) return;
+    // Counted before the close mark is looked at: a close either sees this
+    // call and waits for it, or this call sees the mark and backs off.
+    archive_->users.fetch_add(1, std::memory_order_seq_cst);
+    if (!archive_->registry.load(std::memory_order_seq_cst) ||
+        archive_->closing.load(std::memory_order_seq_cst)) {
+        archive_->users.fetch_sub(1, std::memory_order_seq_cst);
+        archive_ = nullptr;
+    }
+}
+
+ArchiveUse::~ArchiveUse() {
+    if (archive_) archive_->users.fetch_sub(1, std::memory_order_seq_cst);
 }
 
 KivArchive* KivOpenPath(const char* path, uint32_t flags) {
@@ -239,6 +280,7 @@ KivArchive* KivOpenPath(const char* path, uint32_t flags) {
     if (!a) return nullptr;
     a->openFlags = flags;
     a->root = a;
+    a->rangeEnd = kWholeFile;
     a->file = zkOpenFile(path, ZK_OPEN_READ, 0);
     if (!a->file) {
         CloseOne(a);
@@ -263,7 +305,12 @@ KivArchive* KivOpenPath(const char* path, uint32_t flags) {
 
 void KivClose(KivArchive* archive) {
     KivArchive* a = OpenArchive(archive);
-    if (!a) return;
+    // One close at a time: a second one finds the mark and leaves it to the first.
+    if (!a || a->closing.exchange(1, std::memory_order_seq_cst) != 0) return;
+    // Calls still running on it finish first (a child or stream they open is
+    // then found below).
+    for (uint32_t round = 0; a->users.load(std::memory_order_seq_cst) != 0; ++round)
+        os::Sleep(round < 16 ? 0 : 1);
     KivRegistry& r = Registry();
     // Children first (each closes its own children and streams), then the
     // streams of this archive.
@@ -272,7 +319,7 @@ void KivClose(KivArchive* archive) {
         {
             ScopedLock lock(LibraryLock());
             for (KivArchive& c : r.archives) {
-                if (c.registry && c.parent == a) {
+                if (c.registry.load(std::memory_order_acquire) && c.parent == a) {
                     child = &c;
                     break;
                 }
@@ -334,10 +381,15 @@ void ArchivesStartup() {
 
 void ArchivesShutdown() {
     KivRegistry& r = Registry();
+    // Archive mounts end with their archives: no path resolves to a slot
+    // that a later mount fills with another archive.
+    Mounts().ClearDevice(KivDeviceDriver());
     // Children are closed with their parents; what is left are roots.
+    gTerminating = true;
     for (KivArchive& a : r.archives) {
-        if (a.registry && !a.parent) KivClose(&a);
+        if (a.registry.load(std::memory_order_acquire) && !a.parent) KivClose(&a);
     }
+    gTerminating = false;
     r.fileSystem = nullptr;
 }
 
@@ -359,7 +411,8 @@ extern "C" ZK_API void ZK_CALL zkCloseKiv(KivArchive* archive) {
 extern "C" ZK_API KivArchive* ZK_CALL zkOpenChildKiv(KivArchive* parent, const char* name,
                                                      uint32_t flags) {
     if (!parent) return zk::KivOpenPath(name, flags);
-    KivArchive* p = OpenArchive(parent);
+    zk::ArchiveUse use(parent);
+    KivArchive* p = use.Get();
     if (!p || !name || (p->openFlags & kKivByIndex)) return nullptr;
     KivArchive* a = zk::TakeArchive();
     if (!a) return nullptr;
@@ -373,7 +426,8 @@ extern "C" ZK_API KivArchive* ZK_CALL zkOpenChildKiv(KivArchive* parent, const c
 
 extern "C" ZK_API KivArchive* ZK_CALL zkOpenChildKivByIndex(KivArchive* parent, uint32_t index,
                                                             uint32_t flags) {
-    KivArchive* p = OpenArchive(parent);
+    zk::ArchiveUse use(parent);
+    KivArchive* p = use.Get();
     if (!p || !(p->openFlags & kKivByIndex)) return nullptr;
     KivArchive* a = zk::TakeArchive();
     if (!a) return nullptr;
@@ -385,19 +439,22 @@ extern "C" ZK_API KivArchive* ZK_CALL zkOpenChildKivByIndex(KivArchive* parent, 
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkGetKivItemCount(KivArchive* archive) {
-    KivArchive* a = OpenArchive(archive);
+    zk::ArchiveUse use(archive);
+    KivArchive* a = use.Get();
     return a ? a->directory.header.itemCount : 0;
 }
 
 extern "C" ZK_API int32_t ZK_CALL zkFindKivItem(KivArchive* archive, const char* name) {
-    KivArchive* a = OpenArchive(archive);
+    zk::ArchiveUse use(archive);
+    KivArchive* a = use.Get();
     uint32_t index;
     return a && zk::KivFind(a, name, &index) ? 1 : 0;
 }
 
 extern "C" ZK_API int32_t ZK_CALL zkLoadKivItem(KivArchive* archive, const char* name,
                                                 void** buffer, uint32_t* size) {
-    KivArchive* a = OpenArchive(archive);
+    zk::ArchiveUse use(archive);
+    KivArchive* a = use.Get();
     if (!a) return zk::Fail(ZK_ERR_INVALID_HANDLE, buffer, size);
     if (!name || !buffer || !size) return zk::Fail(ZK_ERR_INVALID_ARGUMENT, buffer, size);
     if (a->openFlags & kKivByIndex) return zk::Fail(ZK_ERR_NOT_SUPPORTED, buffer, size);
@@ -409,7 +466,8 @@ extern "C" ZK_API int32_t ZK_CALL zkLoadKivItem(KivArchive* archive, const char*
 
 extern "C" ZK_API int32_t ZK_CALL zkLoadKivItemByIndex(KivArchive* archive, uint32_t index,
                                                        void** buffer, uint32_t* size) {
-    KivArchive* a = OpenArchive(archive);
+    zk::ArchiveUse use(archive);
+    KivArchive* a = use.Get();
     if (!a) return zk::Fail(ZK_ERR_INVALID_HANDLE, buffer, size);
     if (!buffer || !size) return zk::Fail(ZK_ERR_INVALID_ARGUMENT, buffer, size);
     if (!(a->openFlags & kKivByIndex)) return zk::Fail(ZK_ERR_NOT_SUPPORTED, buffer, size);
@@ -447,7 +505,8 @@ int32_t Address(KivArchive* a, uint32_t index, void** data, uint32_t* size) {
 
 extern "C" ZK_API int32_t ZK_CALL zkGetKivItem(KivArchive* archive, const char* name, void** data,
                                                uint32_t* size) {
-    KivArchive* a = OpenArchive(archive);
+    zk::ArchiveUse use(archive);
+    KivArchive* a = use.Get();
     if (!a) return zk::Fail(ZK_ERR_INVALID_HANDLE, data, size);
     if (!name || !data || !size) return zk::Fail(ZK_ERR_INVALID_ARGUMENT, data, size);
     if (a->openFlags & kKivByIndex) return zk::Fail(ZK_ERR_NOT_SUPPORTED, data, size);
@@ -459,7 +518,8 @@ extern "C" ZK_API int32_t ZK_CALL zkGetKivItem(KivArchive* archive, const char* 
 
 extern "C" ZK_API int32_t ZK_CALL zkGetKivItemByIndex(KivArchive* archive, uint32_t index,
                                                       void** data, uint32_t* size) {
-    KivArchive* a = OpenArchive(archive);
+    zk::ArchiveUse use(archive);
+    KivArchive* a = use.Get();
     if (!a) return zk::Fail(ZK_ERR_INVALID_HANDLE, data, size);
     if (!data || !size) return zk::Fail(ZK_ERR_INVALID_ARGUMENT, data, size);
     if (!(a->openFlags & kKivByIndex)) return zk::Fail(ZK_ERR_NOT_SUPPORTED, data, size);
@@ -483,14 +543,16 @@ KivItemStream* OpenItem(KivArchive* a, uint32_t index) {
 } // namespace
 
 extern "C" ZK_API KivItemStream* ZK_CALL zkOpenKivItem(KivArchive* archive, const char* name) {
-    KivArchive* a = OpenArchive(archive);
+    zk::ArchiveUse use(archive);
+    KivArchive* a = use.Get();
     uint32_t index;
     if (!a || !zk::KivFind(a, name, &index)) return nullptr;
     return OpenItem(a, index);
 }
 
 extern "C" ZK_API KivItemStream* ZK_CALL zkOpenKivItemByIndex(KivArchive* archive, uint32_t index) {
-    KivArchive* a = OpenArchive(archive);
+    zk::ArchiveUse use(archive);
+    KivArchive* a = use.Get();
     if (!a || !(a->openFlags & kKivByIndex) || index >= a->directory.header.itemCount)
         return nullptr;
     return OpenItem(a, index);
@@ -506,11 +568,15 @@ extern "C" ZK_API int32_t ZK_CALL zkReadKivItem(KivItemStream* item, void* buffe
     KivItemStream* s = zk::OpenStream(item);
     if (got) *got = 0;
     if (!s) return ZK_ERR_INVALID_HANDLE;
+    // The stream's archive stays while it is read (a close waits); one being
+    // closed answers as a closed stream.
+    zk::ArchiveUse use(s->archive);
+    if (!use.Get()) return ZK_ERR_INVALID_HANDLE;
     if (!buffer) return ZK_ERR_INVALID_ARGUMENT;
     const uint32_t start = s->position < s->size ? s->position : s->size;
     uint32_t done = 0;
     const int32_t result =
-        zk::KivReadItemBytes(s->archive, s->index, start, buffer, count, &done, 0);
+        zk::KivReadItemBytes(use.Get(), s->index, start, buffer, count, &done, 0);
     s->position = start + done;
     if (got) *got = done;
     return result;

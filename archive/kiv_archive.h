@@ -8,6 +8,7 @@
 
 #include <zk/archive.h>
 
+#include <atomic>
 #include <cstdint>
 
 namespace zk {
@@ -17,14 +18,22 @@ class FileSystem;
 
 // An archive handle.
 struct KivArchive {
-    zk::KivRegistry* registry; // null while the record is free
-    uint32_t openFlags;        // as given, with ZK_KIV_MEMORY_IMAGE for a child of an image
-    FileHandle* file;          // held by a root archive in directory mode only
+    std::atomic<zk::KivRegistry*> registry; // null while the record is free
+    uint32_t openFlags; // as given, with ZK_KIV_MEMORY_IMAGE for a child of an image
+    FileHandle* file;   // held by a root archive in directory mode only
     zk::KivDirectory directory;
     uint64_t dataOrigin; // directory mode: in the root's file; image: from the header block
-    KivArchive* root;    // the archive holding the file (itself for a root)
-    KivArchive* parent;  // the archive a child was opened from; null for a root
-    KivArchive* link;    // free list
+    // Directory mode: the end of the bytes of the root's file this archive may
+    // read (a child's own item in its parent), so a damaged child never reads
+    // its parent's following items.
+    uint64_t rangeEnd;
+    KivArchive* root;   // the archive holding the file (itself for a root)
+    KivArchive* parent; // the archive a child was opened from; null for a root
+    KivArchive* link;   // free list
+    // Calls running on the archive (ArchiveUse), and the mark of a close: a
+    // close marks the archive, then waits until no call runs on it.
+    std::atomic<uint32_t> users;
+    std::atomic<uint32_t> closing;
 };
 
 // An item stream.
@@ -54,6 +63,21 @@ struct KivRegistry {
 
 // The archive when it is a record of the table and open; else null.
 KivArchive* OpenArchive(KivArchive* archive);
+
+// A call's hold on an open archive: while it lives, a close of the archive
+// (by another thread, or by termination) waits, so the archive's blocks and
+// file stay. Get() is null when the archive is not open or is being closed.
+class ArchiveUse {
+public:
+    explicit ArchiveUse(KivArchive* archive);
+    ~ArchiveUse();
+    ArchiveUse(const ArchiveUse&) = delete;
+    ArchiveUse& operator=(const ArchiveUse&) = delete;
+    KivArchive* Get() const { return archive_; }
+
+private:
+    KivArchive* archive_;
+};
 // Opens the archive file at path, as zkOpenKiv.
 KivArchive* KivOpenPath(const char* path, uint32_t flags);
 // Closes the archive with its children and item streams, as zkCloseKiv.

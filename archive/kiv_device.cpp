@@ -3,8 +3,9 @@
 // Owns: the one KivDevice (static, outliving re-initialisation) with its ten
 // slots kiv0: .. kiv9: and its 32 KivDeviceFile objects.
 //
-// Locks: the FileLock while CreateFileObject scans for a free object; an
-// object goes back by one atomic store in its own Close. Slots change only in
+// Locks: none. CreateFileObject takes a free object by an atomic exchange of
+// its device reference; an object goes back by one atomic store in its own
+// Close. Slots change only in
 // zkMountKiv, zkUnmountKiv and when an archive closes, which must not overlap
 // file operations on the device.
 //
@@ -16,7 +17,7 @@
 
 #include "file/driver_defaults.h"
 #include "file/file_system.h"
-#include "kernel/context.h"
+#include "platform/platform.h"
 
 #include <zk/device.h>
 #include <zk/result.h>
@@ -42,18 +43,23 @@ int32_t SlotOf(const char* name) {
 class KivDeviceFile final : public FileObject {
 public:
     bool TryTake(KivDevice* device) {
-        if (device_.load(std::memory_order_acquire)) return false;
+        KivDevice* expected = nullptr;
+        if (!device_.compare_exchange_strong(expected, device, std::memory_order_acq_rel))
+            return false;
         archive_.store(nullptr, std::memory_order_relaxed);
         index_ = size_ = position_ = 0;
-        device_.store(device, std::memory_order_release);
         return true;
     }
     // The archive is closing: the object stays handed out but reads nothing.
     // Another thread may be closing this object at the same moment, so the
-    // archive is swapped out only if it is still the one closing.
+    // archive is swapped out only if it is still the one closing. A read of
+    // it that is running (on the worker) is waited for, so the archive's
+    // blocks are never freed under it.
     void Detach(KivArchive* archive) {
         KivArchive* expected = archive;
-        archive_.compare_exchange_strong(expected, nullptr, std::memory_order_acq_rel);
+        if (!archive_.compare_exchange_strong(expected, nullptr, std::memory_order_seq_cst)) return;
+        for (uint32_t round = 0; reading_.load(std::memory_order_seq_cst) != 0; ++round)
+            os::Sleep(round < 16 ? 0 : 1);
     }
 
     int32_t IsImmediate(int32_t kind) override {
@@ -78,12 +84,16 @@ public:
                    uint32_t flags) override {
         uint32_t done = 0;
         int32_t result = ZK_ERR_INVALID_HANDLE;
+        // Counted as reading before the archive is looked at: a close either
+        // finds the count and waits, or this read finds no archive.
+        reading_.fetch_add(1, std::memory_order_seq_cst);
         if (!buffer) {
             result = ZK_ERR_INVALID_ARGUMENT;
-        } else if (KivArchive* archive = archive_.load(std::memory_order_acquire)) {
+        } else if (KivArchive* archive = archive_.load(std::memory_order_seq_cst)) {
             result = KivReadItemBytes(archive, index_, offset, buffer, size, &done, flags, true);
             if (result >= 0) position_ = offset + done;
         }
+        reading_.fetch_sub(1, std::memory_order_seq_cst);
         if (got) *got = done;
         return result;
     }
@@ -100,6 +110,7 @@ public:
 private:
     std::atomic<KivDevice*> device_{nullptr};
     std::atomic<KivArchive*> archive_{nullptr};
+    std::atomic<uint32_t> reading_{0};
     uint32_t index_ = 0;
     uint32_t size_ = 0;
     uint32_t position_ = 0;
@@ -107,7 +118,8 @@ private:
 
 class KivDevice final : public DriverDefaults {
 public:
-    KivArchive* slots[kSlotCount]{};
+    // Read by callers' threads and the worker, changed by mounts and closes.
+    std::atomic<KivArchive*> slots[kSlotCount]{};
     KivDeviceFile files[kDeviceFileCount];
 
     int32_t MatchName(const char* name) override {
@@ -124,8 +136,9 @@ public:
     }
     // The try count of the device holding the mounted archive's file.
     uint32_t GetTryCount(int32_t unit) override {
-        if (unit < 0 || unit >= int32_t(kSlotCount) || !slots[unit]) return 1;
-        const KivArchive* root = slots[unit]->root;
+        if (unit < 0 || unit >= int32_t(kSlotCount)) return 1;
+        ArchiveUse use(slots[unit].load(std::memory_order_acquire)); // a close waits meanwhile
+        const KivArchive* root = use.Get() ? use.Get()->root : nullptr;
         const FileHandle* file = root ? root->file : nullptr;
         if (!file || !file->device) return 1;
         return file->device->GetTryCount(file->unit);
@@ -134,16 +147,10 @@ public:
         return static_cast<int32_t>(GetTryCount(unit));
     }
     FileObject* CreateFileObject() override {
-        FileLockTake();
-        FileObject* taken = nullptr;
         for (KivDeviceFile& f : files) {
-            if (f.TryTake(this)) {
-                taken = &f;
-                break;
-            }
+            if (f.TryTake(this)) return &f;
         }
-        FileLockGive();
-        return taken;
+        return nullptr;
     }
     int32_t Mount(char*, uint32_t, uint32_t) override { return ZK_ERR_NOT_SUPPORTED; }
     int32_t Unmount(char*) override { return ZK_ERR_NOT_SUPPORTED; }
@@ -155,11 +162,15 @@ KivDevice gDevice;
 // A physical path kivN:/dir/name names the item dir/name of slot N's archive.
 int32_t KivDeviceFile::Open(const char* physicalPath, uint32_t, uint32_t) {
     const int32_t slot = SlotOf(physicalPath);
-    if (slot < 0 || !gDevice.slots[slot]) return ZK_ERR_NO_SUCH_FILE;
+    if (slot < 0) return ZK_ERR_NO_SUCH_FILE;
     const char* name = physicalPath + 5;
     if (*name == '/') ++name;
     if (*name == '\0') return ZK_ERR_NO_SUCH_FILE; // the mount point itself
-    KivArchive* archive = gDevice.slots[slot];
+    // Held while the item is looked up: a close (termination's, say) waits,
+    // then detaches this file like every other open one.
+    ArchiveUse use(gDevice.slots[slot].load(std::memory_order_acquire));
+    KivArchive* archive = use.Get();
+    if (!archive) return ZK_ERR_NO_SUCH_FILE;
     uint32_t index;
     if (!KivFind(archive, name, &index)) return ZK_ERR_NO_SUCH_FILE;
     index_ = index;
@@ -176,8 +187,10 @@ DeviceDriver* KivDeviceDriver() {
 }
 
 void KivDeviceArchiveClosed(KivArchive* archive) {
-    for (KivArchive*& slot : gDevice.slots)
-        if (slot == archive) slot = nullptr;
+    for (std::atomic<KivArchive*>& slot : gDevice.slots) {
+        KivArchive* expected = archive;
+        slot.compare_exchange_strong(expected, nullptr, std::memory_order_acq_rel);
+    }
     for (KivDeviceFile& f : gDevice.files)
         f.Detach(archive);
 }
@@ -189,7 +202,7 @@ extern "C" ZK_API int32_t ZK_CALL zkMountKiv(const char* mountPath, const char* 
     if (!mountPath || !archivePath || (flags & ZK_KIV_BY_INDEX)) return ZK_ERR_INVALID_ARGUMENT;
     int32_t slot = -1;
     for (uint32_t i = 0; i < zk::kSlotCount && slot < 0; ++i)
-        if (!zk::gDevice.slots[i]) slot = static_cast<int32_t>(i);
+        if (!zk::gDevice.slots[i].load(std::memory_order_acquire)) slot = static_cast<int32_t>(i);
     if (slot < 0) return ZK_ERR_NO_MOUNT_SLOT;
     KivArchive* archive = zk::KivOpenPath(archivePath, flags | ZK_KIV_DIRECT_READ);
     if (!archive) return ZK_ERR_OPEN_FAILED;
@@ -197,7 +210,7 @@ extern "C" ZK_API int32_t ZK_CALL zkMountKiv(const char* mountPath, const char* 
     deviceName[3] = static_cast<char>('0' + slot);
     // The slot is filled first so that the mount's own checks see the device
     // as it will be; a failed mount empties it again.
-    zk::gDevice.slots[slot] = archive;
+    zk::gDevice.slots[slot].store(archive, std::memory_order_release);
     const int32_t result = zkMount(mountPath, deviceName, 0);
     if (result < 0) {
         zk::KivClose(archive); // empties the slot
@@ -214,6 +227,6 @@ extern "C" ZK_API int32_t ZK_CALL zkUnmountKiv(const char* mountPath) {
     if (result < 0) return result;
     // A mount that zkMountKiv did not make names no slot; nothing else is touched.
     const int32_t slot = zk::SlotOf(physical);
-    if (slot >= 0 && zk::gDevice.slots[slot]) zk::KivClose(zk::gDevice.slots[slot]);
+    if (slot >= 0) zk::KivClose(zk::gDevice.slots[slot].load(std::memory_order_acquire));
     return ZK_OK;
 }

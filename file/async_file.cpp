@@ -11,8 +11,9 @@
 // loading thread of their own (a BackgroundLoad, from the system pool, hung on
 // the file handle until zkCloseFile).
 //
-// Locks: none of their own; the handle table's FileLock and the worker's
-// monitors are taken inside the calls used here. Threads: Begin/End and the
+// Locks: none of their own; the worker's monitors are taken inside the calls
+// used here. A read counts itself pending on its handle from Begin until the
+// worker completes it, and a close waits for that count to reach 0. Threads: Begin/End and the
 // loading calls run on the application's threads; the operations run on the
 // worker (or at once, for kinds a driver declares immediate); a background
 // load runs on its own thread.
@@ -26,6 +27,7 @@
 #include <zk/result.h>
 #include <zk/thread.h>
 
+#include <atomic>
 #include <new>
 
 namespace zk {
@@ -51,18 +53,40 @@ struct OpenItem {
     int32_t code;
 };
 
-// Queues operation with request as its completion target. When the worker
-// cannot take it, the failure becomes the operation's result and the frame
-// completes here.
-template <typename Operation> void SubmitOrComplete(Operation* operation, ::Request* request) {
+// Queues operation with request (or completion, which tells the request) as
+// its completion target. When the worker cannot take it, the failure becomes
+// the operation's result and the frame completes here.
+template <typename Operation>
+void SubmitOrComplete(Operation* operation, ::Request* request,
+                      CompletionTarget* completion = nullptr) {
     if (request->frameCount != 0)
         operation->traceFlow = request->frames[request->frameCount - 1].timelineFlow;
-    const int32_t submitted = Files().Worker().Submit(operation, request, 1);
+    CompletionTarget* target = completion ? completion : request;
+    const int32_t submitted = Files().Worker().Submit(operation, target, 1);
     if (submitted < 0) {
         operation->result = submitted;
-        request->NotifyCompletion();
+        target->NotifyCompletion();
     }
 }
+
+// An asynchronous read's completion, in the frame after the read: the read
+// no longer counts as pending on its handle (so a close waiting for it goes
+// on), then the request is told.
+class PendingRead final : public CompletionTarget {
+public:
+    PendingRead(FileHandle* handle, ::Request* request) : handle_(handle), request_(request) {
+        handle_->pendingReads.fetch_add(1, std::memory_order_acq_rel);
+    }
+    void NotifyCompletion() override {
+        ::Request* request = request_;
+        handle_->pendingReads.fetch_sub(1, std::memory_order_acq_rel);
+        request->NotifyCompletion();
+    }
+
+private:
+    FileHandle* handle_;
+    ::Request* request_;
+};
 
 void* Allocate(uint32_t size) {
     return zkAllocateSystemMemory(size, ZK_ALLOC_DEFAULT, ZK_CATEGORY_LIBRARY);
@@ -121,18 +145,26 @@ void ZK_CALL RunBackgroundLoad(void* argument) {
 
 // A handle that the table gave out and that is in use.
 bool InUse(const FileHandle* handle) {
-    return handle && Files().Owns(handle) && handle->owner;
+    return Files().InUse(handle);
+}
+
+// The handle's background load; termination may take it away at any moment.
+BackgroundLoad* JobOf(const FileHandle* handle) {
+    return std::atomic_ref<BackgroundLoad*>(const_cast<FileHandle*>(handle)->backgroundLoad)
+        .load(std::memory_order_acquire);
 }
 
 } // namespace
 
 void ReleaseBackgroundLoad(FileHandle* handle) {
-    BackgroundLoad* job = handle->backgroundLoad;
+    // Taken out of the handle in one step: termination and the handle's own
+    // close may both get here, and only one of them frees the job.
+    BackgroundLoad* job = std::atomic_ref<BackgroundLoad*>(handle->backgroundLoad)
+                              .exchange(nullptr, std::memory_order_acq_rel);
     if (!job) return;
     if (job->thread) zkReleaseThread(job->thread); // waits until the load has ended
     if (job->data) zkFree(job->data);
     zkFree(job);
-    handle->backgroundLoad = nullptr;
 }
 
 } // namespace zk
@@ -188,7 +220,7 @@ extern "C" ZK_API int32_t ZK_CALL zkEndOpenFile(FileHandle** handle, Request* re
         auto* open = static_cast<zk::OpenOperation*>(reader.Reserve(sizeof(zk::OpenOperation)));
         open->Finish();
         h->device = open->device;
-        h->file = open->file;
+        zk::SetFile(h, open->file);
         h->unit = open->unit;
         result = open->result;
         if (result < 0) {
@@ -218,7 +250,10 @@ extern "C" ZK_API int32_t ZK_CALL zkBeginCloseFile(FileHandle* handle, Request* 
     // whose background load owns the file (its loading thread closes it; the
     // End waits for that thread).
     const bool inUse = zk::InUse(handle);
-    zk::FileObject* file = inUse && !handle->backgroundLoad ? handle->file : nullptr;
+    // A read still pending on the handle finishes first: the close is queued
+    // behind it, and the file object is never handed on while it reads.
+    if (inUse) zk::FileSystem::WaitForPendingReads(handle);
+    zk::FileObject* file = inUse && !zk::JobOf(handle) ? handle->file : nullptr;
     auto* close = new (writer.Reserve(sizeof(zk::CloseOperation)))
         zk::CloseOperation(file, file ? Files().TriesOf(handle) : 0);
     if (file) {
@@ -247,7 +282,7 @@ extern "C" ZK_API int32_t ZK_CALL zkEndCloseFile(Request* request) {
     // A running background load closes its own file: it is waited for first.
     // Then the handle goes back as zkCloseFile would.
     zk::ReleaseBackgroundLoad(handle);
-    handle->file = nullptr;
+    zk::SetFile(handle, nullptr);
     handle->device = nullptr;
     Files().ReleaseHandle(handle);
     return result;
@@ -276,7 +311,9 @@ extern "C" ZK_API int32_t ZK_CALL zkBeginReadFile(FileHandle* handle, void* buff
         read->result = check;
         request->NotifyCompletion();
     } else {
-        zk::SubmitOrComplete(read, request);
+        auto* pending =
+            new (writer.Reserve(sizeof(zk::PendingRead))) zk::PendingRead(handle, request);
+        zk::SubmitOrComplete(read, request, pending);
     }
     return writer.Status();
 }
@@ -323,7 +360,8 @@ extern "C" ZK_API FileHandle* ZK_CALL zkStartLoadingDataFromFile(const char* pat
     if (job) {
         new (job) zk::BackgroundLoad();
         job->handle = handle;
-        handle->backgroundLoad = job;
+        std::atomic_ref<zk::BackgroundLoad*>(handle->backgroundLoad)
+            .store(job, std::memory_order_release);
         job->thread = zkCreateThread(zk::kLoaderStackSize);
     }
     if (!job || !job->thread || zkStartThread(job->thread, zk::RunBackgroundLoad, job) < 0) {
@@ -334,14 +372,15 @@ extern "C" ZK_API FileHandle* ZK_CALL zkStartLoadingDataFromFile(const char* pat
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkIsFileProcessing(FileHandle* handle) {
-    if (!zk::InUse(handle) || !handle->backgroundLoad || !handle->backgroundLoad->thread) return 0;
-    return zkIsThreadRunning(handle->backgroundLoad->thread) > 0 ? 1u : 0u;
+    zk::BackgroundLoad* job = zk::InUse(handle) ? zk::JobOf(handle) : nullptr;
+    if (!job || !job->thread) return 0;
+    return zkIsThreadRunning(job->thread) > 0 ? 1u : 0u;
 }
 
 extern "C" ZK_API int32_t ZK_CALL zkGetLoadedData(FileHandle* handle, void** data, uint32_t* size) {
-    if (!zk::InUse(handle) || !handle->backgroundLoad) return ZK_ERR_INVALID_HANDLE;
+    zk::BackgroundLoad* job = zk::InUse(handle) ? zk::JobOf(handle) : nullptr;
+    if (!job) return ZK_ERR_INVALID_HANDLE;
     if (!data || !size) return ZK_ERR_INVALID_ARGUMENT;
-    zk::BackgroundLoad* job = handle->backgroundLoad;
     // Called while the thread still runs, this hands out nothing yet.
     if (zkIsThreadRunning(job->thread) > 0) {
         *data = nullptr;

@@ -72,6 +72,9 @@ public:
     const MountRecord* Match(const char* path, uint32_t length) const;
     // Frees every record without asking drivers (the file system's stop).
     void Clear();
+    // Frees the records served by device, without asking it (its mounts end
+    // with what they name, as archive mounts at termination).
+    void ClearDevice(const DeviceDriver* device);
 
 private:
     MountRecord records_[kMaxMounts]{};

@@ -9,6 +9,7 @@
 
 #include <zk/result.h>
 
+#include <atomic>
 #include <cstring>
 
 namespace zk {
@@ -35,8 +36,39 @@ FileSystem& Files() {
     return g_files;
 }
 
+namespace {
+
+// A handle's owner, read and written as an atomic: handles are taken and
+// given back from any thread without a lock.
+std::atomic_ref<FileSystem*> OwnerOf(FileHandle* handle) {
+    return std::atomic_ref<FileSystem*>(handle->owner);
+}
+
+FileSystem* OwnerNow(const FileHandle* handle) {
+    return OwnerOf(const_cast<FileHandle*>(handle)).load(std::memory_order_acquire);
+}
+
+// A close that nobody waits for: the handle's own close operation, queued on
+// the worker, with a completion that gives the handle back. One per handle;
+// the handle is not free again before the completion, so neither is this.
+class DetachedClose final : public CompletionTarget {
+public:
+    void NotifyCompletion() override { Files().ReleaseHandle(handle); }
+    CloseOperation operation{nullptr, 0};
+    FileHandle* handle = nullptr;
+};
+
+DetachedClose g_detachedCloses[kMaxFiles];
+
+// How long the end of the process level waits for the worker to finish what
+// is queued (the closes it has just queued among it).
+constexpr uint32_t kWorkerStopWaitMilliseconds = 1000;
+
+} // namespace
+
 int32_t FileSystem::Startup() {
-    openCount_.store(0, std::memory_order_relaxed);
+    // The open count is left as it is: handles still open after termination
+    // stay open (and may be taken and given back on other threads meanwhile).
     totalBytesRead_.store(0, std::memory_order_relaxed);
     workDir_[0] = '/';
     workDir_[1] = '\0';
@@ -45,66 +77,80 @@ int32_t FileSystem::Startup() {
     return worker_.Start();
 }
 
-void FileSystem::Shutdown() {
-    // Background loads finish first: their threads still need the worker.
+void FileSystem::EndBackgroundLoads() {
+    // Their jobs and data live in the system pool, which termination releases;
+    // the loading threads write into it through the worker, so they are
+    // waited for. The handles stay open (without a job).
     for (FileHandle& handle : handles_) {
-        if (handle.owner) ReleaseBackgroundLoad(&handle);
+        if (OwnerNow(&handle)) ReleaseBackgroundLoad(&handle);
     }
-    worker_.Stop();
-    // Files left open: with the worker gone their objects are closed here.
+}
+
+void FileSystem::Shutdown(uint32_t waitMilliseconds) {
+    EndBackgroundLoads();
+    // Files left open are closed by the worker before it ends; a file whose
+    // close cannot be queued (no worker) is closed here.
+    // A handle without a file is left to the thread that holds it (in the
+    // middle of an open, it releases the handle itself on failure), and one
+    // with an asynchronous read still pending stays open: that read may be
+    // held in a host call, and nothing here waits for one.
     for (FileHandle& handle : handles_) {
-        if (!handle.owner) continue;
-        if (handle.file) handle.file->Close();
-        handle.file = nullptr;
-        handle.device = nullptr;
-        handle.owner = nullptr;
+        if (OwnerNow(&handle) && FileOf(&handle) &&
+            handle.pendingReads.load(std::memory_order_acquire) == 0)
+            CloseWithoutWaiting(&handle);
     }
-    openCount_.store(0, std::memory_order_relaxed);
+    worker_.Stop(waitMilliseconds);
 }
 
 bool FileSystem::Owns(const FileHandle* handle) const {
     return handle >= &handles_[0] && handle < &handles_[kMaxFiles];
 }
 
+bool FileSystem::InUse(const FileHandle* handle) const {
+    return handle && Owns(handle) && OwnerNow(handle);
+}
+
 int32_t FileSystem::Check(FileHandle* handle) {
-    if (!handle || !Files().Owns(handle) || !handle->owner) return ZK_ERR_INVALID_HANDLE;
+    if (!Files().InUse(handle)) return ZK_ERR_INVALID_HANDLE;
     if (!handle->file) return ZK_ERR_NO_DEVICE;
     return ZK_OK;
 }
 
 uint32_t FileSystem::TriesOf(const FileHandle* handle) const {
-    return handle->device->GetTryCount(handle->unit);
+    // Read once: a handle closed by another thread meanwhile has none.
+    DeviceDriver* device = handle->device;
+    return device ? device->GetTryCount(handle->unit) : 1;
 }
 
 FileHandle* FileSystem::AllocateHandle(const char* path) {
     FileHandle* handle = nullptr;
-    FileLockTake();
     for (FileHandle& h : handles_) {
-        if (!h.owner) {
+        FileSystem* expected = nullptr;
+        if (OwnerOf(&h).compare_exchange_strong(expected, this, std::memory_order_acquire)) {
             handle = &h;
-            handle->owner = this;
             openCount_.fetch_add(1, std::memory_order_relaxed);
             break;
         }
     }
-    FileLockGive();
     if (!handle) return nullptr;
     // A full path that does not fit is not written: the handle's stays empty.
     handle->fullPath[0] = '\0';
     BuildFullPath(path, workDir_, workDirLength_, handle->fullPath, kMaxPath);
     handle->device = nullptr;
-    handle->file = nullptr;
+    SetFile(handle, nullptr);
     handle->unit = 0;
-    handle->backgroundLoad = nullptr;
+    std::atomic_ref<BackgroundLoad*>(handle->backgroundLoad)
+        .store(nullptr, std::memory_order_relaxed);
+    handle->pendingReads.store(0, std::memory_order_relaxed);
     return handle;
 }
 
 void FileSystem::ReleaseHandle(FileHandle* handle) {
-    FileLockTake();
-    if (openCount_.load(std::memory_order_relaxed) > 0)
-        openCount_.fetch_sub(1, std::memory_order_relaxed);
-    handle->owner = nullptr; // under the lock: AllocateHandle reads it there
-    FileLockGive();
+    uint32_t count = openCount_.load(std::memory_order_relaxed);
+    while (count > 0 &&
+           !openCount_.compare_exchange_weak(count, count - 1, std::memory_order_relaxed)) {
+    }
+    OwnerOf(handle).store(nullptr, std::memory_order_release);
 }
 
 void SetDeviceName(FileHandle* handle, const char* physicalPath) {
@@ -133,17 +179,25 @@ int32_t FileSystem::OpenHandle(FileHandle* handle, uint32_t openFlags, uint32_t 
         result = open.result;
     }
     handle->device = open.device;
-    handle->file = open.file;
+    SetFile(handle, open.file);
     handle->unit = open.unit;
     return result;
 }
 
+void FileSystem::WaitForPendingReads(FileHandle* handle) {
+    // Only a close racing its own asynchronous read gets here with reads
+    // pending; it waits like a close queued behind them would.
+    for (uint32_t round = 0; handle->pendingReads.load(std::memory_order_acquire) != 0; ++round)
+        os::Sleep(round < 16 ? 0 : 1);
+}
+
 void FileSystem::CloseHandleFile(FileHandle* handle) {
+    WaitForPendingReads(handle);
     if (!handle->file) return;
     CloseOperation close(handle->file, TriesOf(handle));
     close.traceHandle = handle;
     if (worker_.Submit(&close, nullptr, 1) < 0) handle->file->Close();
-    handle->file = nullptr;
+    SetFile(handle, nullptr);
     handle->device = nullptr;
 }
 
@@ -154,6 +208,28 @@ void FileSystem::Close(FileHandle* handle) {
     ReleaseBackgroundLoad(handle);
     CloseHandleFile(handle);
     ReleaseHandle(handle);
+}
+
+void FileSystem::CloseWithoutWaiting(FileHandle* handle) {
+    ReleaseBackgroundLoad(handle);
+    FileObject* file = handle->file;
+    if (!file || handle->pendingReads.load(std::memory_order_acquire) != 0) {
+        // Nothing to close (no wait), or a read still pending on it: the
+        // ordinary close, which waits for that read as the application's
+        // own close would.
+        Close(handle);
+        return;
+    }
+    DetachedClose& closer = g_detachedCloses[handle - handles_];
+    closer.operation = CloseOperation(file, TriesOf(handle));
+    closer.operation.traceHandle = handle;
+    closer.handle = handle;
+    SetFile(handle, nullptr);
+    handle->device = nullptr;
+    if (worker_.Submit(&closer.operation, &closer, 1) < 0) {
+        file->Close();
+        ReleaseHandle(handle);
+    }
 }
 
 int32_t FileSystem::ReadAtDirect(FileHandle* handle, uint32_t offset, void* buffer, uint32_t size,
@@ -203,13 +279,18 @@ void RegisterLibraryDevices() {
 }
 
 void MountRootDirectory(const char* directory) {
-    if (directory[0] != '\0') Mounts().Mount("/", directory, 0);
+    // A root mount that outlived termination stays as it is.
+    if (directory[0] != '\0' && !Mounts().Match("/", 1)) Mounts().Mount("/", directory, 0);
 }
 
-void FileSystemShutdown() {
+void FileSystemTerminate() {
+    if (Kernel().fileSystem) Files().EndBackgroundLoads();
+}
+
+void FileSystemEnd() {
     if (!Kernel().fileSystem) return;
-    Files().Shutdown();
     DirectoriesShutdown();
+    Files().Shutdown(kWorkerStopWaitMilliseconds);
     Mounts().UnmountAll();
     Mounts().Clear();
     Kernel().fileSystem = nullptr;
@@ -239,7 +320,7 @@ extern "C" ZK_API FileHandle* ZK_CALL zkOpenFile(const char* path, uint32_t open
 }
 
 extern "C" ZK_API void ZK_CALL zkCloseFile(FileHandle* file) {
-    if (!file || !Files().Owns(file) || !file->owner) return;
+    if (!Files().InUse(file)) return;
     // The handle goes back before the slice ends and may be taken by another
     // thread at once: the slice keeps a copy of its path.
     char path[zk::kMaxPath];

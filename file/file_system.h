@@ -4,9 +4,10 @@
 // Owns: the FileSystem object (static), and through it the worker; the device
 // table and mount table (device_table.h) are the file system's too.
 //
-// Locks: the FileLock (kernel/context.h) guards taking and giving back
-// handles and the open count; the bytes-read counter is an atomic of its own,
-// so a read never takes a process-wide lock. Everything else in a handle
+// Locks: none process-wide. A handle is taken and given back by an atomic
+// exchange of its owner and the open count is an atomic, so the table works
+// the same from any thread whether or not the library is initialised; the
+// bytes-read counter is an atomic of its own. Everything else in a handle
 // belongs to the one thread that uses it. The worker's own monitors guard its
 // queue (io_worker.h). No lock is held while a driver runs.
 //
@@ -14,12 +15,19 @@
 // queued operations. The working directory, the device and mount tables are
 // changed from the main thread only.
 //
-// Life: started by the library's initialisation (worker started, counters
-// cleared, working directory "/", try counts to their defaults, the library's
-// drivers put first in the device table, the executable's directory mounted at
-// "/"), stopped by its termination (the worker runs what is queued and its
-// thread is joined; files still open are closed and their handles freed; every
-// mount is removed). Initialisation and termination may repeat in one process.
+// Life: started by the library's initialisation (worker started or kept,
+// counters cleared, working directory "/", try counts to their defaults, the
+// library's drivers put first in the device table, the executable's directory
+// mounted at "/" unless something is mounted there). Termination leaves it
+// alone: open files, mounts, drivers and the worker go on working from any
+// thread, and only background loads (their jobs and data live in the system
+// pool) are ended. The end of the process level stops it (FileSystemEnd):
+// listings and files still open are closed, every mount is removed and the
+// worker is stopped, waiting for it only for a bounded time.
+//
+// Closing a handle while an asynchronous read on it is pending waits for
+// that read first (the close is queued behind it), so the read never touches
+// the file object after it was given back to its driver for another open.
 #ifndef ZK_FILE_FILE_SYSTEM_H
 #define ZK_FILE_FILE_SYSTEM_H
 
@@ -45,6 +53,8 @@ struct FileHandle {
     int32_t unit;                // the driver's unit for the path
     zk::BackgroundLoad* backgroundLoad;
     char deviceName[8]; // the device's name as the physical path gives it ("host" for none)
+    // Asynchronous reads queued or running on the handle; a close waits for 0.
+    std::atomic<uint32_t> pendingReads;
 };
 
 namespace zk {
@@ -54,9 +64,15 @@ constexpr uint32_t kTryKinds = 6;
 
 class FileSystem {
 public:
-    // -19 when the worker's thread cannot start (the file system is then not started).
+    // -19 when the worker's thread cannot start (the file system is then not
+    // started). Files, mounts and a worker still there from before are kept.
     int32_t Startup();
-    void Shutdown();
+    // Termination's step: background loads are ended (waited for), their
+    // handles stay open.
+    void EndBackgroundLoads();
+    // The process level's end: files still open are closed, the worker is
+    // stopped (waited for at most waitMilliseconds).
+    void Shutdown(uint32_t waitMilliseconds);
     bool Started() const { return worker_.Running(); }
 
     // A free handle with its full path built against the working directory;
@@ -69,6 +85,12 @@ public:
     // Closes the handle's file object (if any); the handle stays allocated.
     void CloseHandleFile(FileHandle* handle);
     void Close(FileHandle* handle);
+    // Closes the handle without waiting for the worker: the close is queued
+    // and the handle given back when it has run (termination closes archive
+    // files this way, so it never waits behind a host call).
+    void CloseWithoutWaiting(FileHandle* handle);
+    // Waits until no asynchronous read on the handle is queued or running.
+    static void WaitForPendingReads(FileHandle* handle);
     // Reads at an offset straight through the file object, on this thread:
     // no worker, retries or byte counting.
     int32_t ReadAtDirect(FileHandle* handle, uint32_t offset, void* buffer, uint32_t size,
@@ -77,6 +99,8 @@ public:
     // The common checks: -4 for null or free handles, -23 without a file.
     static int32_t Check(FileHandle* handle);
     bool Owns(const FileHandle* handle) const;
+    // A handle of this table that is in use.
+    bool InUse(const FileHandle* handle) const;
     uint32_t TriesOf(const FileHandle* handle) const;
 
     void SetWorkDir(const char* dir);
@@ -98,7 +122,7 @@ public:
 
 private:
     FileHandle handles_[kMaxFiles]{};
-    std::atomic<uint32_t> openCount_{0}; // changed under the FileLock, read anywhere
+    std::atomic<uint32_t> openCount_{0}; // changed with the owners, read anywhere
     char workDir_[kMaxPath]{};
     uint32_t workDirLength_ = 0;
     std::atomic<uint64_t> totalBytesRead_{0};
@@ -108,6 +132,16 @@ private:
 
 FileSystem& Files();
 
+// A handle's file object, read and written as an atomic where another
+// thread may look at it (the end of the process level closes what is open).
+inline FileObject* FileOf(const FileHandle* handle) {
+    return std::atomic_ref<FileObject*>(const_cast<FileHandle*>(handle)->file)
+        .load(std::memory_order_acquire);
+}
+inline void SetFile(FileHandle* handle, FileObject* file) {
+    std::atomic_ref<FileObject*>(handle->file).store(file, std::memory_order_release);
+}
+
 // Notes in the handle the device part of a physical path ("kiv0" of
 // "kiv0:/a.bin"), or "host" for a host path (no device name, or a drive
 // letter); the timeline shows it.
@@ -115,12 +149,14 @@ void SetDeviceName(FileHandle* handle, const char* physicalPath);
 
 // The file system's steps in the library's initialisation and termination.
 int32_t FileSystemStartup();
+// Termination's step (background loads) and the process level's end.
+void FileSystemTerminate();
+void FileSystemEnd();
 // Puts the library's own drivers first in the device table (archive device,
 // then host device).
 void RegisterLibraryDevices();
 // Mounts directory at "/" and makes it the process's current directory.
 void MountRootDirectory(const char* directory);
-void FileSystemShutdown();
 // Ends the listings still open (directory.cpp).
 void DirectoriesShutdown();
 // Waits until the handle's background load has ended, frees the data it still

@@ -52,41 +52,53 @@ void SyncWaiter::Wait(bool spin) {
 }
 
 int32_t DeviceIoWorker::Start() {
-    completionMonitor_.Initialize();
-    queueMonitor_.Initialize();
-    for (uint32_t i = 0; i < kNodes; ++i)
-        nodes_[i] =
-            Node{nullptr, nullptr, nullptr, i + 1 < kNodes ? &nodes_[i + 1] : nullptr, 0, false};
-    freeList_ = &nodes_[0];
-    waitHead_ = waitTail_ = nullptr;
-    bulkHeld_ = 0;
-    queues_[0] = queues_[1] = queues_[kBulkQueue] = Queue{nullptr, nullptr};
-    current_ = nullptr;
-    currentQueue_ = nullptr;
-    count_.store(0, std::memory_order_relaxed);
-    stopRequested_ = 0;
-    thread_.Initialize(this, kWorkerStackSize, kWorkerPriority);
-    if (thread_.Start() < 0) {
-        queueMonitor_.Destroy();
-        completionMonitor_.Destroy();
-        return ZK_ERR_NO_SLOT;
+    if (!monitorsReady_) {
+        completionMonitor_.Initialize();
+        queueMonitor_.Initialize();
+        for (uint32_t i = 0; i < kNodes; ++i)
+            nodes_[i] = Node{nullptr, nullptr, nullptr, i + 1 < kNodes ? &nodes_[i + 1] : nullptr,
+                             0, false};
+        freeList_ = &nodes_[0];
+        waitHead_ = waitTail_ = nullptr;
+        bulkHeld_ = 0;
+        queues_[0] = queues_[1] = queues_[kBulkQueue] = Queue{nullptr, nullptr};
+        current_ = nullptr;
+        currentQueue_ = nullptr;
+        count_.store(0, std::memory_order_relaxed);
+        monitorsReady_ = true;
     }
-    running_ = true;
+    // A thread that was let go and is still there (finishing a host call, or
+    // what was queued before the stop) simply goes on serving.
+    queueMonitor_.Enter();
+    stopRequested_ = 0;
+    const bool alive = threadAlive_;
+    if (!alive) threadAlive_ = true;
+    queueMonitor_.Leave();
+    if (!alive) {
+        thread_.Initialize(this, kWorkerStackSize, kWorkerPriority);
+        if (thread_.Start() < 0) {
+            queueMonitor_.Enter();
+            threadAlive_ = false;
+            queueMonitor_.Leave();
+            return ZK_ERR_NO_SLOT;
+        }
+    }
+    running_.store(true, std::memory_order_release);
     return ZK_OK;
 }
 
-void DeviceIoWorker::Stop() {
-    if (!running_) return;
+bool DeviceIoWorker::Stop(uint32_t waitMilliseconds) {
+    if (!monitorsReady_) return true;
+    running_.store(false, std::memory_order_release);
     queueMonitor_.Enter();
     stopRequested_ = 1;
     queueMonitor_.WakeAll();
     for (NodeWaiter* w = waitHead_; w; w = w->next)
         os::ConditionVariableWakeAll(&w->wake);
     queueMonitor_.Leave();
-    thread_.Release();
-    running_ = false;
-    queueMonitor_.Destroy();
-    completionMonitor_.Destroy();
+    if (thread_.WaitFor(waitMilliseconds)) return true;
+    thread_.Detach();
+    return false;
 }
 
 int32_t DeviceIoWorker::Submit(IoOperation* operation, CompletionTarget* completion,
@@ -97,7 +109,7 @@ int32_t DeviceIoWorker::Submit(IoOperation* operation, CompletionTarget* complet
         if (completion) completion->NotifyCompletion();
         return ZK_OK;
     }
-    if (!running_) return ZK_ERR_NO_SLOT;
+    if (!Running()) return ZK_ERR_NO_SLOT;
     if (completion) return Enqueue(operation, completion, priority) ? ZK_OK : ZK_ERR_NO_SLOT;
     SyncWaiter waiter(&completionMonitor_);
     if (!Enqueue(operation, &waiter, priority)) return ZK_ERR_NO_SLOT;
@@ -215,6 +227,7 @@ bool DeviceIoWorker::Take() {
     queueMonitor_.Enter();
     while (count_.load(std::memory_order_relaxed) == 0) {
         if (stopRequested_) {
+            threadAlive_ = false; // decided here, so a start sees it or keeps the thread
             queueMonitor_.Leave();
             return false;
         }

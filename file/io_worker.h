@@ -34,8 +34,14 @@
 // machine with more busy threads than cores the partner it waits for can run
 // on the same core instead of waiting out the spin.
 //
-// Threads: the worker thread is started by the file system's start and
-// stopped and joined by its stop, after it has run everything queued.
+// Threads: the worker thread is started by the file system's start and runs
+// until the process level ends (the library's termination leaves it alone).
+// Stop asks it to end once everything queued has run and waits for that only
+// for a bounded time: a worker held inside a host call (an open of a FIFO
+// that has no writer) is let go and ends on its own when the call returns. A
+// start while it is still there keeps it. The monitors are initialised once
+// and never destroyed, so a thread still inside Submit never meets a
+// destroyed one.
 #ifndef ZK_FILE_IO_WORKER_H
 #define ZK_FILE_IO_WORKER_H
 
@@ -115,11 +121,14 @@ public:
     // The most nodes that bulk submitters hold together.
     static constexpr uint32_t kBulkNodes = 6;
 
-    // Starts the thread; -19 when the system refuses it (nothing runs then).
+    // Starts the thread, or keeps the one still there; -19 when the system
+    // refuses it (nothing runs then).
     int32_t Start();
-    // Runs what is queued, then ends and joins the thread.
-    void Stop();
-    bool Running() const { return running_; }
+    // Refuses new operations, lets the thread run what is queued and end, and
+    // waits for that at most waitMilliseconds; a thread still busy then is let
+    // go. True when it has ended.
+    bool Stop(uint32_t waitMilliseconds);
+    bool Running() const { return running_.load(std::memory_order_acquire); }
 
     // Runs an immediate operation at once; otherwise queues it (priority bit 0
     // set: normal queue, clear: urgent) and, with completion null, returns
@@ -192,7 +201,9 @@ private:
     uint32_t stopRequested_ = 0;
     Thread thread_;
     Monitor completionMonitor_;
-    bool running_ = false;
+    std::atomic<bool> running_{false};
+    bool monitorsReady_ = false; // the monitors live from the first start on
+    bool threadAlive_ = false;   // under queueMonitor: the thread has not left its loop
 };
 
 } // namespace zk

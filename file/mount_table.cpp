@@ -105,6 +105,11 @@ void MountTable::Clear() {
         r.inUse = 0;
 }
 
+void MountTable::ClearDevice(const DeviceDriver* device) {
+    for (MountRecord& r : records_)
+        if (r.device == device) r.inUse = 0;
+}
+
 namespace {
 
 // The driver of a path resolved without the working directory, with the

@@ -1,4 +1,4 @@
-// The kernel's one object and the FileLock.
+// The kernel's one object.
 #include "kernel/context.h"
 
 namespace zk {
@@ -9,14 +9,6 @@ KernelContext g_kernel;
 
 KernelContext& Kernel() {
     return g_kernel;
-}
-
-void FileLockTake() {
-    if (g_kernel.fileLock) os::Wait(g_kernel.fileLock, os::kInfinite);
-}
-
-void FileLockGive() {
-    if (g_kernel.fileLock) os::SemaphoreRelease(g_kernel.fileLock, 1);
 }
 
 } // namespace zk

@@ -10,7 +10,7 @@
 // application's main thread (the thread that calls zkBeginProcess, zkInitialize
 // and zkMain). The library lock is initialised at process begin and deleted at
 // process end for the other subsystems; the FileLock is created at
-// initialisation and closed at termination for the file system.
+// initialisation and closed at termination (nothing takes it any more).
 //
 // Threads: the kernel starts none. The periodic timer's own thread runs the
 // vblank tick (count, event, vblank handlers) and nothing else; zkTrace may
@@ -80,15 +80,13 @@ struct KernelContext {
     WindowClass* windowClass;
     FramePeriod framePeriod;
     VblankTimer vblankTimer;
-    os::Handle fileLock; // binary semaphore, null when not created
+    // Binary semaphore, null when not created. The file system no longer takes
+    // it: its handle table works with atomic exchanges from initialisation to
+    // process end, also after termination has closed this lock.
+    os::Handle fileLock;
 };
 
 KernelContext& Kernel();
-
-// The FileLock guards the file-handle table and the file system's counters.
-// Taking or giving back a lock that does not exist does nothing.
-void FileLockTake();
-void FileLockGive();
 
 } // namespace zk
 

@@ -4,7 +4,9 @@
 // window class, timer and frame period) once per process level and resets the
 // application record every time. Initialisation starts the subsystems in a
 // fixed order and termination stops them in the order below; every stop step
-// checks that its object exists, so stopping twice is harmless. zkMain wraps
+// checks that its object exists, so stopping twice is harmless. Termination
+// leaves the file system running (files, mounts, drivers, the I/O worker);
+// process end stops it. zkMain wraps
 // the application's callbacks in process begin and end and runs the loop.
 #include "file/file_system.h"
 #include "kernel/arguments.h"
@@ -137,11 +139,13 @@ int32_t Terminate() {
     if (k.running) {
         ProfilesShutdown();
         RequestsShutdown();
-        // Archives still open are closed while their files and blocks exist.
+        // Archives still open are closed while their blocks exist; their files'
+        // closes are queued without waiting for the worker.
         ArchivesShutdown();
-        // The worker finishes what is queued and its thread is joined; open files are
-        // closed and every mount removed, so initialisation can follow again.
-        FileSystemShutdown();
+        // The file system stays: open files, mounts, drivers and the worker go
+        // on working from any thread. Only background loads, whose jobs and
+        // data live in the system pool, end here.
+        FileSystemTerminate();
         MainThreadShutdown();
         ProfilersShutdown();
         MemoryShutdown();
@@ -154,6 +158,10 @@ int32_t Terminate() {
 int32_t EndProcess() {
     KernelContext& k = Kernel();
     Terminate();
+    // The process level's end stops the file system: listings and files
+    // still open are closed, mounts removed, and the worker stopped (a worker
+    // held in a host call is not waited for beyond a short bound).
+    FileSystemEnd();
     CloseInstanceMutexes();
     if (k.begun) {
         if (k.windowClass) k.windowClass->Unregister();

@@ -62,4 +62,17 @@ void Thread::Release() {
     runnable_ = nullptr;
 }
 
+bool Thread::WaitFor(uint32_t milliseconds) {
+    if (!handle_) return true;
+    if (os::Wait(handle_, milliseconds) != os::WaitResult::Signaled) return false;
+    os::CloseHandle(handle_);
+    handle_ = nullptr;
+    return true;
+}
+
+void Thread::Detach() {
+    os::CloseHandle(handle_);
+    handle_ = nullptr;
+}
+
 } // namespace zk

@@ -41,6 +41,12 @@ public:
     int32_t IsRunning();
     // Waits for a thread that exists, then clears the handle and the runnable.
     void Release();
+    // Waits at most milliseconds: true when no thread exists or it has ended
+    // (the handle is then closed and cleared), false while it still runs.
+    bool WaitFor(uint32_t milliseconds);
+    // Lets a running thread go: the handle is closed without waiting and the
+    // thread ends on its own.
+    void Detach();
 
     Runnable* GetRunnable() const { return runnable_; }
 

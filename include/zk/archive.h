@@ -33,6 +33,12 @@
  * archive opened with ZK_KIV_DIRECT_READ, read one item stream from one
  * thread at a time). An item stream belongs to one thread at a time.
  * zkMountKiv and zkUnmountKiv change the mount table: main thread.
+ *
+ * Archives live in the library's arena: zkTerminate closes those still open,
+ * with their item streams and their mounts (files opened through a mount then
+ * answer -4 to reads). A call on such a handle afterwards answers as for a
+ * closed handle; a call running on another thread meanwhile completes before
+ * the archive goes, or answers so.
  * @{
  */
 
@@ -72,7 +78,9 @@ ZK_API void ZK_CALL zkCloseKiv(KivArchive* archive);
 /**
  * @brief Opens the item name of parent as an archive (a child).
  *
- * A child of a memory image is addressed inside that image.
+ * A child of a memory image is addressed inside that image. A child reads
+ * only within its own item of the parent: an item of it reaching past that
+ * range answers -11, in every mode.
  * @param parent the archive holding the item; null opens name as a path
  * @param name the item's name
  * @param flags as zkOpenKiv

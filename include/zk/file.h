@@ -55,6 +55,11 @@ ZK_API FileHandle* ZK_CALL zkOpenFile(const char* path, uint32_t openFlags, uint
  * @brief Closes the file and frees the handle.
  *
  * Waits for a background load of the handle and frees bytes not taken.
+ * Closing a handle whose asynchronous read (zkBeginReadFile) is still pending
+ * is the application's error; the close then waits until that read has
+ * finished (it is queued behind it), so the read never touches another file,
+ * and zkEndReadFile still reports it. Files stay open across zkTerminate;
+ * zkEndProcess closes those still open.
  * @param file the handle; null or a closed handle does nothing
  * @threads The thread that uses the handle.
  */
@@ -263,9 +268,11 @@ ZK_API int32_t ZK_CALL zkEndOpenFile(FileHandle** handle, Request* request);
 /**
  * @brief Begins closing the file; End frees the handle (as zkCloseFile).
  *
- * A handle without an open file, or one whose background load still runs,
- * completes at once without a driver call; End then waits for the load and
- * frees it with the handle.
+ * A handle not in use ends with -4 and nothing done. A handle without an open
+ * file, or one whose background load still runs, completes at once without a
+ * driver call; End then waits for the load and frees it with the handle.
+ * Begin waits for an asynchronous read still pending on the handle, as
+ * zkCloseFile does.
  * @return 0, -55 or -56 (see above)
  * @threads The thread that uses the request and the handle.
  */

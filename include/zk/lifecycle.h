@@ -43,8 +43,14 @@ ZK_API int32_t ZK_CALL zkBeginProcess(uint32_t reserved);
 /**
  * @brief Closes the process level.
  *
- * Terminates if needed, closes the single-instance mutex, deletes the
- * library lock.
+ * Terminates if needed, then stops the file system: directory listings and
+ * files still open are closed, every mount is removed and the device I/O
+ * worker is stopped once it has run what is queued. It waits for the worker
+ * at most about a second: a worker held inside a host call (an open of a
+ * FIFO without a writer) is let go and ends on its own when that call
+ * returns, and the next zkInitialize uses it again if it is still there. A
+ * file with an asynchronous read still pending stays open. Then closes the
+ * single-instance mutex and deletes the library lock.
  * @return 0, always
  * @threads The main thread.
  */
@@ -78,9 +84,14 @@ ZK_API int32_t ZK_CALL zkInitializeEx(uint32_t arenaSize, uint32_t descriptorCou
 /**
  * @brief Stops what zkInitialize started and writes a timeline being recorded.
  *
- * Closes the main window, the timer, the requests, open archives, files,
- * listings and profiles, joins the I/O worker, removes every mount and
- * releases the arena. Safe to call twice.
+ * What lives in the arena goes: the arena itself, profiles, requests,
+ * archives with their item streams and their mounts, and background loads
+ * (their threads are waited for, since they load into the arena; their
+ * handles stay open without a load). A later call on one of these answers its
+ * "closed handle" error. The file system stays: open files, host mounts,
+ * registered drivers and the device I/O worker go on working from any thread
+ * until zkEndProcess, and termination never waits for the worker's current
+ * host call. A following zkInitialize keeps them. Safe to call twice.
  * @return 0, always
  * @threads The main thread, while no other thread uses the library.
  */

@@ -168,21 +168,31 @@ size_t ThreadCount() {
     return error ? 0 : static_cast<size_t>(std::distance(tasks, {}));
 }
 
-TEST_F(Files, TerminateAndInitialiseAgain) {
+TEST_F(Files, TerminationKeepsOpenFilesAndProcessEndClosesThem) {
     const size_t threads = ThreadCount();
+    FileHandle* kept = Make("k", "abc");
+    ASSERT_NE(kept, nullptr);
+    char buffer[4];
     for (int round = 0; round < 3; ++round) {
-        ASSERT_NE(Make("k", "abc"), nullptr); // left open
         zkCloseFile(Make("c", "abc"));
-        ASSERT_EQ(zkTerminate(), 0); // the file left open is closed here
-        EXPECT_EQ(Device().Count(kFileClose), 2u * (round + 1));
+        ASSERT_EQ(zkTerminate(), 0); // the file left open stays open and readable
+        EXPECT_EQ(ReadText(kept, buffer, 3, 0), "0/3");
         ASSERT_EQ(zkInitializeEx(kArenaSize, kDescriptors), 0);
-        EXPECT_EQ(zkGetOpenFileCount(), 0u);
-        // A joined thread may linger in the system's list for a moment.
-        for (int i = 0; i < 300 && ThreadCount() > threads; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        EXPECT_LE(ThreadCount(), threads);
-        ASSERT_EQ(zkMount("/m", "mem:", 0), 0);
+        EXPECT_EQ(Codes({zkGetOpenFileCount(), Device().Count(kFileClose)}), Codes({1, round + 1}));
+        EXPECT_LE(ThreadCount(), threads); // the worker was kept, not started again
     }
+    // Process end closes it through its driver and stops the worker.
+    ASSERT_EQ(zkTerminate(), 0);
+    ASSERT_EQ(zkEndProcess(), 0);
+    EXPECT_EQ(Codes({zkGetOpenFileCount(), Device().Count(kFileClose)}), Codes({0, 4}));
+    EXPECT_EQ(ReadText(kept, buffer, 3, 0), "-4/7");
+    ASSERT_EQ(zkBeginProcess(0), 0);
+    ASSERT_EQ(zkInitializeEx(kArenaSize, kDescriptors), 0);
+    ASSERT_EQ(zkMount("/m", "mem:", 0), 0); // process end removed every mount
+    // A joined thread may linger in the system's list for a moment.
+    for (int i = 0; i < 300 && ThreadCount() > threads; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_LE(ThreadCount(), threads);
 }
 
 TEST_F(FileConcurrency, OwnFilesBesideAPiecedRead) {

@@ -10,7 +10,11 @@
 #include <system_error>
 
 #if defined(_WIN32)
+#include <cstdio>
+#include <fcntl.h>
+#include <io.h>
 #include <process.h>
+#include <sys/stat.h>
 #endif
 
 namespace zktest {
@@ -38,7 +42,19 @@ std::string ChildProgramPath(const std::string& name) {
 
 #if defined(_WIN32)
 
-int RunChildProgram(const std::string& name, const std::vector<std::string>& args) {
+int RunChildProgram(const std::string& name, const std::vector<std::string>& args,
+                    const std::string& errorFile) {
+    // The child inherits standard error: it is pointed at the file meanwhile.
+    int savedError = -1;
+    if (!errorFile.empty()) {
+        const int file =
+            _open(errorFile.c_str(), _O_WRONLY | _O_CREAT | _O_TRUNC, _S_IREAD | _S_IWRITE);
+        if (file < 0) return -1;
+        std::fflush(stderr);
+        savedError = _dup(2);
+        _dup2(file, 2);
+        _close(file);
+    }
     auto quote = [](const std::string& arg) {
         return arg.empty() || arg.find(' ') != std::string::npos ? "\"" + arg + "\"" : arg;
     };
@@ -51,12 +67,17 @@ int RunChildProgram(const std::string& name, const std::vector<std::string>& arg
         argv.push_back(arg.c_str());
     argv.push_back(nullptr);
     intptr_t code = _spawnv(_P_WAIT, path.c_str(), argv.data());
+    if (savedError >= 0) {
+        _dup2(savedError, 2);
+        _close(savedError);
+    }
     return code < 0 ? -1 : static_cast<int>(code);
 }
 
 #else
 
-int RunChildProgram(const std::string& name, const std::vector<std::string>& args) {
+int RunChildProgram(const std::string& name, const std::vector<std::string>& args,
+                    const std::string& errorFile) {
     auto shellQuote = [](const std::string& text) {
         std::string quoted = "'";
         for (char c : text) {
@@ -70,6 +91,7 @@ int RunChildProgram(const std::string& name, const std::vector<std::string>& arg
     std::string command = shellQuote(ChildProgramPath(name));
     for (const std::string& arg : args)
         command += " " + shellQuote(arg);
+    if (!errorFile.empty()) command += " 2>" + shellQuote(errorFile);
     int status = std::system(command.c_str());
     // A wait status: the exit code sits in bits 8 to 15 when the low 7 bits are 0.
     if (status == -1 || (status & 0x7F) != 0) return -1;

@@ -17,8 +17,10 @@ std::string ChildProgramPath(const std::string& name);
 // Runs the program with the arguments and returns its exit code, or -1 when it
 // could not be run or did not exit normally. The child's command line is its
 // path and then the arguments joined by single spaces, each argument that is
-// empty or holds a space wrapped in double quotes, on every system.
-int RunChildProgram(const std::string& name, const std::vector<std::string>& args);
+// empty or holds a space wrapped in double quotes, on every system. With an
+// errorFile the child's standard error goes to that file instead.
+int RunChildProgram(const std::string& name, const std::vector<std::string>& args,
+                    const std::string& errorFile = "");
 
 } // namespace zktest
 

@@ -1,13 +1,14 @@
 // kivtool: makes, lists, extracts and checks KIV0 archives.
 //
 //   kivtool pack [options] OUT.kiv DIR   every file under DIR, named by its path
-//                                        relative to DIR with '/' separators
+//                                        under DIR as written, '/' separated
 //   kivtool list A.kiv                   header, then name, size and offset of each item
 //   kivtool extract A.kiv DIR            every named item written under DIR
 //   kivtool verify A.kiv                 "ok", or each problem found (exit status 1)
+//   kivtool --version
 //
-// Errors go to standard error as one line naming the file; the exit status
-// is then non-zero.
+// Errors go to standard error as one line naming the file and what is wrong;
+// the exit status is then non-zero.
 #include "kiv_check.h"
 #include "kiv_pack.h"
 
@@ -31,11 +32,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
+#ifndef KIVTOOL_VERSION
+#define KIVTOOL_VERSION "unknown"
+#endif
+
 const char kUsage[] =
     "usage: kivtool pack [options] OUT.kiv DIR\n"
     "       kivtool list A.kiv\n"
     "       kivtool extract A.kiv DIR\n"
     "       kivtool verify A.kiv\n"
+    "       kivtool --version\n"
+    "pack stores every file under DIR, named by its path under DIR as written\n"
+    "(a symbolic link is followed for its contents and keeps its own name).\n"
+    "verify checks the structure only: header, directory, names and that every\n"
+    "item lies inside the file (the format has no checksum of the data).\n"
     "pack options:\n"
     "  --header32          32-byte header (default: 48 bytes)\n"
     "  --packed-directory  store the directory slide-packed (needs the 48-byte header)\n"
@@ -46,6 +56,14 @@ const char kUsage[] =
 int Error(const std::string& text) {
     std::fprintf(stderr, "kivtool: %s\n", text.c_str());
     return 2;
+}
+
+// The one line on standard error for an archive with problems: the file, the
+// first problem, and how many more there are.
+void Fault(const char* path, const std::vector<std::string>& problems) {
+    std::string more;
+    if (problems.size() > 1) more = " (and " + std::to_string(problems.size() - 1) + " more)";
+    std::fprintf(stderr, "kivtool: %s: %s%s\n", path, problems.front().c_str(), more.c_str());
 }
 
 bool ReadWhole(const fs::path& path, std::vector<uint8_t>* out, std::string* error) {
@@ -67,6 +85,39 @@ bool WriteWhole(const fs::path& path, const uint8_t* data, size_t size, std::str
     if (!f) return *error = path.string() + ": cannot create: " + std::strerror(errno), false;
     const bool ok = std::fwrite(data, 1, size, f) == size;
     if (std::fclose(f) != 0 || !ok) return *error = path.string() + ": write error", false;
+    return true;
+}
+
+// Collects every regular file under folder, named prefix + its path under
+// folder as written. Symbolic links are followed for their contents (a linked
+// file is read, a linked folder walked) but keep the link's own name, so no
+// name ever climbs out of the packed folder. A linked folder that leads back
+// into a folder being walked is refused (it would never end). The archive
+// being written is left out when it lies inside the folder.
+bool Walk(const fs::path& folder, const std::string& prefix, const fs::path& output,
+          std::vector<fs::path>* walking, std::vector<std::pair<std::string, fs::path>>* files,
+          std::string* error) {
+    std::error_code ec;
+    const fs::path real = fs::canonical(folder, ec);
+    if (ec) return *error = folder.string() + ": " + ec.message(), false;
+    if (std::find(walking->begin(), walking->end(), real) != walking->end())
+        return *error = folder.string() + ": a link leads back into a folder being packed", false;
+    walking->push_back(real);
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+        const fs::path path = it->path();
+        const std::string name = prefix + path.filename().generic_string();
+        std::error_code kind;
+        if (it->is_directory(kind)) {
+            if (!Walk(path, name + "/", output, walking, files, error)) return false;
+        } else if (it->is_regular_file(kind)) {
+            std::error_code same;
+            if (fs::equivalent(path, output, same) && !same) continue;
+            files->emplace_back(name, path);
+        }
+        // Anything else (a dangling link, a device, a FIFO) holds no file to store.
+    }
+    if (ec) return *error = folder.string() + ": " + ec.message(), false;
+    walking->pop_back();
     return true;
 }
 
@@ -104,16 +155,13 @@ int Pack(int argc, char** argv) {
 
     // The walk, sorted by name so that the same tree always gives the same archive.
     std::vector<std::pair<std::string, fs::path>> files;
-    for (fs::recursive_directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec)) {
-        if (!it->is_regular_file(ec)) continue;
-        files.emplace_back(fs::relative(it->path(), root, ec).generic_string(), it->path());
-    }
-    if (ec) return Error(root.string() + ": " + ec.message());
+    std::vector<fs::path> walking;
+    std::string error;
+    if (!Walk(root, "", out, &walking, &files, &error)) return Error(error);
     std::sort(files.begin(), files.end());
     const bool progress = files.size() >= 1000 && KIVTOOL_ISATTY(2);
     std::vector<kivtool::PackItem> items;
     items.reserve(files.size());
-    std::string error;
     for (size_t i = 0; i < files.size(); ++i) {
         kivtool::PackItem item;
         item.name = files[i].first;
@@ -160,7 +208,9 @@ int List(const char* path) {
     for (const kivtool::ArchiveEntry& e : view.entries)
         std::printf("%10u %10llu  %s\n", e.size, static_cast<unsigned long long>(e.start),
                     e.named ? e.name.c_str() : "<no name>");
-    return problems.empty() ? 0 : 1;
+    if (problems.empty()) return 0;
+    Fault(path, problems);
+    return 1;
 }
 
 int Extract(const char* path, const fs::path& folder) {
@@ -179,6 +229,9 @@ int Extract(const char* path, const fs::path& folder) {
             return Error(std::string(path) + ": item " + e.name + " runs past the end of the file");
     }
     std::error_code ec;
+    // The folder exists afterwards, also for an archive without items.
+    fs::create_directories(folder, ec);
+    if (ec) return Error(folder.string() + ": " + ec.message());
     for (const kivtool::ArchiveEntry& e : view.entries) {
         if (!e.named) continue;
         const fs::path target = folder / fs::path(e.name);
@@ -202,6 +255,7 @@ int Verify(const char* path) {
     }
     for (const std::string& p : problems)
         std::printf("%s: %s\n", path, p.c_str());
+    Fault(path, problems);
     return 1;
 }
 
@@ -211,6 +265,10 @@ int main(int argc, char** argv) {
     if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
         std::fputs(kUsage, argc < 2 ? stderr : stdout);
         return argc < 2 ? 2 : 0;
+    }
+    if (!std::strcmp(argv[1], "--version")) {
+        std::printf("kivtool %s\n", KIVTOOL_VERSION);
+        return 0;
     }
     const std::string command = argv[1];
     if (command == "pack") return Pack(argc - 2, argv + 2);

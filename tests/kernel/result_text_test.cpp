@@ -49,7 +49,9 @@ TEST(ResultText, OtherValuesAreUnknown) {
         bool listed = false;
         for (const auto& entry : codes)
             listed = listed || entry.second == value;
-        if (!listed) EXPECT_STREQ(zkGetResultText(value), "unknown result") << value;
+        if (!listed) {
+            EXPECT_STREQ(zkGetResultText(value), "unknown result") << value;
+        }
     }
 }
 

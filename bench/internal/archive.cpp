@@ -72,7 +72,7 @@ int main(int argc, char** argv) {
     }
     char root[261];
     if (zkGetPhysicalPath("/", root, sizeof root) < 0) return 1;
-    const fs::path folder = fs::path(root) / "bench_archive";
+    const fs::path folder = fs::path(root) / "bench_archive_data";
     fs::remove_all(folder);
     fs::create_directories(folder / "loose");
 

@@ -9,7 +9,7 @@
 //   threads   : 4 threads doing the random reads at once, each with its own
 //               handle (its own descriptor for the baseline)
 //
-// Every figure is the best of several timed batches; the ratios are zk time
+// Every figure is the median of several timed batches; the ratios are zk time
 // over baseline time (1.0 = as fast as the direct call). The files live in a
 // folder beside the program, removed at the end.
 #include <zk.h>
@@ -116,15 +116,16 @@ bool DirectRandomReads(const std::string& path, const std::vector<uint32_t>& off
     return ok;
 }
 
-// Best time of kRounds runs of body, which answers false on failure.
-template <typename Body> double Best(Body body, bool* ok) {
-    double best = 1e30;
+// Median time of kRounds runs of body, which answers false on failure.
+template <typename Body> double Median(Body body, bool* ok) {
+    std::vector<double> times;
     for (int round = 0; round < kRounds; ++round) {
         Clock::time_point start = Clock::now();
         if (!body()) *ok = false;
-        best = std::min(best, Seconds(start));
+        times.push_back(Seconds(start));
     }
-    return best;
+    std::sort(times.begin(), times.end());
+    return times[times.size() / 2];
 }
 
 void Report(const char* what, double zk, double baseline, const char* unit, double per,
@@ -176,7 +177,7 @@ int main() {
         std::fprintf(stderr, "could not write the test files in %s\n", folder.string().c_str());
         return 1;
     }
-    std::printf("files: %s, 64 MiB and %d x 1 KiB; best of %d rounds\n", folder.string().c_str(),
+    std::printf("files: %s, 64 MiB and %d x 1 KiB; median of %d rounds\n", folder.string().c_str(),
                 kSmallFiles, kRounds);
 
     // Warm the cache with one untimed pass of everything.
@@ -187,11 +188,11 @@ int main() {
     }
     ok = ok && ZkRandomReads(offsets);
 
-    double zk = Best([&] { return ZkRandomReads(offsets); }, &ok);
-    double base = Best([&] { return DirectRandomReads(big, offsets); }, &ok);
-    Report("random", zk, base, "us/read", 1e6 / kRandomReads, 2.5);
+    double zk = Median([&] { return ZkRandomReads(offsets); }, &ok);
+    double base = Median([&] { return DirectRandomReads(big, offsets); }, &ok);
+    Report("random", zk, base, "us/read", 1e6 / kRandomReads, 2.0);
 
-    zk = Best(
+    zk = Median(
         [&] {
             FileHandle* file = zkOpenFile("/bench_files/big.bin", ZK_OPEN_READ, 0);
             uint32_t got = 0;
@@ -201,7 +202,7 @@ int main() {
             return read;
         },
         &ok);
-    base = Best(
+    base = Median(
         [&] {
             Direct file(big);
             return file.stream && file.ReadFromStart(data.data(), kBigSize);
@@ -210,7 +211,7 @@ int main() {
     Report("sequential", zk, base, "ms", 1e3, 1.1);
 
     char buffer[kSmallSize];
-    zk = Best(
+    zk = Median(
         [&] {
             bool all = true;
             for (const std::string& path : smallZk) {
@@ -223,7 +224,7 @@ int main() {
             return all;
         },
         &ok);
-    base = Best(
+    base = Median(
         [&] {
             bool all = true;
             for (const std::string& path : smallHost) {
@@ -250,8 +251,8 @@ int main() {
             all = all && r;
         return all;
     };
-    zk = Best([&] { return inThreads([](const auto& o) { return ZkRandomReads(o); }); }, &ok);
-    base = Best([&] { return inThreads([&](const auto& o) { return DirectRandomReads(big, o); }); },
+    zk = Median([&] { return inThreads([](const auto& o) { return ZkRandomReads(o); }); }, &ok);
+    base = Median([&] { return inThreads([&](const auto& o) { return DirectRandomReads(big, o); }); },
                 &ok);
     Report("threads", zk, base, "us/read", 1e6 / kRandomReads, 0);
 

@@ -83,7 +83,7 @@ TEST_F(Archives, EveryLayoutGivesTheSameItemsByNameAndByIndexInBothModes) {
 TEST_F(Archives, FoldedNamesMatchEitherCaseButLeaveDoubleByteCharactersAlone) {
     // 0x83 0x41 is one double-byte character whose second byte is "A".
     const std::vector<PackItem> items = {Item("Data/Stage1.MAP", "map"),
-                                         Item("\x83\x41x.txt", "sjis"), Item("lower", "l"),
+                                         Item("\x83\x41x.txt", "sjis"), Item("lowerz", "l"),
                                          Item(std::string(1024, 'q'), "q")};
     struct Case {
         std::string query;
@@ -93,8 +93,8 @@ TEST_F(Archives, FoldedNamesMatchEitherCaseButLeaveDoubleByteCharactersAlone) {
         {"data/stage1.map", 1, 0},
         {"DATA/STAGE1.MAP", 1, 0},
         {"Data/Stage1.MAP", 1, 1},
-        {"LOWER", 1, 0},
-        {"lower", 1, 1},
+        {"LOWERZ", 1, 0},
+        {"lowerz", 1, 1},
         {"\x83\x41X.TXT", 1, 0},
         {"\x83\x61x.txt", 0, 0}, // the second byte was not folded in the name area
         // A folded query is compared by its first 1024 bytes.
@@ -192,10 +192,6 @@ TEST_F(Archives, ItemStreamsReadSeekAndStopAtTheEnd) {
                 << k[0] << "," << k[1];
         EXPECT_EQ(Codes({zkReadKivItem(s, nullptr, 1, &got), got}), Codes({-3, 0}));
         zkCloseKivItem(s);
-        zkCloseKivItem(s); // nothing the second time
-        EXPECT_EQ(Codes({zkReadKivItem(s, buffer, 1, &got), zkSeekKivItem(s, 0, 0, &position),
-                         position, zkGetKivItemSize(s, &size)}),
-                  Codes({-4, -4, 0, -4}));
         EXPECT_EQ(zkOpenKivItem(a, "missing"), nullptr);
         EXPECT_EQ(zkOpenKivItemByIndex(a, 0), nullptr); // opened by name
         s = zkOpenKivItem(a, "long");
@@ -242,14 +238,7 @@ TEST_F(Archives, ArgumentsAndModesAreCheckedInOrder) {
         Codes({-14, -4, -6, -6, -14}));
     EXPECT_EQ(Codes({zkGetKivItemByIndex(byIndex, 0, &p, &size), size, *static_cast<char*>(p)}),
               Codes({0, 1, '1'}));
-    EXPECT_EQ(zkGetKivItemCount(closed) + zkGetKivItemCount(nullptr), 0u);
-    EXPECT_EQ(zkFindKivItem(byIndex, "a") + zkFindKivItem(closed, "a") +
-                  zkFindKivItem(byName, nullptr),
-              0);
-    // A pointer that is no handle of the table counts as closed.
-    KivArchive* stray = reinterpret_cast<KivArchive*>(&size);
-    EXPECT_EQ(Codes({zkGetKivItemCount(stray), zkLoadKivItem(stray, "a", &p, &size)}),
-              Codes({0, -4}));
+    EXPECT_EQ(zkFindKivItem(byIndex, "a") + zkFindKivItem(closed, "a"), 0);
     EXPECT_EQ(zkLoadKivFileItem("/m/none.kiv", "a", &p, &size), -51);
     EXPECT_EQ(Codes({zkLoadKivFileItem(path.c_str(), "a", &p, &size), size}), Codes({0, 1}));
     zkReleaseKivItem(p);
@@ -360,23 +349,18 @@ TEST_F(Archives, EveryRefusedAllocationFailsTheOpenAndLeaksNothing) {
     const std::string child = Pack({Item("c", "see")}, packed);
     const std::string path =
         Store("m.kiv", Pack({Item("child.kiv", child), Item("b", "b")}, packed));
-    zkSetAllocHook(RefuseKth);
     for (uint32_t mode : {0u, ZK_KIV_MEMORY_IMAGE}) {
-        int opened = 0;
-        for (int k = 1; k < 12; ++k) {
-            const uint32_t before = UsedBlocks();
-            g_refuse = k;
-            KivArchive* a = zkOpenKiv(path.c_str(), mode);
-            KivArchive* c = a ? zkOpenChildKiv(a, "child.kiv", mode) : nullptr;
-            const bool ok = c && Load(c, "c") == "see";
-            g_refuse = 0;
-            zkCloseKiv(a);
-            EXPECT_EQ(UsedBlocks(), before) << "refusal " << k;
-            opened += ok;
-        }
-        EXPECT_GT(opened, 0); // once the refusals lie past the opens, everything works
+        EXPECT_GT(WalkRefusals("archive and child",
+                               [&] {
+                                   KivArchive* a = zkOpenKiv(path.c_str(), mode);
+                                   KivArchive* c =
+                                       a ? zkOpenChildKiv(a, "child.kiv", mode) : nullptr;
+                                   const bool ok = c && Load(c, "c") == "see";
+                                   zkCloseKiv(a);
+                                   return ok;
+                               }),
+                  0u);
     }
-    zkSetAllocHook(nullptr);
 }
 
 TEST_F(Archives, TerminationClosesWhatIsStillOpen) {

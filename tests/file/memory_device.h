@@ -14,21 +14,6 @@
 
 namespace zktest {
 
-// Results and counts of a run of calls, compared in one go (evaluated in order).
-using Codes = std::vector<int64_t>;
-
-inline uint32_t UsedBlocks() {
-    MemoryInfo info{};
-    zkGetMemoryInfo(&info);
-    return info.blockCount;
-}
-
-// An allocation hook refusing the k-th allocation after g_refuse = k.
-inline uint32_t g_refuse = 0;
-inline int32_t ZK_CALL RefuseKth(uint32_t, uint32_t) {
-    return g_refuse != 0 && --g_refuse == 0 ? 0 : 1;
-}
-
 // Driver slots keep their numbers; file-object slots follow from 26, listing slots from 33.
 constexpr int kDumpDir = 12, kMakeDir = 13, kSetFileTime = 16, kFileOpen = 26, kFileClose = 27,
               kFileGetSize = 28, kFileRead = 29, kFileReadAt = 30, kFileWrite = 31, kFileSeek = 32,

@@ -41,13 +41,6 @@ TEST(MemoryDump, RowsOfSixteenCellsThenTheRule) {
 
 // ---- version banners and the library registry --------------------------------------
 
-TEST(LibraryVersion, BannerPrintsThirdFourthFirstSecondThenTheNotice) {
-    TraceCapture capture;
-    zkOutputLibraryVersion("Sound", 1, 2, 3, 4);
-    EXPECT_EQ(capture.Lines().at(0), "QAX Sound Library 3.4.1.2\n");
-    EXPECT_EQ(capture.Lines().at(1).substr(0, 4), "    ") << "the notice line";
-}
-
 // Stand-ins for library modules: distinct addresses of memory that holds no
 // module, so no version resource is found and every version reads 0.
 alignas(64) unsigned char g_fakeModules[17][256];

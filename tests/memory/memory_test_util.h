@@ -109,11 +109,7 @@ inline void ExpectPoolCallsInert(MemoryPool* pool) {
               0u);
     for (uint32_t code = 1; code <= 10; ++code)
         EXPECT_EQ(zkQueryMemoryPoolInfo(pool, code), 0u) << code;
-    MemoryInfo info{7, 7, 7, 7, 7};
-    zkGetMemoryPoolInfo(pool, &info);
-    EXPECT_EQ(info.size + info.used + info.free + info.blockCount + info.maxBlockCount, 35u);
-    zkFreeMemoryPoolBlock(pool, nullptr), zkSetMemoryPoolAllocMode(pool, 2);
-    zkSetMemoryPoolCheckpoint(pool, 1), zkSetBreakPoolAlloc(pool, 1), zkReleaseMemoryPool(pool);
+    zkReleaseMemoryPool(pool);
     EXPECT_TRUE(seen.empty() && blocks.empty() && trace.Lines().empty());
 }
 

@@ -48,25 +48,12 @@ TEST(MemoryStartup, WithoutASystemPoolEverythingIsEmptyAndStaleHandlesAreNotRead
     ASSERT_NE(zkAllocMemoryPoolBlock(pool, 16, 1), nullptr);
     EXPECT_EQ(zkTerminate(), 0);
 
-    for (void* p : {zkMalloc(16), zkMallocEx(16, ZK_ALLOC_ZERO), zkAllocateSystemMemory(16, 0, 1),
-                    static_cast<void*>(zkAllocMemoryBlock(16, 0)),
-                    static_cast<void*>(zkCreateMemoryPool(0x1000, 0x1000, 4)),
-                    static_cast<void*>(zkGetSystemMemoryPool()),
-                    reinterpret_cast<void*>(zkSetAllocHook(nullptr)),
-                    reinterpret_cast<void*>(zkSetFreeHook(nullptr)), zkLockMemory(handle)})
-        EXPECT_EQ(p, nullptr);
-    zkFree(survivor), zkUnlockMemory(handle), zkFreeMemoryBlock(handle), zkSetBreakAlloc(5);
-    zkSetMemoryCheckpoint(1);
+    // The sweep calls everything in this state; here, what the calls answer.
+    EXPECT_TRUE(zkGetSystemMemoryPool() == nullptr && zkLockMemory(handle) == nullptr);
+    zkFree(survivor), zkUnlockMemory(handle), zkFreeMemoryBlock(handle);
     EXPECT_EQ(zkGetMemoryBlockSize(handle) + zkQueryMemoryInfo(6) + zkQueryMemoryInfo(9), 0u);
     EXPECT_GT(zkQueryMemoryInfo(1), 0u); // still answered
     ExpectPoolCallsInert(pool);
-    MemoryInfo info{7, 7, 7, 7, 7};
-    zkGetMemoryInfo(&info);
-    EXPECT_EQ(info.size, 7u);
-    std::vector<Range> seen;
-    EXPECT_EQ(zkEnumerateMemoryGaps(CollectRange, &seen) +
-                  zkEnumerateMemoryUsed(CollectRange, &seen),
-              0u);
     TraceCapture trace;
     EXPECT_EQ(zkDumpAllMemoryBlocks(0) + zkDumpAllMemoryGaps(0), 0u);
     EXPECT_EQ(trace.Lines(), (std::vector<std::string>{"QaxKrnl : Dumping Memory Blocks.\n",

@@ -1,13 +1,9 @@
-// Per-thread message queues, the wait for an event or a message, and the
-// interrupt-to-close hook of the POSIX backend.
+// Per-thread message queues of the POSIX backend, and the wait for an event or a message.
 #include "platform/platform.h"
 
 #include <gtest/gtest.h>
 
-#include <signal.h>
-
 #include <atomic>
-#include <functional>
 #include <thread>
 #include <vector>
 
@@ -17,7 +13,7 @@ using zk::os::Handle;
 using zk::os::Message;
 using zk::os::WakeReason;
 
-constexpr uint32_t kWmClose = 0x0010, kWmQuit = 0x0012, kWmUser = 0x0400;
+constexpr uint32_t kWmQuit = 0x0012, kWmUser = 0x0400;
 
 // A class of its own and one window created by the calling thread.
 struct Receiver {
@@ -44,69 +40,8 @@ TEST(Messages, InOrderPerThreadAndAFullQueueKeepsQuit) {
         ASSERT_EQ(m.lParam, -zkSAddr(i));
     }
     ASSERT_TRUE(zk::os::MessagePeek(&m)); // quit, delivered after the ring emptied
-    EXPECT_EQ(m.window == nullptr && m.message == kWmQuit && static_cast<int32_t>(m.wParam) == -7,
-              true);
+    EXPECT_TRUE(m.window == nullptr && m.message == kWmQuit && int32_t(m.wParam) == -7);
     EXPECT_FALSE(zk::os::MessagePeek(&m));
-}
-
-TEST(WaitEventOrMessage, WakesForWhatIsThereOrWhatAnotherThreadPostsOrSets) {
-    Receiver r("ZkWaitOther");
-    Handle e = zk::os::EventCreate(false, false), s = zk::os::SemaphoreCreate(0, 1);
-    auto post = [&] { zk::os::MessagePost(r.window, kWmUser, 42, 0); };
-    auto set = [&] { zk::os::EventSet(e); };
-    const struct {
-        Handle waitOn;
-        std::function<void()> act;
-        int delay; // -1: before the wait
-        bool message;
-    } cases[] = {{e, post, -1, true},
-                 {e, set, -1, false},
-                 {e, post, 20, true},
-                 {e, set, 20, false},
-                 {s, [&] { zk::os::SemaphoreRelease(s, 1); }, 20, false},
-                 {nullptr, post, 20, true}};
-    for (const auto& c : cases) {
-        if (c.delay < 0) c.act();
-        std::thread other([&] { c.delay < 0 ? void() : (zk::os::Sleep(c.delay), c.act()); });
-        bool message = zk::os::WaitEventOrMessage(c.waitOn) == WakeReason::Message;
-        other.join();
-        Message m{};
-        EXPECT_EQ(message, c.message) << &c - cases;
-        EXPECT_EQ(zk::os::MessagePeek(&m), message) << &c - cases;
-        EXPECT_NE(zk::os::Wait(c.waitOn, 0), zk::os::WaitResult::Signaled); // it was taken
-    }
-    EXPECT_EQ(zk::os::WaitEventOrMessage(r.window), WakeReason::Failed); // not a waitable object
-    zk::os::CloseHandle(s);
-    zk::os::CloseHandle(e);
-}
-
-std::atomic<int> gTestHandlerCalls{0};
-void TestHandler(int) {
-    ++gTestHandlerCalls;
-}
-
-TEST(CloseOnInterrupt, SignalPostsCloseAndUninstallRestoresTheHandler) {
-    Receiver r("ZkInterrupt");
-    struct sigaction mine {
-    }, saved{};
-    mine.sa_handler = &TestHandler;
-    sigaction(SIGINT, &mine, &saved);
-    Message m{};
-    for (int round = 0; round < 2; ++round) { // installed again, it works again
-        zk::os::CloseOnInterrupt(r.window);
-        for (int sig : {SIGINT, SIGTERM}) {
-            raise(sig);
-            ASSERT_EQ(zk::os::WaitEventOrMessage(nullptr), WakeReason::Message);
-            ASSERT_TRUE(zk::os::MessagePeek(&m));
-            EXPECT_TRUE(m.window == r.window && m.message == kWmClose);
-        }
-        zk::os::CloseOnInterrupt(nullptr);
-        EXPECT_EQ(gTestHandlerCalls, round);
-        raise(SIGINT); // the application's handler is back
-        EXPECT_EQ(gTestHandlerCalls, round + 1);
-        EXPECT_FALSE(zk::os::MessagePeek(&m));
-    }
-    sigaction(SIGINT, &saved, nullptr);
 }
 
 // ---- stress (also run under ThreadSanitizer) --------------------------------

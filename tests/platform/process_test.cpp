@@ -1,5 +1,4 @@
-// Process services of the POSIX backend: the command line and the named mutex
-// (the single-instance lock) across processes.
+// The named mutex of the POSIX backend (the single-instance lock) across processes.
 #include "platform/platform.h"
 #include "platform/posix/posix_internal.h"
 
@@ -8,39 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
 namespace {
-
-using zk::os::posix::BuildCommandLine;
-
-TEST(CommandLine, QuotesArgumentsWithSpacesAndIsCutAtAnArgumentBoundary) {
-    std::string a3000(3000, 'a'), b4090(4090, 'b'), p5000(5000, 'p');
-    const struct {
-        std::vector<const char*> argv;
-        uint32_t length;
-        const char* line; // when short enough to spell out
-    } cases[] = {
-        {{"/opt/my app/game", "-w", "two words", "", "x"},
-         38,
-         "\"/opt/my app/game\" -w \"two words\" \"\" x"},
-        {{"prog", a3000.c_str(), a3000.c_str(), "tail"}, 4 + 1 + 3000, nullptr}, // no whole third
-        {{"prog", b4090.c_str()}, 4095, nullptr},                                // exactly fits
-        {{p5000.c_str(), "x"}, 4095, nullptr}, // an overlong program name is cut
-    };
-    char line[4096];
-    for (const auto& c : cases) {
-        int argc = static_cast<int>(c.argv.size());
-        EXPECT_EQ(BuildCommandLine(argc, c.argv.data(), line, sizeof(line)), c.length);
-        EXPECT_EQ(std::strlen(line), c.length);
-        EXPECT_STREQ(c.line ? line : nullptr, c.line);
-    }
-    EXPECT_NE(std::strstr(zk::os::CommandLine(), "test_platform"), nullptr);
-}
-
-// ---- named mutex --------------------------------------------------------------
 
 // Lock files stay in place by design; the tests remove theirs.
 void RemoveLockFile(const std::string& name) {

@@ -4,37 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-
 namespace {
-
-struct Ticks {
-    std::atomic<int> count{0};
-    std::atomic<uint32_t> id{0};
-    int killAt = 0; // kill from inside the callback on this tick
-};
-
-void CountTick(void* user) {
-    auto* ticks = static_cast<Ticks*>(user);
-    if (++ticks->count == ticks->killAt) zk::os::TimerKill(ticks->id);
-}
-
-TEST(Timer, TicksUntilKilledAndNeverAfter) {
-    EXPECT_EQ(zk::os::TimerStartPeriodic(16, 1, nullptr, nullptr), 0u);
-    Ticks a, b;
-    b.killAt = 5;
-    uint32_t id = zk::os::TimerStartPeriodic(2, 1, &CountTick, &a);
-    b.id = zk::os::TimerStartPeriodic(1, 1, &CountTick, &b);
-    ASSERT_TRUE(id != 0 && b.id != 0 && b.id != id);
-    while (a.count < 20 || b.count < 5)
-        zk::os::Sleep(1);
-    zk::os::TimerKill(id);
-    int atKill = a.count;
-    zk::os::Sleep(20);
-    EXPECT_EQ(a.count, atKill);
-    EXPECT_EQ(b.count, 5) << "killed from its own callback";
-    zk::os::TimerKill(id); // a second kill does nothing
-}
 
 TEST(TimerPacing, NextDeadlineKeepsTheGridAndSkipsMissedTicks) {
     using zk::os::posix::NextTimerDeadline;

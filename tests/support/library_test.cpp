@@ -16,7 +16,39 @@ int32_t ZK_CALL CollectForeignBlock(zkAddr start, uint32_t length, uint32_t cate
 
 std::atomic<TraceCapture*> g_activeCapture{nullptr};
 
+uint32_t g_refuseIn = 0; // allocations until the refused one; 0 when none is due
+bool g_refused = false;
+int32_t ZK_CALL RefuseKth(uint32_t, uint32_t) {
+    if (g_refuseIn == 0 || --g_refuseIn != 0) return 1;
+    g_refused = true;
+    return 0;
+}
+
 } // namespace
+
+uint32_t UsedBlocks() {
+    MemoryInfo info{};
+    zkGetMemoryInfo(&info);
+    return info.blockCount;
+}
+
+uint32_t WalkRefusals(const char* what, const std::function<bool()>& attempt) {
+    uint32_t k = 1;
+    for (;; ++k) {
+        const Codes before = {UsedBlocks(), zkGetOpenFileCount()};
+        g_refuseIn = k;
+        g_refused = false;
+        zkSetAllocHook(RefuseKth);
+        const bool ok = attempt();
+        zkSetAllocHook(nullptr);
+        g_refuseIn = 0;
+        EXPECT_EQ(Codes({UsedBlocks(), zkGetOpenFileCount()}), before)
+            << what << ", allocation " << k << " refused";
+        EXPECT_TRUE(ok || g_refused) << what << ": nothing was refused, yet it failed";
+        if (!g_refused || k == 400) break;
+    }
+    return k - 1;
+}
 
 void LibraryTest::SetUp() {
     ASSERT_EQ(zkBeginProcess(0), 0);

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -29,6 +30,20 @@ constexpr bool kThreadSanitizer = false;
 // The arena and descriptor count every test starts the library with.
 constexpr uint32_t kArenaSize = 32u << 20;
 constexpr uint32_t kDescriptors = 1024;
+
+// Results and counts of a run of calls, compared in one go (evaluated in order).
+using Codes = std::vector<int64_t>;
+
+// Blocks in use in the system pool.
+uint32_t UsedBlocks();
+
+// The allocation-failure walk: runs `attempt` with the k-th system-pool
+// allocation after its start refused, for k = 1, 2, ..., until a run in which
+// nothing was refused; each run must leave the pool's blocks and the open
+// files as it found them, and `attempt` (true when all its work succeeded)
+// may fail only in a run that had a refusal. Returns the number of
+// allocations the work makes (the runs with a refusal).
+uint32_t WalkRefusals(const char* what, const std::function<bool()>& attempt);
 
 // initProc and termProc for zkMain runs: start the library, terminate it.
 inline int ZK_CALL StartLibrary() {

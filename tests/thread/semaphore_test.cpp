@@ -40,8 +40,6 @@ TEST(Semaphore, CountsStayWithinZeroAndTheMaximumAndTheTableHolds128) {
     EXPECT_EQ(zkPollSemaphore(s), 0) << "the record holds the new semaphore";
     for (SemaphoreRecord* semaphore : all)
         zkReleaseSemaphore(semaphore);
-    zkWaitSemaphore(nullptr); // null handles do nothing
-    EXPECT_EQ(zkPollSemaphore(nullptr), 0);
 }
 
 TEST(SemaphoreStress, UnitsBalanceAndRecordsStayTheirHolders) {
@@ -97,27 +95,6 @@ TEST_F(CloseConcurrencyLibrary, TerminationEndsAVblankWait) {
     ASSERT_TRUE(Returns(terminate));
     ASSERT_TRUE((waits = -1000, Returns(waiter)));
     ASSERT_EQ(zkInitializeEx(zktest::kArenaSize, zktest::kDescriptors), 0); // for the tear-down
-}
-
-// Live requests hold no semaphore records, thread objects or ring buffers.
-TEST_F(CloseConcurrencyLibrary, SixHundredRequestsStarveNothing) {
-    ASSERT_EQ(zkInitializeRequest(600), 0);
-    std::vector<Request*> requests(600);
-    for (Request*& request : requests)
-        ASSERT_NE(request = zkCreateRequest(), nullptr);
-    SemaphoreRecord* semaphore = zkCreateSemaphore(0, 1);
-    ThreadRecord* thread = zkCreateThread(0);
-    auto signal = [](void* s) { zkSignalSemaphore(static_cast<SemaphoreRecord*>(s)); };
-    ASSERT_EQ(zkStartThread(thread, signal, semaphore), 0);
-    EXPECT_EQ(zkReleaseThread(thread), 0);
-    EXPECT_EQ(zkPollSemaphore(semaphore), 1) << "the thread ran";
-    unsigned char storage[16];
-    RingBuffer* ring = zkCreateRingBuffer(storage, sizeof(storage));
-    EXPECT_EQ(zkGetRingBufferAddress(ring), storage);
-    zkReleaseRingBuffer(ring);
-    zkReleaseSemaphore(semaphore);
-    for (Request* request : requests)
-        EXPECT_EQ(zkReleaseRequest(request), 0);
 }
 
 } // namespace

@@ -200,28 +200,6 @@ constexpr int kRounds = zktest::kThreadSanitizer ? 10000 : 20000;
 
 using RequestStress = RequestProtocol;
 
-// Sixteen requests in flight at once; every other round polls before the End.
-TEST_F(RequestStress, RoundTripsOnSixteenRequests) {
-    Request* requests[16] = {request_};
-    for (int i = 1; i < 16; ++i)
-        ASSERT_NE(requests[i] = zkCreateRequest(), nullptr);
-    TestExecutor executor;
-    int wrong = 0;
-    for (int round = 0; round < kRounds / 16; ++round) {
-        for (int i = 0; i < 16; ++i)
-            ASSERT_EQ(BeginAdd(executor, requests[i], round, i), 0);
-        for (int i = 0; i < 16; ++i) {
-            while (round % 2 && !zkIsRequestCompleted(requests[i]))
-                std::this_thread::yield();
-            bool checked = false;
-            wrong += EndAdd(requests[i], &checked) != round + i || !checked;
-        }
-    }
-    EXPECT_EQ(wrong, 0);
-    for (int i = 1; i < 16; ++i)
-        EXPECT_EQ(zkReleaseRequest(requests[i]), 0);
-}
-
 // Each application thread drives its own request; one executor serves all.
 TEST_F(RequestStress, OneRequestPerThread) {
     TestExecutor executor;

@@ -73,9 +73,10 @@ configure_and_build() {
     configure "$@" && build "$1"
 }
 
-# ctest's closing line ("100% tests passed, 0 tests failed out of 5") from a log.
+# ctest's closing line ("100% tests passed, 0 tests failed out of 5") from a
+# log: one line, whatever else the log holds (wine's output, carriage returns).
 ctest_summary() {
-    grep -E 'tests passed|No tests were found' "$1" | tail -n 1
+    grep -a -E '^[0-9]+% tests passed|^No tests were found' "$1" | tr -d '\r' | tail -n 1
 }
 
 run_ctest() {

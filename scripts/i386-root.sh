@@ -161,8 +161,12 @@ prepare() {
     if [ -n "$tarball" ]; then
         echo "i386 root: saving it to $tarball"
         "${SUDO[@]}" mkdir -p "$(dirname "$tarball")"
-        "${SUDO[@]}" tar -C "$ROOTFS" -caf "$tarball.partial" . >>"$log" 2>&1 &&
-            "${SUDO[@]}" mv "$tarball.partial" "$tarball" ||
+        # Written beside it under a name that keeps its suffix, which picks
+        # the compression (.tar, .tar.zst, ...), then moved into place.
+        local partial
+        partial="$(dirname "$tarball")/.partial-$(basename "$tarball")"
+        "${SUDO[@]}" tar -C "$ROOTFS" -caf "$partial" . >>"$log" 2>&1 &&
+            "${SUDO[@]}" mv "$partial" "$tarball" ||
             echo "i386 root: could not save $tarball (log: $log)"
     fi
 }

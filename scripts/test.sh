@@ -407,11 +407,12 @@ main() {
     local first=("${legs[0]}" ccache)
     [ $win32 -eq 1 ] && first+=(i386-root)
     setup "${first[@]}"
-    echo "---- setup: $((SECONDS - start)) s"
+    local setup_time=$((SECONDS - start))
+    echo "---- setup: $setup_time s"
     [ ${#legs[@]} -gt 1 ] && start_packages "${legs[@]:1}"
     [ $win32 -eq 1 ] && start_i386_root
 
-    local failed=0
+    local failed=0 run_start=$start
     for leg in "${legs[@]}"; do
         header "$leg"
         start=$SECONDS
@@ -427,10 +428,12 @@ main() {
     done
 
     header "summary"
+    printf '%-11s %-7s %5s s  %s\n' setup "" "$setup_time" "the first leg's packages"
     for leg in "${legs[@]}"; do
         printf '%-11s %-7s %5s s  %s\n' "$leg" "${LEG_STATUS[$leg]}" "${LEG_TIME[$leg]}" \
             "${LEG_NOTE[$leg]:-}"
     done
+    printf '%-11s %-7s %5s s\n' total "" "$((SECONDS - run_start))"
     return "$failed"
 }
 

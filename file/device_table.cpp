@@ -1,6 +1,6 @@
-// The device table, path building and resolution, and the path exports.
+// The device table, the working directory, path building and resolution, and
+// the path exports.
 #include "file/device_table.h"
-#include "file/file_system.h"
 
 #include <zk/result.h>
 
@@ -11,6 +11,7 @@ namespace zk {
 namespace {
 
 DeviceTable g_devices;
+WorkingDirectory g_workDir;
 
 // Copies length characters and a NUL.
 void CopyTerminated(char* out, const char* text, uint32_t length) {
@@ -91,6 +92,24 @@ uint32_t BuildFullPath(const char* path, const char* workDir, uint32_t workDirLe
     return full + 1;
 }
 
+WorkingDirectory& WorkDir() {
+    return g_workDir;
+}
+
+void WorkingDirectory::Reset() {
+    dir_[0] = '/';
+    dir_[1] = '\0';
+    length_ = 1;
+}
+
+void WorkingDirectory::Set(const char* dir) {
+    uint32_t length = static_cast<uint32_t>(std::strlen(dir));
+    if (length >= kMaxPath) return;
+    if (length >= 1 && IsSeparator(dir[length - 1])) --length;
+    CopyTerminated(dir_, dir, length);
+    length_ = length;
+}
+
 int32_t ResolvePath(const char* path, char* out, uint32_t outSize, DeviceDriver** device) {
     const uint32_t length = static_cast<uint32_t>(std::strlen(path));
     DeviceDriver* driver = nullptr;
@@ -164,12 +183,12 @@ extern "C" ZK_API int32_t ZK_CALL zkRegisterDevice(zkDeviceDriver* driver) {
 }
 
 extern "C" ZK_API void ZK_CALL zkSetWorkDir(const char* dir) {
-    if (dir) zk::Files().SetWorkDir(dir);
+    if (dir) zk::WorkDir().Set(dir);
 }
 
 extern "C" ZK_API uint32_t ZK_CALL zkGetFullPath(const char* path, char* out, uint32_t outSize) {
     if (!path || !out) return 0;
-    return zk::Files().FullPath(path, out, outSize);
+    return zk::WorkDir().FullPath(path, out, outSize);
 }
 
 extern "C" ZK_API int32_t ZK_CALL zkGetPhysicalPath(const char* path, char* out, uint32_t outSize) {

@@ -92,6 +92,25 @@ inline DeviceDriver* FindDevice(const char* name) {
 uint32_t BuildFullPath(const char* path, const char* workDir, uint32_t workDirLength, char* out,
                        uint32_t outSize);
 
+// The directory that relative paths are built against: "/" from the file
+// system's start on, changed by zkSetWorkDir.
+class WorkingDirectory {
+public:
+    void Reset();
+    // Keeps dir without one trailing separator; ignored when too long.
+    void Set(const char* dir);
+    // BuildFullPath against this directory.
+    uint32_t FullPath(const char* path, char* out, uint32_t outSize) const {
+        return BuildFullPath(path, dir_, length_, out, outSize);
+    }
+
+private:
+    char dir_[kMaxPath]{};
+    uint32_t length_ = 0;
+};
+
+WorkingDirectory& WorkDir();
+
 // Turns a mount path or device path into the physical path for its driver.
 // 0 or positive (the driver's ConvertPath result) with *device set, or -33,
 // -42, -23 (with *device null, except after -33 from a mount).

@@ -70,9 +70,7 @@ int32_t FileSystem::Startup() {
     // The open count is left as it is: handles still open after termination
     // stay open (and may be taken and given back on other threads meanwhile).
     totalBytesRead_.store(0, std::memory_order_relaxed);
-    workDir_[0] = '/';
-    workDir_[1] = '\0';
-    workDirLength_ = 1;
+    WorkDir().Reset();
     std::memcpy(tryCounts_, kDefaultTries, sizeof(tryCounts_));
     return worker_.Start();
 }
@@ -135,7 +133,7 @@ FileHandle* FileSystem::AllocateHandle(const char* path) {
     if (!handle) return nullptr;
     // A full path that does not fit is not written: the handle's stays empty.
     handle->fullPath[0] = '\0';
-    BuildFullPath(path, workDir_, workDirLength_, handle->fullPath, kMaxPath);
+    WorkDir().FullPath(path, handle->fullPath, kMaxPath);
     handle->device = nullptr;
     SetFile(handle, nullptr);
     handle->unit = 0;
@@ -242,19 +240,6 @@ int32_t FileSystem::ReadAtDirect(FileHandle* handle, uint32_t offset, void* buff
     }
     if (got) *got = count;
     return result;
-}
-
-void FileSystem::SetWorkDir(const char* dir) {
-    uint32_t length = static_cast<uint32_t>(std::strlen(dir));
-    if (length >= kMaxPath) return;
-    if (length >= 1 && IsSeparator(dir[length - 1])) --length;
-    std::memcpy(workDir_, dir, length);
-    workDir_[length] = '\0';
-    workDirLength_ = length;
-}
-
-uint32_t FileSystem::FullPath(const char* path, char* out, uint32_t outSize) const {
-    return BuildFullPath(path, workDir_, workDirLength_, out, outSize);
 }
 
 int32_t FileSystem::SetTryCount(uint32_t kind, uint32_t count) {
@@ -461,7 +446,7 @@ extern "C" ZK_API int32_t ZK_CALL zkDeleteFile(const char* path, uint32_t arg) {
     if (!path) return ZK_ERR_INVALID_ARGUMENT;
     char fullPath[zk::kMaxPath];
     fullPath[0] = '\0';
-    Files().FullPath(path, fullPath, zk::kMaxPath);
+    zk::WorkDir().FullPath(path, fullPath, zk::kMaxPath);
     char physical[zk::kMaxPath];
     zk::DeviceDriver* device = nullptr;
     const int32_t result = zk::ResolvePath(fullPath, physical, zk::kMaxPath, &device);

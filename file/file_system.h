@@ -1,8 +1,9 @@
-// The file system: the table of 32 file handles, the working directory, the
-// counters, the file try counts and the device I/O worker.
+// The file system: the table of 32 file handles, the counters, the file try
+// counts and the device I/O worker.
 //
 // Owns: the FileSystem object (static), and through it the worker; the device
-// table and mount table (device_table.h) are the file system's too.
+// table, the mount table and the working directory (device_table.h) are the
+// file system's too; it resets the working directory at its start.
 //
 // Locks: none process-wide. A handle is taken and given back by an atomic
 // exchange of its owner and the open count is an atomic, so the table works
@@ -103,8 +104,10 @@ public:
     bool InUse(const FileHandle* handle) const;
     uint32_t TriesOf(const FileHandle* handle) const;
 
-    void SetWorkDir(const char* dir);
-    uint32_t FullPath(const char* path, char* out, uint32_t outSize) const;
+    // A path built against the working directory (device_table.h).
+    uint32_t FullPath(const char* path, char* out, uint32_t outSize) const {
+        return WorkDir().FullPath(path, out, outSize);
+    }
 
     void AddBytesRead(uint32_t n) {
         if (n) totalBytesRead_.fetch_add(n, std::memory_order_relaxed);
@@ -123,8 +126,6 @@ public:
 private:
     FileHandle handles_[kMaxFiles]{};
     std::atomic<uint32_t> openCount_{0}; // changed with the owners, read anywhere
-    char workDir_[kMaxPath]{};
-    uint32_t workDirLength_ = 0;
     std::atomic<uint64_t> totalBytesRead_{0};
     DeviceIoWorker worker_;
     uint32_t tryCounts_[kTryKinds]{};

@@ -11,7 +11,14 @@
 # /var/cache/qaxkrnl-i386-root) and is reused once ready. <dir> is bound at
 # the same absolute path inside the root, so programs, their data and the
 # paths compiled into tests look the same inside and out. `run` is what ctest
-# uses as the emulator of the i686 build; every run gets its own Xvfb.
+# uses as the emulator of the i686 build: it uses the X display named in
+# ZK_I386_DISPLAY (with ZK_I386_XAUTHORITY), such as an Xvfb on the host whose
+# socket and authority file are under /tmp; without one, every run starts its
+# own Xvfb inside the root.
+#
+# ZK_I386_ROOT_TARBALL names a tarball of a prepared root: prepare unpacks it
+# when it exists and otherwise saves the root it made there, so that a machine
+# whose /var/cache does not persist (a CI cache folder does) skips the download.
 #
 # Failures print one line to standard error, starting with the reason.
 set -euo pipefail
@@ -90,18 +97,39 @@ in_root() {
         LANG=C.UTF-8 DEBIAN_FRONTEND=noninteractive "$@"
 }
 
+# Moves a finished stage into place.
+install_stage() {
+    local stage=$1
+    has_mounts_below "$ROOTFS" && fail "$ROOTFS has mounts; unmount them first"
+    "${SUDO[@]}" rm -rf "$ROOTFS"
+    "${SUDO[@]}" mv "$stage" "$ROOTFS"
+}
+
 prepare() {
     [ -f "$ROOTFS/$READY_MARK" ] && return 0
     if [ ${#SUDO[@]} -gt 0 ] && ! sudo -n true 2>/dev/null; then
         fail "needs root or password-less sudo"
     fi
-    command -v debootstrap >/dev/null || fail "debootstrap is not installed"
 
     local stage="$ROOTFS.partial" log="${ZK_I386_LOG:-/tmp/qaxkrnl-i386-root.log}"
+    local tarball=${ZK_I386_ROOT_TARBALL:-}
     has_mounts_below "$stage" && fail "$stage still has mounts; unmount them first"
     "${SUDO[@]}" rm -rf "$stage"
     "${SUDO[@]}" mkdir -p "$(dirname "$ROOTFS")"
     : >"$log"
+
+    if [ -n "$tarball" ] && [ -f "$tarball" ]; then
+        echo "i386 root: unpacking $tarball"
+        "${SUDO[@]}" mkdir -p "$stage"
+        if "${SUDO[@]}" tar -C "$stage" -xf "$tarball" >>"$log" 2>&1 &&
+            [ -f "$stage/$READY_MARK" ]; then
+            install_stage "$stage"
+            return 0
+        fi
+        echo "i386 root: $tarball is not a prepared root; making one"
+        "${SUDO[@]}" rm -rf "$stage"
+    fi
+    command -v debootstrap >/dev/null || fail "debootstrap is not installed"
 
     local mirror
     mirror=$(debian_mirror)
@@ -129,9 +157,18 @@ prepare() {
     [ $status -eq 0 ] || fail "wine install failed: $(last_error "$log") (log: $log)"
 
     "${SUDO[@]}" touch "$stage/$READY_MARK"
-    has_mounts_below "$ROOTFS" && fail "$ROOTFS has mounts; unmount them first"
-    "${SUDO[@]}" rm -rf "$ROOTFS"
-    "${SUDO[@]}" mv "$stage" "$ROOTFS"
+    install_stage "$stage"
+    if [ -n "$tarball" ]; then
+        echo "i386 root: saving it to $tarball"
+        "${SUDO[@]}" mkdir -p "$(dirname "$tarball")"
+        # Written beside it under a name that keeps its suffix, which picks
+        # the compression (.tar, .tar.zst, ...), then moved into place.
+        local partial
+        partial="$(dirname "$tarball")/.partial-$(basename "$tarball")"
+        "${SUDO[@]}" tar -C "$ROOTFS" -caf "$partial" . >>"$log" 2>&1 &&
+            "${SUDO[@]}" mv "$partial" "$tarball" ||
+            echo "i386 root: could not save $tarball (log: $log)"
+    fi
 }
 
 mount_dir() {
@@ -153,11 +190,16 @@ umount_dir() {
 
 run() {
     [ $# -ge 1 ] || fail "usage: i386-root.sh run <program.exe> [args]"
-    local cwd
+    local cwd vars=() wrapper=()
     cwd=$(pwd -P)
+    if [ -n "${ZK_I386_DISPLAY:-}" ]; then
+        vars=(DISPLAY="$ZK_I386_DISPLAY" ${ZK_I386_XAUTHORITY:+XAUTHORITY="$ZK_I386_XAUTHORITY"})
+    else
+        wrapper=(/usr/bin/xvfb-run -a)
+    fi
     exec "${SUDO[@]}" chroot "$ROOTFS" /usr/bin/env -i PATH=/usr/bin:/bin HOME=/root \
         LANG=C.UTF-8 WINEPREFIX="$WINE_PREFIX" WINEDEBUG=-all ${GTEST_FILTER:+GTEST_FILTER="$GTEST_FILTER"} \
-        /usr/bin/env --chdir="$cwd" /usr/bin/xvfb-run -a /usr/bin/wine "$@"
+        "${vars[@]}" /usr/bin/env --chdir="$cwd" "${wrapper[@]}" /usr/bin/wine "$@"
 }
 
 case "${1:-}" in

@@ -3,29 +3,38 @@
 #
 #   scripts/test.sh [leg...]     no leg = all of them, in this order:
 #
-#   linux-asan  Debug, AddressSanitizer + UndefinedBehaviorSanitizer, ctest
+#   linux-asan  Debug, AddressSanitizer + UndefinedBehaviorSanitizer, ctest;
+#               first, no include cycle between library files
+#               (scripts/include-cycles.sh)
 #   linux-m32   32-bit Linux build (-m32), ctest
 #   win64       MinGW x86_64 cross build; ctest under wine64 in Xvfb
 #   win32       MinGW i686 cross build (the library's own target), always
 #               built and linked; its tests run under 32-bit wine in a 32-bit
-#               Debian root (scripts/i386-root.sh) when one can be made
-#   tsan        ThreadSanitizer; every test program with only its Stress,
-#               Concurrency and ArgumentSweep suites
+#               Debian root (scripts/i386-root.sh) when one can be made, all
+#               sharing one Xvfb of the host
+#   tsan        ThreadSanitizer; every test program (and only those) with
+#               only its Stress, Concurrency and ArgumentSweep suites
 #   install     Release build installed into a prefix; a program outside the
 #               tree is built against it through find_package and pkg-config
 #               (the win64 leg does the same for the MinGW build under wine)
 #   fuzz        clang libFuzzer targets (fuzz/*.cpp), each run for
-#               ZK_FUZZ_SECONDS (20) seconds from the seeds in fuzz/corpus/<target>/;
-#               what they find grows in the build folder
+#               ZK_FUZZ_SECONDS (20) seconds from the seeds in fuzz/corpus/<target>/,
+#               two at a time (ZK_CI_JOBS); what they find grows in the build
+#               folder
 #
-# Each leg installs what it needs first (scripts/setup.sh). Builds go to
-# build-ci/<leg> (ZK_CI_BUILD_DIR overrides build-ci). Exit status is non-zero
-# when any leg failed; a summary with times closes the output.
+# The first leg's packages are installed first (scripts/setup.sh), the other
+# legs' in the background while it builds (one package-list update a run);
+# each leg checks its own again. When win32 is among the legs, its 32-bit
+# Debian root is made in the background from the start. Builds go to
+# build-ci/<leg> (ZK_CI_BUILD_DIR overrides build-ci), through ccache where
+# it is installed; each leg builds only what it runs or checks. Debug information is line tables only (-g1): enough for
+# sanitizer reports and backtraces. Exit status is non-zero when any leg
+# failed; a summary with times closes the output.
 set -uo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 BUILD_ROOT=${ZK_CI_BUILD_DIR:-$ROOT/build-ci}
-JOBS=2
+JOBS=${ZK_CI_JOBS:-2}
 ALL_LEGS=(linux-asan linux-m32 win64 win32 tsan install fuzz)
 
 declare -A LEG_STATUS LEG_TIME LEG_NOTE
@@ -34,15 +43,40 @@ header() { printf '\n==================== %s ====================\n' "$*"; }
 
 setup() { bash "$ROOT/scripts/setup.sh" "$@"; }
 
-configure_and_build() {
+# Line tables only, in every build type the legs use.
+LIGHT_DEBUG=(-DCMAKE_C_FLAGS_DEBUG=-g1 -DCMAKE_CXX_FLAGS_DEBUG=-g1
+    "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O2 -g1 -DNDEBUG"
+    "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O2 -g1 -DNDEBUG")
+
+configure() {
     local dir=$1
     shift
-    cmake -S "$ROOT" -B "$dir" -G Ninja "$@" && cmake --build "$dir" -j "$JOBS"
+    local launcher=()
+    if command -v ccache >/dev/null; then
+        launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+        # The tests' precompiled header is cached too.
+        export CCACHE_SLOPPINESS=${CCACHE_SLOPPINESS:-pch_defines,time_macros}
+    fi
+    cmake -S "$ROOT" -B "$dir" -G Ninja "${launcher[@]}" "${LIGHT_DEBUG[@]}" "$@"
 }
 
-# ctest's closing line ("100% tests passed, 0 tests failed out of 5") from a log.
+# build DIR [target...]: everything, or only the targets named.
+build() {
+    local dir=$1
+    shift
+    local targets=()
+    [ $# -gt 0 ] && targets=(--target "$@")
+    cmake --build "$dir" -j "$JOBS" "${targets[@]}"
+}
+
+configure_and_build() {
+    configure "$@" && build "$1"
+}
+
+# ctest's closing line ("100% tests passed, 0 tests failed out of 5") from a
+# log: one line, whatever else the log holds (wine's output, carriage returns).
 ctest_summary() {
-    grep -E 'tests passed|No tests were found' "$1" | tail -n 1
+    grep -a -E '^[0-9]+% tests passed|^No tests were found' "$1" | tr -d '\r' | tail -n 1
 }
 
 run_ctest() {
@@ -106,6 +140,7 @@ check_linux_exports() {
 leg_linux_asan() {
     local dir="$BUILD_ROOT/linux-asan"
     setup base || return 1
+    bash "$ROOT/scripts/include-cycles.sh" || return 1
     configure_and_build "$dir" -DCMAKE_BUILD_TYPE=Debug -DZK_SANITIZE=address,undefined || return 1
     check_linux_exports "$dir/bin/libqaxkrnl.so" || return 1
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
@@ -187,9 +222,23 @@ leg_win32() {
     local reason
     # wine needs a kernel that runs 32-bit programs itself: under qemu's
     # user-mode emulation it cannot load its own kernel32.dll.
-    if ! reason=$(bash "$ROOT/scripts/i386-exec.sh" --native 2>&1 >/dev/null) ||
-        ! reason=$(bash "$runner" prepare 2>&1 >"$dir/i386-root.log"); then
+    if ! reason=$(bash "$ROOT/scripts/i386-exec.sh" --native 2>&1 >/dev/null); then
+        stop_i386_root
         echo "win32 tests: skipped (32-bit wine unavailable: ${reason##*$'\n'})"
+        LEG_NOTE[win32]="built and linked; tests skipped (32-bit wine unavailable)"
+        return 0
+    fi
+    # The root was started in the background at the beginning of the run
+    # (start_i386_root); without that, it is made here.
+    [ -n "$I386_PREP_PID" ] || start_i386_root
+    echo "win32: waiting for the 32-bit root (log $BUILD_ROOT/i386-root.log)"
+    wait "$I386_PREP_PID"
+    local prepared=$?
+    I386_PREP_PID=""
+    cat "$BUILD_ROOT/i386-root.log"
+    if [ "$prepared" -ne 0 ]; then
+        reason=$(tail -n 1 "$BUILD_ROOT/i386-root.log")
+        echo "win32 tests: skipped (32-bit wine unavailable: ${reason})"
         LEG_NOTE[win32]="built and linked; tests skipped (32-bit wine unavailable)"
         return 0
     fi
@@ -206,18 +255,53 @@ leg_win32() {
         fi
         I386_MOUNTED+=("$mount")
     done
-    # Every test run starts its own Xvfb inside the root: one at a time.
-    run_ctest win32 "$dir" -j 1
-    local status=$?
+    # One Xvfb on the host serves every test: its socket and authority file
+    # are under /tmp, which the root shares.
+    local log="$dir/ctest.log"
+    xvfb-run -a bash -c 'ZK_I386_DISPLAY=$DISPLAY ZK_I386_XAUTHORITY=$XAUTHORITY \
+        ctest --test-dir "$1" --output-on-failure -j "$2"' _ "$dir" "$JOBS" 2>&1 | tee "$log"
+    local status=${PIPESTATUS[0]}
+    LEG_NOTE[win32]=$(ctest_summary "$log")
     unmount_i386
     return "$status"
+}
+
+# Installs the given legs' packages in the background; wait_packages waits
+# for that and shows what it printed.
+PACKAGES_PID=""
+start_packages() {
+    setup "$@" >"$BUILD_ROOT/setup.log" 2>&1 </dev/null &
+    PACKAGES_PID=$!
+}
+
+wait_packages() {
+    [ -n "$PACKAGES_PID" ] || return 0
+    wait "$PACKAGES_PID" || echo "setup: the background installation failed; the legs try again"
+    PACKAGES_PID=""
+    cat "$BUILD_ROOT/setup.log"
+}
+
+# Makes the 32-bit root for the win32 leg's tests in the background (in a
+# session of its own, so that an interrupted run can stop all of it): it
+# downloads and installs for minutes while other legs compile. Its output goes
+# to i386-root.log; it fails with the reason on its last line.
+I386_PREP_PID=""
+start_i386_root() {
+    setsid bash "$ROOT/scripts/i386-root.sh" prepare >"$BUILD_ROOT/i386-root.log" 2>&1 </dev/null &
+    I386_PREP_PID=$!
+}
+
+stop_i386_root() {
+    [ -n "$I386_PREP_PID" ] && kill -- -"$I386_PREP_PID" 2>/dev/null
+    I386_PREP_PID=""
 }
 
 leg_tsan() {
     local dir="$BUILD_ROOT/tsan"
     setup base || return 1
-    configure_and_build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZK_SANITIZE=thread \
+    configure "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZK_SANITIZE=thread \
         -DZK_BUILD_BENCH=OFF -DZK_BUILD_EXAMPLES=OFF -DZK_BUILD_TOOLS=OFF || return 1
+    build "$dir" zk_tests || return 1
     local program ran=0 failed=0
     for program in "$dir"/bin/test_*; do
         [ -x "$program" ] || continue
@@ -239,30 +323,54 @@ leg_install() {
     LEG_NOTE[install]="installed; consumer built through find_package and pkg-config and ran"
 }
 
+# Runs one fuzz target for the given seconds; its log is DIR/NAME.log and its
+# exit status goes to DIR/NAME.status.
+fuzz_one() {
+    local program=$1 dir=$2 seconds=$3 name seeds=()
+    name=$(basename "$program")
+    mkdir -p "$dir/corpus/$name"
+    # The repository's seeds (fuzz/corpus/<target>/) are read; what the
+    # run finds grows in the build folder.
+    [ -d "$ROOT/fuzz/corpus/${name#fuzz_}" ] && seeds=("$ROOT/fuzz/corpus/${name#fuzz_}")
+    "$program" -max_total_time="$seconds" -print_final_stats=1 \
+        -artifact_prefix="$dir/artifacts/$name-" "$dir/corpus/$name" "${seeds[@]}" \
+        >"$dir/$name.log" 2>&1
+    echo $? >"$dir/$name.status"
+}
+
 leg_fuzz() {
     local dir="$BUILD_ROOT/fuzz" seconds=${ZK_FUZZ_SECONDS:-20}
     setup fuzz || return 1
-    configure_and_build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    configure "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DZK_BUILD_FUZZ=ON \
         -DZK_BUILD_TESTS=OFF -DZK_BUILD_BENCH=OFF -DZK_BUILD_EXAMPLES=OFF \
         -DZK_BUILD_TOOLS=OFF || return 1
-    local program name log runs seeds ran=0 failed=0
+    # The fuzz targets only: each links its own copy of the library's objects.
+    local src targets=()
+    for src in "$ROOT"/fuzz/*.cpp; do targets+=("fuzz_$(basename "$src" .cpp)"); done
+    build "$dir" "${targets[@]}" || return 1
+
+    local name log runs ran=0 failed=0 pids=()
     mkdir -p "$dir/artifacts"
-    for program in "$dir"/bin/fuzz_*; do
-        [ -x "$program" ] || continue
-        name=$(basename "$program")
+    rm -f "$dir"/fuzz_*.status
+    # JOBS targets at a time, each for the full time.
+    echo "fuzz: ${#targets[@]} targets, $seconds s each, $JOBS at a time"
+    for name in "${targets[@]}"; do
+        [ ${#pids[@]} -ge "$JOBS" ] && wait -n "${pids[@]}"
+        fuzz_one "$dir/bin/$name" "$dir" "$seconds" &
+        pids+=($!)
+        # Those still running.
+        local pid alive=()
+        for pid in "${pids[@]}"; do kill -0 "$pid" 2>/dev/null && alive+=("$pid"); done
+        pids=("${alive[@]}")
+    done
+    [ ${#pids[@]} -eq 0 ] || wait "${pids[@]}"
+    for name in "${targets[@]}"; do
         log="$dir/$name.log"
-        mkdir -p "$dir/corpus/$name"
         ran=$((ran + 1))
-        echo "--- $name ($seconds s)"
-        # The repository's seeds (fuzz/corpus/<target>/) are read; what the
-        # run finds grows in the build folder.
-        seeds=()
-        [ -d "$ROOT/fuzz/corpus/${name#fuzz_}" ] && seeds=("$ROOT/fuzz/corpus/${name#fuzz_}")
-        if "$program" -max_total_time="$seconds" -print_final_stats=1 \
-            -artifact_prefix="$dir/artifacts/$name-" "$dir/corpus/$name" "${seeds[@]}" >"$log" 2>&1; then
+        if [ "$(cat "$dir/$name.status" 2>/dev/null)" = 0 ]; then
             runs=$(awk '/stat::number_of_executed_units/ { print $NF }' "$log")
-            echo "$name: ${runs:-?} runs, no finding"
+            echo "$name: ${runs:-?} runs in $seconds s, no finding"
         else
             failed=$((failed + 1))
             echo "$name: FINDING (log $log; reproducer in $dir/artifacts/)"
@@ -286,13 +394,29 @@ main() {
         esac
     done
     mkdir -p "$BUILD_ROOT"
-    trap 'unmount_i386' EXIT
-    trap 'unmount_i386; exit 130' INT TERM
+    trap 'stop_i386_root; unmount_i386' EXIT
+    trap 'stop_i386_root; unmount_i386; exit 130' INT TERM
 
-    local failed=0 start
+    # The first leg's packages (with ccache, and debootstrap for the win32
+    # leg's root) are installed now; the other legs' in the background while
+    # the first leg builds, with the same package lists (one update a run).
+    # The win32 leg's 32-bit root is made in the background from the start too.
+    local start=$SECONDS win32=0
+    case " ${legs[*]} " in *" win32 "*) win32=1 ;; esac
+    header "setup"
+    local first=("${legs[0]}" ccache)
+    [ $win32 -eq 1 ] && first+=(i386-root)
+    setup "${first[@]}"
+    local setup_time=$((SECONDS - start))
+    echo "---- setup: $setup_time s"
+    [ ${#legs[@]} -gt 1 ] && start_packages "${legs[@]:1}"
+    [ $win32 -eq 1 ] && start_i386_root
+
+    local failed=0 run_start=$start
     for leg in "${legs[@]}"; do
         header "$leg"
         start=$SECONDS
+        [ "$leg" = "${legs[0]}" ] || wait_packages
         if "leg_${leg//-/_}"; then
             LEG_STATUS[$leg]=passed
         else
@@ -304,10 +428,12 @@ main() {
     done
 
     header "summary"
+    printf '%-11s %-7s %5s s  %s\n' setup "" "$setup_time" "the first leg's packages"
     for leg in "${legs[@]}"; do
         printf '%-11s %-7s %5s s  %s\n' "$leg" "${LEG_STATUS[$leg]}" "${LEG_TIME[$leg]}" \
             "${LEG_NOTE[$leg]:-}"
     done
+    printf '%-11s %-7s %5s s\n' total "" "$((SECONDS - run_start))"
     return "$failed"
 }
 

@@ -93,7 +93,12 @@ ZK_API int32_t ZK_CALL zkInitializeEx(uint32_t arenaSize, uint32_t descriptorCou
  * until zkEndProcess, and termination never waits for the worker's current
  * host call. A following zkInitialize keeps them. Safe to call twice.
  * @return 0, always
- * @threads The main thread, while no other thread uses the library.
+ * @threads The main thread. Other threads may go on with files, host mounts,
+ *          drivers and archive calls meanwhile (an archive call completes
+ *          before its archive goes, or answers as for a closed handle);
+ *          polling a background load (zkIsFileProcessing, zkGetLoadedData)
+ *          from another thread while termination runs is not safe, since
+ *          the load's record goes with the arena.
  */
 ZK_API int32_t ZK_CALL zkTerminate(void);
 /**

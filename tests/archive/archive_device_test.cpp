@@ -7,6 +7,13 @@
 namespace zktest {
 namespace {
 
+// 100 000 bytes of 'b' then "END": an item longer than one read.
+std::string BigItem() {
+    std::string big(100000, 'b');
+    big += "END";
+    return big;
+}
+
 class MountedArchives : public MemoryDeviceTest {
 protected:
     void SetUp() override {
@@ -14,7 +21,7 @@ protected:
         PackOptions folded;
         folded.foldedNames = true;
         Device().Put("mem:/game.kiv", Pack({Item("dir/a.bin", "item a"), Item("Top.TXT", "top"),
-                                            Item("big", std::string(100000, 'b') + "END")},
+                                            Item("big", BigItem())},
                                            folded));
         Device().Put("mem:/plain.kiv", Pack({Item("x", "x")}));
     }
@@ -39,7 +46,7 @@ TEST_F(MountedArchives, ItemsReadAsFilesUnderTheMountPath) {
     EXPECT_EQ(ReadAll("/data/DIR/A.BIN"), "item a"); // the archive folds names
     EXPECT_EQ(ReadAll("/data\\top.txt"), "top");
     EXPECT_EQ(ReadAll("/s1/x"), "x");
-    EXPECT_EQ(ReadAll("/data/big"), std::string(100000, 'b') + "END");
+    EXPECT_EQ(ReadAll("/data/big"), BigItem());
     // The mount point itself names no item.
     for (const char* none : {"/data/dir/missing.bin", "/data", "/data/"})
         EXPECT_EQ(zkOpenFile(none, ZK_OPEN_READ, 0), nullptr) << none;

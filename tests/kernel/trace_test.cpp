@@ -33,7 +33,8 @@ TEST(MemoryDump, RowsOfSixteenCellsThenTheRule) {
     TraceCapture capture;
     zkDumpMemory(bytes, sizeof(bytes) - 1);
     zkDumpMemory("x", 0); // zero bytes: only the rule
-    const std::string rule = std::string(64, '-') + "\n";
+    std::string rule(64, '-');
+    rule += '\n';
     EXPECT_EQ(capture.Text(), "41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50 ABCDEFGHIJKLMNOP\n"
                               "1f 7f 20 7e                                     .. ~\n" +
                                   rule + rule);

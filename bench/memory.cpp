@@ -177,15 +177,15 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "bench_memory: the library did not start\n");
         return 1;
     }
-    struct Spec {
+    struct Shape {
         const char* name;
         uint32_t smallest, largest, live, pairs;
     };
-    const Spec specs[] = {{"small-1k", 8, 512, 1000, 2000000},
+    const Shape shapes[] = {{"small-1k", 8, 512, 1000, 2000000},
                           {"small-100k", 8, 512, 100000, 1000000},
                           {"mixed-10k", 16, 8192, 10000, 1000000}};
     if (argc >= 4 && std::string(argv[1]) == "only") {
-        for (const Spec& s : specs) {
+        for (const Shape& s : shapes) {
             if (s.name != std::string(argv[2])) continue;
             const uint32_t pairs = static_cast<uint32_t>(std::strtoul(argv[3], nullptr, 10));
             const Workload one = Make(s.name, s.smallest, s.largest, s.live, pairs);
@@ -200,9 +200,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     Workload workloads[] = {
-        Make(specs[0].name, specs[0].smallest, specs[0].largest, specs[0].live, specs[0].pairs),
-        Make(specs[1].name, specs[1].smallest, specs[1].largest, specs[1].live, specs[1].pairs),
-        Make(specs[2].name, specs[2].smallest, specs[2].largest, specs[2].live, specs[2].pairs)};
+        Make(shapes[0].name, shapes[0].smallest, shapes[0].largest, shapes[0].live, shapes[0].pairs),
+        Make(shapes[1].name, shapes[1].smallest, shapes[1].largest, shapes[1].live, shapes[1].pairs),
+        Make(shapes[2].name, shapes[2].smallest, shapes[2].largest, shapes[2].live, shapes[2].pairs)};
     std::printf("%-12s %10s %10s", "ns/pair", "zk", "glibc");
 #ifdef ZK_BENCH_MIMALLOC
     std::printf(" %10s %10s", "mimalloc", "zk/mi");

@@ -13,10 +13,11 @@
 //
 // Locks: none of their own; the worker's monitors are taken inside the calls
 // used here. A read counts itself pending on its handle from Begin until the
-// worker completes it, and a close waits for that count to reach 0. Threads: Begin/End and the
-// loading calls run on the application's threads; the operations run on the
-// worker (or at once, for kinds a driver declares immediate); a background
-// load runs on its own thread.
+// worker completes it, and a close waits for that count to reach 0.
+//
+// Threads: Begin/End and the loading calls run on the application's threads;
+// the operations run on the worker (or at once, for kinds a driver declares
+// immediate); a background load runs on its own thread.
 #include "file/file_system.h"
 #include "file/operations.h"
 #include "kernel/timeline.h"

@@ -27,11 +27,13 @@
 #define ZK_ERR_NO_MEMORY            (-5)  /**< out of memory (no system pool, or no room in it) */
 #define ZK_ERR_NOT_SUPPORTED        (-6)  /**< not supported, or already done */
 #define ZK_ERR_HOST_REMOVE_OR_COPY  (-8)  /**< host directory not removed, host file not copied */
-#define ZK_ERR_SHORT_READ           (-11) /**< a read delivered less than asked (archives, whole-file loads) */
+/** a read delivered less than asked (archives, whole-file loads) */
+#define ZK_ERR_SHORT_READ           (-11)
 #define ZK_ERR_NOT_ARCHIVE          (-13) /**< bad archive magic */
 #define ZK_ERR_NO_ITEM              (-14) /**< no such archive item */
 #define ZK_ERR_NO_SLOT              (-19) /**< a fixed table is full, the system refused a thread */
-#define ZK_ERR_NO_DEVICE            (-23) /**< no driver claims the path, or the handle has no open file */
+/** no driver claims the path, or the handle has no open file */
+#define ZK_ERR_NO_DEVICE            (-23)
 #define ZK_ERR_PATH_TOO_LONG        (-26) /**< a mount path or physical path longer than 260 */
 #define ZK_ERR_WINDOW_CLASS         (-29) /**< the window class could not be registered */
 #define ZK_ERR_CALLBACKS_FULL       (-31) /**< the event callback table is full */
@@ -42,7 +44,8 @@
 #define ZK_ERR_HOST_MKDIR           (-38) /**< a host directory could not be created */
 #define ZK_ERR_NO_MOUNT_SLOT        (-39) /**< no free mount record or archive device */
 #define ZK_ERR_NOT_MOUNTED          (-42) /**< nothing is mounted at that path */
-#define ZK_ERR_BAD_MOUNT_PATH       (-43) /**< a mount path that is empty or lacks its leading slash */
+/** a mount path that is empty or lacks its leading slash */
+#define ZK_ERR_BAD_MOUNT_PATH       (-43)
 #define ZK_ERR_HOST_SEEK            (-49) /**< a host seek failed */
 #define ZK_ERR_OPEN_FAILED          (-51) /**< the file could not be opened (also: not found) */
 #define ZK_ERR_REQUESTS_NOT_READY   (-54) /**< requests used before zkInitializeRequest */
@@ -105,8 +108,13 @@ ZK_EXTERN_C_END
 /** @{ */
 #define ZK_OPEN_READ        0x01u /**< open for reading */
 #define ZK_OPEN_WRITE       0x02u /**< open for writing */
-#define ZK_OPEN_CREATE      0x04u /**< create the file, and its missing parent folders, when it is missing */
-#define ZK_OPEN_CREATE_ALT  0x08u /**< make missing parent folders and open again (the file itself is made by drivers that honour it) */
+/** create the file, and its missing parent folders, when it is missing */
+#define ZK_OPEN_CREATE      0x04u
+/**
+ * make missing parent folders and open again (the file itself is made by
+ * drivers that honour it)
+ */
+#define ZK_OPEN_CREATE_ALT  0x08u
 #define ZK_OPEN_TRUNCATE    0x10u /**< cut an existing file to length 0 */
 #define ZK_OPEN_APPEND      0x20u /**< start at the end of the file */
 /** @} */

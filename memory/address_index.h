@@ -42,11 +42,45 @@ public:
     void* Layout(void* room, uint32_t descriptorCount, MemoryBlock* blocks);
     void Clear();
 
-    // Enters a block already linked into the list.
-    void Insert(MemoryBlock* block);
-    void Erase(const MemoryBlock* block);
+    // Enters a block already linked into the list. Kept at most a quarter
+    // full: past that the part in use doubles, while the room allows. The
+    // new block is already in the list, so a resize indexes it with the
+    // others.
+    void Insert(MemoryBlock* block) {
+        if (4 * (entries_ + 1) > mask_ + 1 && mask_ + 1 < room_) [[unlikely]] {
+            Resize(2 * (mask_ + 1));
+            return;
+        }
+        Place(block);
+    }
+    // Linear probing with backward-shift deletion: entries after the hole
+    // move up unless their home slot lies cyclically after the hole.
+    void Erase(const MemoryBlock* block) {
+        --entries_;
+        const uint32_t descriptor = static_cast<uint32_t>(block - blocks_);
+        uint32_t hole = Home(static_cast<uint32_t>(block->address));
+        while (slots_[hole].descriptor != descriptor)
+            hole = (hole + 1) & mask_;
+        for (uint32_t j = (hole + 1) & mask_; slots_[j].descriptor; j = (j + 1) & mask_) {
+            const uint32_t home = Home(slots_[j].key);
+            const bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
+            if (stays) continue;
+            slots_[hole] = slots_[j];
+            hole = j;
+        }
+        slots_[hole] = {0, 0};
+    }
     // The block at exactly this address, or null.
-    MemoryBlock* Find(zkAddr address) const;
+    MemoryBlock* Find(zkAddr address) const {
+        const uint32_t key = static_cast<uint32_t>(address);
+        for (uint32_t i = Home(key); slots_[i].descriptor; i = (i + 1) & mask_) {
+            if (slots_[i].key == key) {
+                MemoryBlock* block = blocks_ + slots_[i].descriptor;
+                return block->address == address ? block : nullptr;
+            }
+        }
+        return nullptr;
+    }
     // The home slot of a block placed at address, to ask for it early.
     const AddressSlot* HomeSlot(zkAddr address) const {
         return slots_ + Home(static_cast<uint32_t>(address));
@@ -54,7 +88,14 @@ public:
 
 private:
     uint32_t Home(uint32_t key) const { return static_cast<uint32_t>(key * 0x9E3779B9u) >> shift_; }
-    void Place(MemoryBlock* block);
+    void Place(MemoryBlock* block) {
+        ++entries_;
+        const uint32_t key = static_cast<uint32_t>(block->address);
+        uint32_t i = Home(key);
+        while (slots_[i].descriptor)
+            i = (i + 1) & mask_;
+        slots_[i] = {key, static_cast<uint32_t>(block - blocks_)};
+    }
     void Resize(uint32_t slots);
 
     MemoryBlock* blocks_ = nullptr;

@@ -20,6 +20,7 @@
 #include "memory/memory_block.h"
 #include "memory/placement.h"
 
+#include <bit>
 #include <cstdint>
 
 namespace zk {
@@ -89,12 +90,32 @@ public:
     // The first block, bins in ascending size and each newest first, from the
     // bin of taken on, whose gap holds taken bytes at the alignment; null when
     // none does.
-    MemoryBlock* BestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const;
+    MemoryBlock* BestFit(uint32_t taken, uint32_t alignment, zkAddr* placement) const {
+        for (uint32_t gap = taken; gap < limit_; ++gap) {
+            gap = Next(gap);
+            if (gap == kGapBinLimit) break;
+            for (uint32_t k = heads_[gap]; k != kNoNode; k = blocks_[k].gapOlder) {
+                MemoryBlock* b = blocks_ + k;
+                if (FitsFromBottom(GapStart(b), gap, taken, alignment, placement)) return b;
+            }
+        }
+        return nullptr;
+    }
 
 private:
     // The smallest non-empty bin of at least gap (< kGapBinLimit), or
     // kGapBinLimit when there is none.
-    uint32_t Next(uint32_t gap) const;
+    uint32_t Next(uint32_t gap) const {
+        uint32_t w = gap >> 6;
+        uint64_t bits = bits_[w] & (~uint64_t{0} << (gap & 63));
+        if (!bits) {
+            const uint64_t words = w == kGapBinWords - 1 ? 0 : summary_ & (~uint64_t{0} << (w + 1));
+            if (!words) return kGapBinLimit;
+            w = static_cast<uint32_t>(std::countr_zero(words));
+            bits = bits_[w];
+        }
+        return w * 64 + static_cast<uint32_t>(std::countr_zero(bits));
+    }
 
     MemoryBlock* blocks_ = nullptr;
     uint64_t* bits_ = nullptr;  // bit g: the bin of gap size g is not empty

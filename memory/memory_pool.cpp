@@ -9,6 +9,14 @@
 #include <cstddef>
 #include <cstring>
 
+// The two hot entry points are compiled as one body each, the engine's steps
+// and the structures' list operations inlined into them.
+#if defined(__GNUC__) || defined(__clang__)
+#define ZK_ENGINE_ENTRY __attribute__((flatten))
+#else
+#define ZK_ENGINE_ENTRY
+#endif
+
 namespace {
 
 constexpr uint16_t kMaxLockCount = 0xFFFF;
@@ -130,8 +138,8 @@ inline MemoryBlock* MemoryPool::FindPlace(uint32_t taken, uint32_t alignment, ui
     return classes_.BestFit(taken, alignment, placement);
 }
 
-MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags,
-                               uint32_t category) {
+inline MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags,
+                                      uint32_t category) {
     if (alignment == 0) alignment = 1;
     // An empty request takes one byte, rounded like any other size: a
     // rounded block of requested size 0 still takes one alignment unit.
@@ -151,18 +159,21 @@ MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags
     MemoryBlock* owner = FindPlace(taken, alignment, flags, &placement);
     if (!owner) return nullptr;
 
-    if (owner->next) zk::Prefetch(owner->next); // its back link changes below
-    // The address index's slot for the new block is rarely in cache: it is
-    // fetched while the gap lists change and written last. So are the
-    // owner's neighbours in its gap list, the fronts of the lists the two
-    // new gaps join, and the next free descriptor.
-    zk::Prefetch(index_.HomeSlot(placement));
     const zkAddr gapStart = zk::GapStart(owner);
     const zkAddr gapEnd = gapStart + owner->gapAfter;
-    PrefetchGapLinks(owner);
-    bins_.PrefetchFront(static_cast<uint32_t>(gapEnd - (placement + taken)));
-    bins_.PrefetchFront(static_cast<uint32_t>(placement - gapStart));
-    if (block->next) zk::Prefetch(block->next);
+    if (PrefetchPays()) {
+        // In a pool too large for the caches, the address index's slot for
+        // the new block is rarely in cache: it is fetched while the gap lists
+        // change and written last. So are the owner's follower (its back
+        // link changes), its neighbours in its gap list, the fronts of the
+        // lists the two new gaps join, and the next free descriptor.
+        if (owner->next) zk::Prefetch(owner->next);
+        zk::Prefetch(index_.HomeSlot(placement));
+        PrefetchGapLinks(owner);
+        bins_.PrefetchFront(static_cast<uint32_t>(gapEnd - (placement + taken)));
+        bins_.PrefetchFront(static_cast<uint32_t>(placement - gapStart));
+        if (block->next) zk::Prefetch(block->next);
+    }
 
     freeDescriptors_ = block->next;
     if (freeDescriptors_) freeDescriptors_->previous = nullptr;
@@ -197,8 +208,8 @@ MemoryBlock* MemoryPool::Carve(uint32_t size, uint32_t alignment, uint32_t flags
     return block;
 }
 
-MemoryBlock* MemoryPool::Allocate(uint32_t size, uint32_t alignment, uint32_t flags,
-                                  uint32_t category) {
+ZK_ENGINE_ENTRY MemoryBlock* MemoryPool::Allocate(uint32_t size, uint32_t alignment,
+                                                  uint32_t flags, uint32_t category) {
     if (MemoryAllocHook hook = allocHook_) {
         if (hook(size, allocationCounter_) == 0) return nullptr;
     }
@@ -224,19 +235,22 @@ void MemoryPool::UntrackFreeBytes() {
 
 // ---- release ---------------------------------------------------------------------
 
-void MemoryPool::Absorb(MemoryBlock* block) {
+inline void MemoryPool::Absorb(MemoryBlock* block) {
     if (tracksFreeBytes_) zk::PoisonFreeBytes(block->address, block->size);
     MemoryBlock* before = block->previous;
-    // The neighbours are rarely in cache in a large pool: ask for the
-    // predecessor, the follower (written at the end) and the block's
-    // neighbours in its gap list at once, then, as soon as the predecessor's
-    // gap is known, for its own list neighbours and its new list's front, so
-    // that the misses overlap instead of following one another.
-    zk::Prefetch(before);
-    if (block->next) zk::Prefetch(block->next);
-    if (block->gapAfter) PrefetchGapLinks(block);
-    if (before->gapAfter) PrefetchGapLinks(before);
-    bins_.PrefetchFront(before->gapAfter + block->size + block->gapAfter);
+    if (PrefetchPays()) {
+        // The neighbours are rarely in cache in a large pool: ask for the
+        // predecessor, the follower (written at the end) and the block's
+        // neighbours in its gap list at once, then, as soon as the
+        // predecessor's gap is known, for its own list neighbours and its new
+        // list's front, so that the misses overlap instead of following one
+        // another.
+        zk::Prefetch(before);
+        if (block->next) zk::Prefetch(block->next);
+        if (block->gapAfter) PrefetchGapLinks(block);
+        if (before->gapAfter) PrefetchGapLinks(before);
+        bins_.PrefetchFront(before->gapAfter + block->size + block->gapAfter);
+    }
     if (before->gapAfter) GapRemove(before);
     before->gapAfter += block->size + block->gapAfter;
     before->next = block->next;
@@ -285,7 +299,7 @@ MemoryBlock* MemoryPool::FindByAddress(zkAddr address) {
     return block && zk::IsFindable(block) ? block : nullptr;
 }
 
-bool MemoryPool::ReleaseByAddress(zkAddr address, bool lockFirst) {
+ZK_ENGINE_ENTRY bool MemoryPool::ReleaseByAddress(zkAddr address, bool lockFirst) {
     if (!freeHook_) {
         // Without a hook nothing can refuse: a lock raised before the release
         // would be cleared with the descriptor, so it is not taken.

@@ -177,6 +177,11 @@ private:
         else
             classes_.Remove(block);
     }
+    // Whether asking for descriptors early pays: only when the pool holds
+    // more blocks than the caches keep (below that, the requests are just
+    // instructions).
+    bool PrefetchPays() const { return blockCount_ >= kPrefetchBlocks; }
+    static constexpr uint32_t kPrefetchBlocks = 8192;
     // Asks for the descriptors next to block in its gap's list (the head
     // block's line stands in for none, so there is no branch to mispredict).
     void PrefetchGapLinks(const MemoryBlock* block) const {

@@ -289,28 +289,40 @@ TEST_F(Archives, DamagedArchivesAreRefusedAndShortItemsReported) {
     }
     EXPECT_EQ(Codes({UsedBlocks(), zkGetOpenFileCount()}), Codes({blocksBefore, 0}));
 
-    // An item whose bytes run past the end of the file: directory mode reads
-    // short (-11); a memory image refuses the address (-11).
-    std::string cut = Pack({Item("a", "alpha"), Item("b", "beta-beta")});
-    Put32(cut, 8, uint32_t(cut.size()) - 4);
-    cut.resize(cut.size() - 4);
+    // Items whose bytes run past the end of their archive, on the device or a
+    // child packed in front of a parent item of 'Z's: loads and streams read
+    // short (-11) in every mode, never on into what follows, and a stream
+    // moves by what it delivered.
+    std::string cut = Pack({Item("a", "alpha"), Item("b", std::string(64, 'B'))});
+    Put32(cut, 8, uint32_t(cut.size()) - 53);
+    cut.resize(cut.size() - 53);
+    PackOptions stored;
+    stored.nameOrder = false; // data in the order given: the child, then the Z's
     const std::string path = Store("cut.kiv", cut);
-    for (uint32_t mode : {0u, ZK_KIV_MEMORY_IMAGE}) {
-        KivArchive* a = zkOpenKiv(path.c_str(), mode);
-        ASSERT_NE(a, nullptr);
-        int32_t code = 0;
-        EXPECT_EQ(Load(a, "a", &code), "alpha");
-        EXPECT_EQ(Load(a, "b", &code), "");
-        EXPECT_EQ(code, -11) << mode;
-        KivItemStream* s = zkOpenKivItem(a, "b");
-        char buffer[16];
-        uint32_t got = 0, position = 0;
-        // The stream moved by what was delivered.
-        EXPECT_EQ(Codes({zkReadKivItem(s, buffer, 16, &got), zkSeekKivItem(s, 0, 1, &position)}),
-                  Codes({-11, 0}));
-        EXPECT_EQ(position, got);
-        zkCloseKivItem(s);
-        zkCloseKiv(a);
+    const std::string parentPath =
+        Store("p.kiv", Pack({Item("c.kiv", cut), Item("z", std::string(256, 'Z'))}, stored));
+    for (uint32_t parentMode : {0u, ZK_KIV_MEMORY_IMAGE, ~0u}) { // ~0u: no parent
+        for (uint32_t mode : {0u, ZK_KIV_MEMORY_IMAGE}) {
+            SCOPED_TRACE(std::to_string(parentMode) + "/" + std::to_string(mode));
+            KivArchive* parent = ~parentMode ? zkOpenKiv(parentPath.c_str(), parentMode) : nullptr;
+            KivArchive* a =
+                parent ? zkOpenChildKiv(parent, "c.kiv", mode) : zkOpenKiv(path.c_str(), mode);
+            ASSERT_NE(a, nullptr);
+            int32_t code = 0;
+            EXPECT_EQ(Load(a, "a", &code), "alpha");
+            EXPECT_EQ(Load(a, "b", &code), "");
+            EXPECT_EQ(code, -11);
+            KivItemStream* s = zkOpenKivItem(a, "b");
+            char buffer[64];
+            uint32_t got = 0, position = 0;
+            EXPECT_EQ(
+                Codes({zkReadKivItem(s, buffer, 64, &got), zkSeekKivItem(s, 0, 1, &position)}),
+                Codes({-11, 0}));
+            EXPECT_EQ(Codes({position, std::string(buffer, got) == std::string(got, 'B')}),
+                      Codes({got, 1}));
+            zkCloseKivItem(s);
+            zkCloseKiv(parent ? parent : a); // a parent closes its child with it
+        }
     }
 
     // A read of the device that fails: the load returns the file layer's code.

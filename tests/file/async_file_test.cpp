@@ -86,7 +86,6 @@ TEST_F(AsyncFiles, TheOperationRunsOnTheWorkerWhileTheCallerGoesOn) {
     Device().Release();
     uint32_t got = 0;
     EXPECT_EQ(Codes({zkEndReadFile(&got, request_), got}), Codes({0, 64}));
-
     // Driver failures come back through End: a failing read, a missing file
     // answered with -57 (reported as -51).
     Device().plan.faults[kFileRead] = {2, 3, -35}; // the second read

@@ -60,12 +60,9 @@ public:
     // File and listing objects handed out and not given back yet.
     uint32_t ObjectsOut() {
         std::lock_guard<std::mutex> g(mutex_);
-        uint32_t n = 0;
-        for (const File& f : files_)
-            n += f.device != nullptr;
-        for (const Dir& d : dirs_)
-            n += d.device != nullptr;
-        return n;
+        auto out = [](const auto& o) { return o.device != nullptr; };
+        return uint32_t(std::count_if(std::begin(files_), std::end(files_), out) +
+                        std::count_if(std::begin(dirs_), std::end(dirs_), out));
     }
     // The calls of the given slots, in the order they were made.
     std::vector<Call> Log(std::initializer_list<int> slots) {

@@ -1,4 +1,5 @@
-// The application's submissions while the library's loading threads keep the
+// The worker's queues: an urgent read ahead of the normal queue, and the
+// application's submissions while the library's loading threads keep the
 // worker busy: nodes left to the application, waiters served in arrival
 // order, and the application's reads ahead of the loads' remaining pieces.
 // The worker is held inside a driver call, so order and counts are checked
@@ -131,6 +132,43 @@ TEST_F(LoadingConcurrency, SubmittersWaitingForANodeAreServedInArrivalOrder) {
     EXPECT_EQ(last, (std::vector<std::string>{"mem:/f16", "mem:/f17", "mem:/f18"}));
     EXPECT_EQ(Worker().Waiters(), 0u);
     for (FileHandle* f : files)
+        zkCloseFile(f);
+}
+
+// The nodes taken tell when an operation is queued: an urgent read goes ahead of
+// the normal queue, between two pieces of a longer read.
+void Read(FileHandle* f, uint32_t size, uint32_t flags, bool atOffset) {
+    std::vector<char> buffer(size);
+    uint32_t got = 0;
+    const int32_t r = atOffset ? zkReadFileOffset(f, 0, buffer.data(), size, &got, flags)
+                               : zkReadFile(f, buffer.data(), size, &got);
+    EXPECT_EQ(std::to_string(r) + "/" + std::to_string(got), "0/" + std::to_string(size));
+}
+
+TEST_F(LoadingConcurrency, UrgentReadRunsBetweenTwoPiecesAheadOfTheNormalQueue) {
+    Device().plan.piece = 100;
+    FileHandle* big = Make("big", std::string(1000, 'b'));
+    FileHandle* normal = Make("normal", "n");
+    FileHandle* urgent = Make("urgent", "u");
+    ASSERT_TRUE(big && normal && urgent);
+    Device().Hold(kFileRead);
+    std::thread a(Read, big, 1000, 0, false);
+    Device().WaitHeld(1);
+    std::thread b(Read, normal, 1, 0, true);
+    EXPECT_TRUE(WaitUntil([] { return Worker().Count() == 2; }));
+    std::thread c(Read, urgent, 1, 1, true);
+    EXPECT_TRUE(WaitUntil([] { return Worker().Count() == 3; }));
+    Device().Release();
+    a.join(), b.join(), c.join();
+
+    // One piece, the urgent read, the read that waited in the normal queue,
+    // then the other nine pieces.
+    std::vector<std::string> order, expected(12, "mem:/big");
+    for (const auto& call : Device().Log({kFileRead, kFileReadAt}))
+        order.push_back(call.text);
+    expected[1] = "mem:/urgent", expected[2] = "mem:/normal";
+    EXPECT_EQ(order, expected);
+    for (FileHandle* f : {big, normal, urgent})
         zkCloseFile(f);
 }
 

@@ -5,11 +5,13 @@
 #include "test_executor.h"
 
 #include <atomic>
+#include <optional>
 #include <thread>
 
 namespace {
 
 using zktest::BeginAdd;
+using zktest::Codes;
 using zktest::EndAdd;
 using zktest::TestExecutor;
 
@@ -64,28 +66,28 @@ TEST_F(RequestProtocol, StatusesAndNestedFrames) {
     EXPECT_EQ(zk::RequestReader(nullptr).Status(), ZK_ERR_NULL_REQUEST);
     EXPECT_EQ(zk::RequestReader(request_).Status(), ZK_ERR_REQUEST_STATE);
     {
-        // Frames nest while a writer is open.
-        zk::RequestWriter outer(request_, 4096);
-        ASSERT_EQ(outer.Status(), 0);
-        ASSERT_EQ(zk::RequestWriter(request_, 4096).Status(), 0);
+        // Frames nest while a writer is open, four deep; a fifth is refused.
+        std::optional<zk::RequestWriter> writers[4];
+        for (auto& writer : writers)
+            ASSERT_EQ(writer.emplace(request_, 512).Status(), 0);
+        EXPECT_EQ(zk::RequestWriter(request_, 512).Status(), ZK_ERR_REQUEST_STATE);
     }
-    EXPECT_EQ(request_->FrameCount(), 2u);
-    EXPECT_EQ(request_->Cursor(), 0u);
+    EXPECT_EQ(request_->FrameCount() + request_->Cursor(), 4u);
     // One open operation per request: another Begin is refused and changes nothing.
-    EXPECT_EQ(zk::RequestWriter(request_, 4096).Status(), ZK_ERR_REQUEST_STATE);
-    EXPECT_EQ(request_->Arena().LiveCount(), 2u);
+    EXPECT_EQ(zk::RequestWriter(request_, 512).Status(), ZK_ERR_REQUEST_STATE);
+    EXPECT_EQ(request_->Arena().LiveCount(), 4u);
     EXPECT_EQ(zkIsRequestCompleted(request_), 0);
     // Without continuations one completion marks every frame done.
     request_->NotifyCompletion();
-    EXPECT_EQ(request_->FrameState(0), zk::kFrameDone);
-    EXPECT_EQ(request_->FrameState(1), zk::kFrameDone);
+    for (uint32_t i = 0; i < 4; ++i)
+        EXPECT_EQ(request_->FrameState(i), zk::kFrameDone);
     EXPECT_EQ(zkIsRequestCompleted(request_), 1);
-    // The reader at the cursor stands on frame 0, not the top: nothing is popped.
-    { zk::RequestReader reader(request_); }
-    EXPECT_EQ(request_->FrameCount(), 2u);
-    { zk::RequestReader top(request_); } // cursor 1 is the top frame
-    EXPECT_EQ(request_->FrameCount(), 1u);
-    EXPECT_EQ(request_->Cursor(), 1u);
+    // Readers at the cursor below the top pop nothing; the one on the top frame pops it.
+    for (int i = 0; i < 3; ++i)
+        zk::RequestReader{request_};
+    EXPECT_EQ(request_->FrameCount(), 4u);
+    { zk::RequestReader top(request_); }
+    EXPECT_EQ(Codes({request_->FrameCount(), request_->Cursor()}), Codes({3, 3}));
 }
 
 TEST_F(RequestProtocol, CompletionOnAnotherThreadWakesTheEndOrThePoll) {

@@ -5,6 +5,7 @@
 #include "kernel/profiler.h"
 
 #include <cstdio>
+#include <utility>
 
 namespace {
 
@@ -24,10 +25,10 @@ protected:
         ASSERT_EQ(profiler_.Initialize(4, &counter_), 0);
     }
     void TearDown() override {
-        zkFree(profiler_.Slots());
-        profiler_.Forget();
+        Forget();
         LibraryTest::TearDown();
     }
+    void Forget() { zkFree(profiler_.Slots()), profiler_.Forget(); }
     // The trace texts since the profiler started, one per call.
     std::vector<std::string> Lines() const { return trace_.Lines(); }
     // One 16.6 ms frame in which slot 0 runs `pairs` times for `ms` each.
@@ -68,8 +69,7 @@ TEST_F(ProfilerReport, ReportLineWhenTheIntervalIsReached) {
          "QaxKrnl : [000]                :   1.00 (msec) 6.02 (percent) 1 (calls)\n"},
     };
     for (const Case& c : cases) {
-        zkFree(profiler_.Slots()); // a fresh profiler for each case
-        profiler_.Forget();
+        Forget(); // a fresh profiler for each case
         ASSERT_EQ(profiler_.Initialize(4, &counter_), 0);
         const size_t before = Lines().size();
         if (c.interval != 0xFFFFFFFF) profiler_.SetInterval(c.interval);
@@ -91,12 +91,8 @@ TEST_F(ProfilerReport, OnlySlotsThatMeasuredAnythingReportInSlotOrder) {
     profiler_.SetName(3, "a name of twenty ch"); // cut to 15 characters
     for (int frame = 0; frame < 60; ++frame) {
         counter_.AdvanceMs(1.0);
-        profiler_.Begin(3);
-        counter_.AdvanceMs(10.0);
-        profiler_.End(3);
-        profiler_.Begin(1);
-        counter_.AdvanceMs(0.6);
-        profiler_.End(1);
+        for (auto [slot, ms] : {std::pair{3u, 10.0}, {1u, 0.6}})
+            profiler_.Begin(slot), counter_.AdvanceMs(ms), profiler_.End(slot);
         profiler_.Begin(0); // begun, never ended: total stays 0
         counter_.AdvanceMs(5.0);
         profiler_.Update();

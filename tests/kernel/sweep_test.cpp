@@ -105,12 +105,11 @@ void CallWithHandles(const Handles& h) {
     zkBeginCloseFile(h.file, h.request), zkEndCloseFile(h.request);
     zkBeginReadFile(h.file, g_out, 4, h.request), zkEndReadFile(&g_u32, h.request);
     zkReleaseRequest(h.request);
-    EXPECT_EQ(zkReadFile(h.file, g_out, 4, &g_u32), -4);
-    EXPECT_EQ(zkReadFile(h.file, nullptr, kMax, nullptr), -4);
-    EXPECT_EQ(zkReadFileOffset(h.file, kMax, g_out, kMax, nullptr, kMax), -4);
-    EXPECT_EQ(zkWriteFile(h.file, nullptr, kMax, &g_u32), -4);
-    EXPECT_EQ(zkSeekFile(h.file, -1, kMax, nullptr), -4);
-    EXPECT_EQ(zkGetFileSize(h.file, nullptr), -4);
+    EXPECT_EQ(Codes({zkReadFile(h.file, g_out, 4, &g_u32), zkReadFile(h.file, nullptr, kMax, nullptr),
+                     zkReadFileOffset(h.file, kMax, g_out, kMax, nullptr, kMax),
+                     zkWriteFile(h.file, nullptr, kMax, &g_u32), zkSeekFile(h.file, -1, kMax, nullptr),
+                     zkGetFileSize(h.file, nullptr)}),
+              Codes(6, -4)); // invalid handle
     zkGetFilePath(h.file, g_out, 16), zkGetFileTime(h.file, nullptr, nullptr, nullptr);
     zkSetFileTime(h.file, nullptr, nullptr, nullptr), zkIsFileProcessing(h.file);
     zkGetLoadedData(h.file, &g_ptr, &g_u32), zkCloseFile(h.file);
@@ -121,17 +120,16 @@ void CallWithHandles(const Handles& h) {
     EXPECT_EQ(zkOpenChildKiv(h.archive, "a", 0), nullptr);
     EXPECT_EQ(zkOpenChildKivByIndex(h.archive, kMax, kMax), nullptr);
     EXPECT_EQ(zkGetKivItemCount(h.archive) + zkFindKivItem(h.archive, nullptr), 0u);
-    EXPECT_EQ(zkLoadKivItem(h.archive, "a", &g_ptr, &g_u32), -4);
-    EXPECT_EQ(zkLoadKivItemByIndex(h.archive, kMax, nullptr, nullptr), -4);
-    EXPECT_EQ(zkGetKivItem(h.archive, nullptr, nullptr, nullptr), -4);
-    EXPECT_EQ(zkGetKivItemByIndex(h.archive, 0, &g_ptr, &g_u32), -4);
+    EXPECT_EQ(Codes({zkLoadKivItem(h.archive, "a", &g_ptr, &g_u32),
+                     zkLoadKivItemByIndex(h.archive, kMax, nullptr, nullptr),
+                     zkGetKivItem(h.archive, nullptr, nullptr, nullptr),
+                     zkGetKivItemByIndex(h.archive, 0, &g_ptr, &g_u32),
+                     zkReadKivItem(h.item, g_out, kMax, nullptr),
+                     zkSeekKivItem(h.item, -1, kMax, nullptr), zkGetKivItemSize(h.item, &g_u32)}),
+              Codes(7, -4));
     EXPECT_EQ(zkOpenKivItem(h.archive, "a"), nullptr);
     EXPECT_EQ(zkOpenKivItemByIndex(h.archive, 0), nullptr);
-    zkCloseKiv(h.archive);
-    EXPECT_EQ(zkReadKivItem(h.item, g_out, kMax, nullptr), -4);
-    EXPECT_EQ(zkSeekKivItem(h.item, -1, kMax, nullptr), -4);
-    EXPECT_EQ(zkGetKivItemSize(h.item, &g_u32), -4);
-    zkCloseKivItem(h.item);
+    zkCloseKiv(h.archive), zkCloseKivItem(h.item);
 }
 
 // Every other export (but those that change the library's life, which the

@@ -182,7 +182,7 @@ void CallWithoutHandles() {
     zkCopyMemory(nullptr, g_out, 16), zkCopyMemory(g_out, nullptr, 16);
     zkCopyString(nullptr, 4, 0, "x"), zkCopyString(g_out, 15, 0, nullptr);
     zkCopyString(g_out, 0, kMax, "x");
-    zkGetMemoryInfo(nullptr), zkQueryMemoryInfo(kMax);
+    zkGetMemoryInfo(nullptr), zkGetMemoryInfo(&g_info), zkQueryMemoryInfo(kMax);
     zkEnumerateMemoryBlocks(nullptr, nullptr), zkEnumerateMemoryBlocks(NoBlock, nullptr);
     zkEnumerateMemoryGaps(nullptr, nullptr), zkEnumerateMemoryGaps(NoRange, nullptr);
     zkEnumerateMemoryUsed(NoRange, nullptr), zkDumpAllMemoryBlocks(kMax);

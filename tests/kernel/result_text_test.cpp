@@ -46,8 +46,9 @@ TEST(ResultText, EveryCodeOfTheHeaderHasItsOwnTextAndOtherValuesAreUnknown) {
     for (const auto& entry : codes)
         listed.insert(entry.second);
     for (int32_t value = -70; value <= 5; ++value)
-        EXPECT_STREQ(zkGetResultText(value), listed.count(value) ? zkGetResultText(value)
-                                                                 : "unknown result") << value;
+        EXPECT_STREQ(zkGetResultText(value),
+                     listed.count(value) ? zkGetResultText(value) : "unknown result")
+            << value;
 }
 
 // The guide's table rows read "| code | `NAME` | text | meaning |".

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -45,17 +46,16 @@ TEST(Wait, SemaphoreCountsAndEventStates) {
 
 TEST(Wait, BadAndClosedHandlesFailAndPoolsArePerKind) {
     int local = 0;
-    EXPECT_EQ(zk::os::Wait(nullptr, 0), WaitResult::Failed);
-    EXPECT_EQ(zk::os::Wait(&local, 0), WaitResult::Failed);
+    EXPECT_TRUE(zk::os::Wait(nullptr, 0) == WaitResult::Failed &&
+                zk::os::Wait(&local, 0) == WaitResult::Failed);
     zk::os::CloseHandle(&local); // ignored
     std::vector<Handle> events;
     while (Handle h = zk::os::EventCreate(false, true))
         events.push_back(h);
     Handle s = zk::os::SemaphoreCreate(0, 1);
     EXPECT_NE(s, nullptr) << "events used up do not starve semaphores";
-    for (Handle h : events)
-        zk::os::CloseHandle(h);
-    zk::os::CloseHandle(s);
+    events.push_back(s);
+    std::for_each(events.begin(), events.end(), zk::os::CloseHandle);
     EXPECT_EQ(zk::os::Wait(events[0], 0), WaitResult::Failed); // closed
 }
 

@@ -1,7 +1,6 @@
 // The library's interface, pinned: every function the public headers declare,
 // in the order of the headers. X(name) for each; the export tests take every
-// address, the argument sweep has a case for every name, and
-// scripts/update-def.sh writes qaxkrnl.def from this list.
+// address, and scripts/update-def.sh writes qaxkrnl.def from this list.
 #ifndef ZK_TESTS_KERNEL_EXPORT_LIST_H
 #define ZK_TESTS_KERNEL_EXPORT_LIST_H
 

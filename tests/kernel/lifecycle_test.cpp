@@ -5,6 +5,7 @@
 
 namespace {
 
+using zktest::Codes;
 constexpr uint32_t kArena = zktest::kArenaSize;
 
 enum InitMode { kStart, kFail, kStartThenFail, kNoStart };
@@ -83,21 +84,21 @@ TEST(FrameLoop, LoopCountsEndingRulesAndProcessEnd) {
     };
     // clang-format on
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
         g_loop = c.setup;
         g_endReasons.clear();
-        EXPECT_EQ(zkMain(Init, Frame, Term, 0), c.end == kNone ? -1 : 0) << c.what;
-        EXPECT_EQ(g_endReasons, c.end == kNone ? std::vector<zkAddr>{} : std::vector{c.end})
-            << c.what;
-        EXPECT_EQ(g_loop.loopCounts, c.counts) << c.what;
-        EXPECT_EQ(g_loop.termCalls, c.end == kNone ? 0 : 1) << c.what;
-        EXPECT_EQ(g_loop.mainWindowAtTerm, c.paced) << c.what;
-        EXPECT_EQ(g_loop.waitResult, c.setup.waitAt ? 0 : -1) << c.what;
+        const int32_t result = zkMain(Init, Frame, Term, 0);
+        EXPECT_EQ(g_endReasons, c.end == kNone ? std::vector<zkAddr>{} : std::vector{c.end});
+        EXPECT_EQ(g_loop.loopCounts, c.counts);
         for (size_t i = 1; c.paced && i < g_loop.vblanks.size(); ++i)
-            EXPECT_GT(g_loop.vblanks[i], g_loop.vblanks[i - 1]) << c.what << ": a tick per frame";
-        // Process end ran whatever happened: no window, and the timer stopped.
-        EXPECT_EQ(zkGetMainWindow(), nullptr) << c.what;
+            EXPECT_GT(g_loop.vblanks[i], g_loop.vblanks[i - 1]) << "a tick per frame";
+        // {result, term calls, window at term, wait result}; then process end
+        // ran whatever happened: no window, and the timer stopped.
         zkSleep(20);
-        EXPECT_EQ(zkGetVblankCount(), 0u) << c.what;
+        EXPECT_EQ(Codes({result, g_loop.termCalls, g_loop.mainWindowAtTerm, g_loop.waitResult,
+                         zkGetMainWindow() != nullptr, zkGetVblankCount()}),
+                  Codes({c.end == kNone ? -1 : 0, c.end != kNone, c.paced, c.setup.waitAt ? 0 : -1,
+                         0, 0}));
     }
 }
 
@@ -108,35 +109,33 @@ TEST(Lifecycle, BannerFirstSecondStartRefusedRestartCountsAnew) {
     ASSERT_EQ(zkEndProcess(), 0);
     zktest::TraceCapture capture;
     ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
-    EXPECT_GE(zkGetAppArgCount(), 1u);
     char banner[96];
     std::snprintf(banner, sizeof(banner), "QAX Kernel Library %u.%u.%u.%u\n", ZK_VERSION_MAJOR,
                   ZK_VERSION_MINOR, ZK_VERSION_BUILD, ZK_VERSION_REVISION);
     EXPECT_EQ(capture.Lines().at(0), banner);
     Window* mainWindow = zkGetMainWindow();
-    ASSERT_NE(mainWindow, nullptr);
-    EXPECT_EQ(zkInitializeEx(kArena, 1024), ZK_ERR_NOT_SUPPORTED);
-    EXPECT_EQ(capture.Lines().size(), 2u) << "only the banner and notice; a refusal prints none";
-    EXPECT_EQ(zkGetMainWindow(), mainWindow);
+    // A second start is refused, prints nothing and keeps the window.
+    EXPECT_EQ(Codes({zkGetAppArgCount() >= 1, mainWindow != nullptr, zkInitializeEx(kArena, 1024),
+                     int64_t(capture.Lines().size()), zkGetMainWindow() == mainWindow}),
+              Codes({1, 1, ZK_ERR_NOT_SUPPORTED, 2, 1}));
     constexpr uint32_t kTicks = 30; // move the period start well up the count
     for (int guard = 0; guard < 1000 && zkGetVblankCount() < kTicks; ++guard)
         zkWaitForPeriodStart();
     ASSERT_GE(zkGetVblankCount(), kTicks);
     // Terminating twice is harmless and stops the count.
-    EXPECT_EQ(zkTerminate() + zkTerminate(), 0);
-    EXPECT_EQ(zkGetVblankCount(), 0u);
-    EXPECT_EQ(zkGetMainWindow(), nullptr);
+    EXPECT_EQ(
+        Codes({zkTerminate() + zkTerminate(), zkGetVblankCount(), zkGetMainWindow() != nullptr}),
+        Codes({0, 0, 0}));
     // A restart in the same process level registers the class under the new
     // name (an overlong one is cut), and its first period wait returns at once
     // instead of waiting for the old count to come round again.
     const std::string longName(400, 'n');
     EXPECT_EQ(zkSetTitle(longName.c_str(), longName.c_str()), 0);
     ASSERT_EQ(zkInitializeEx(kArena, 1024), 0);
-    EXPECT_NE(zkGetMainWindow(), nullptr);
-    EXPECT_EQ(zkWaitForPeriodStart(), 1);
-    EXPECT_LT(zkGetVblankCount(), kTicks);
-    EXPECT_EQ(zkEndProcess() + zkEndProcess(), 0);
-    EXPECT_EQ(zkGetMainWindow(), nullptr);
+    EXPECT_EQ(
+        Codes({zkGetMainWindow() != nullptr, zkWaitForPeriodStart(), zkGetVblankCount() < kTicks,
+               zkEndProcess() + zkEndProcess(), zkGetMainWindow() != nullptr}),
+        Codes({1, 1, 1, 0, 0}));
 }
 
 } // namespace

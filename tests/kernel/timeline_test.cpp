@@ -1,8 +1,8 @@
 // The timeline recording: a frame loop run with QAX_TIMELINE set leaves a
-// trace-event file that a JSON parser reads, in which every thread's slices
-// nest and keep their order, every frame has its slice and its counters, and
-// file work, requests, background loads, archives and profiler slots appear
-// where they ran. Without the variable nothing is written.
+// trace-event file in which every thread's slices nest and keep their order,
+// every frame has its slice and counters, and file work, requests, loads,
+// archives and profiler slots appear where they ran. Without the variable
+// nothing is written; a full buffer counts what it drops.
 #include "archive/archive_builder.h"
 #include "file/memory_device.h"
 
@@ -10,11 +10,8 @@
 
 #include <chrono>
 #include <cmath>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <set>
 
 namespace zktest {
 namespace {
@@ -28,30 +25,15 @@ void SetTimelineVariable(const std::string& value) {
     setting = "QAX_TIMELINE=" + value;
     _putenv(setting.c_str());
 #else
-    if (value.empty())
-        unsetenv("QAX_TIMELINE");
-    else
-        setenv("QAX_TIMELINE", value.c_str(), 1);
+    value.empty() ? unsetenv("QAX_TIMELINE") : setenv("QAX_TIMELINE", value.c_str(), 1);
 #endif
 }
 
 std::string FreshPath(const char* name) {
-    const auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
     return (fs::temp_directory_path() /
-            (std::string("qax_") + name + "_" + std::to_string(stamp) + ".json"))
+            ("qax_" + std::string(name) +
+             std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) + ".json"))
         .string();
-}
-
-MemoryDevice& Device() {
-    static MemoryDevice device;
-    return device;
-}
-
-// The device registered (once: drivers stay registered) and mounted at /m.
-bool MountDevice() {
-    static const int32_t registered = zkRegisterDevice(&Device());
-    Device().Reset();
-    return registered == 0 && zkMount("/m", "mem:", 0) == 0;
 }
 
 std::string Pattern(size_t size) {
@@ -61,16 +43,7 @@ std::string Pattern(size_t size) {
     return s;
 }
 
-// The events of one thread in file order, 'M' records left out.
-std::map<int64_t, std::vector<json>> ByThread(const json& events) {
-    std::map<int64_t, std::vector<json>> threads;
-    for (const json& e : events)
-        if (e["ph"] != "M") threads[e["tid"].get<int64_t>()].push_back(e);
-    return threads;
-}
-
-// A timestamp or duration of the file (microseconds, three decimals) in
-// nanoseconds, so that comparisons are exact.
+// Microseconds with three decimals, in nanoseconds so that comparisons are exact.
 int64_t Nanos(const json& value) {
     return std::llround(value.get<double>() * 1000.0);
 }
@@ -82,179 +55,139 @@ std::vector<json> Named(const json& events, const std::string& name, const char*
     return out;
 }
 
-// What holds for every recording: on each thread the timestamps never go
-// back, begin/end pairs match and slices nest (a slice that starts inside
-// another ends inside it too); flows end where they start; a dropped count
-// is present.
-void ExpectWellFormed(const json& document) {
-    ASSERT_TRUE(document.contains("traceEvents"));
-    ASSERT_TRUE(document["traceEvents"].is_array());
-    ASSERT_TRUE(document["otherData"]["droppedEvents"].is_number_unsigned());
-    for (const auto& [tid, events] : ByThread(document["traceEvents"])) {
-        int64_t last = -1;
-        std::vector<int64_t> open;    // ends of the slices enclosing the current time
-        int64_t begins = 0, ends = 0; // 'B' and 'E'
+// Reads and removes the file. On each thread time never goes back, 'B' and
+// 'E' balance and slices nest; every flow that starts ends.
+json ReadRecording(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    EXPECT_TRUE(in.good()) << "no timeline file at " << path;
+    const json document = json::parse(in, nullptr, false);
+    in.close();
+    fs::remove(path);
+    EXPECT_FALSE(document.is_discarded());
+    EXPECT_TRUE(document["otherData"]["droppedEvents"].is_number_unsigned());
+    std::map<int64_t, std::vector<json>> threads;
+    std::map<std::string, int> flows;
+    for (const json& e : document["traceEvents"]) {
+        if (e["ph"] != "M") threads[e["tid"].get<int64_t>()].push_back(e);
+        if (e["ph"] == "s" || e["ph"] == "f") flows[e["id"]] += e["ph"] == "s" ? 1 : -1;
+    }
+    for (const auto& [id, balance] : flows)
+        EXPECT_EQ(balance, 0) << "flow " << id;
+    for (const auto& [tid, events] : threads) {
+        int64_t last = -1, balance = 0;
+        std::vector<int64_t> open; // ends of the slices enclosing the current time
         for (const json& e : events) {
             const int64_t ts = Nanos(e["ts"]);
-            EXPECT_GE(ts, last) << "thread " << tid << " went back in time at " << e.dump();
+            EXPECT_GE(ts, last) << e.dump();
             last = ts;
-            begins += e["ph"] == "B";
-            ends += e["ph"] == "E";
+            balance += (e["ph"] == "B") - (e["ph"] == "E");
             if (e["ph"] != "X") continue;
             const int64_t end = ts + Nanos(e["dur"]);
             while (!open.empty() && open.back() <= ts && !(open.back() == ts && end == ts))
                 open.pop_back();
-            if (!open.empty()) {
-                EXPECT_LE(end, open.back()) << "slice crosses its parent: " << e.dump();
-            }
+            EXPECT_TRUE(open.empty() || end <= open.back()) << "crosses its parent: " << e.dump();
             open.push_back(end);
         }
-        EXPECT_EQ(begins, ends) << "thread " << tid;
+        EXPECT_EQ(balance, 0) << "thread " << tid;
     }
-    std::map<std::string, int> starts, finishes;
-    for (const json& e : document["traceEvents"]) {
-        if (e["ph"] == "s") ++starts[e["id"].get<std::string>()];
-        if (e["ph"] == "f") ++finishes[e["id"].get<std::string>()];
-    }
-    EXPECT_EQ(starts, finishes) << "every flow that starts must end";
-}
-
-// Reads the recording, checks that it is well formed, and removes the file.
-json ReadRecording(const std::string& path) {
-    json document;
-    {
-        std::ifstream in(path, std::ios::binary);
-        EXPECT_TRUE(in.good()) << "no timeline file at " << path;
-        document = json::parse(in, nullptr, false);
-    }
-    EXPECT_FALSE(document.is_discarded()) << "the timeline is not valid JSON";
-    ExpectWellFormed(document);
-    fs::remove(path);
     return document;
 }
-
-// Begins and initialises the library with the variable naming a fresh file,
-// which is returned; the variable is unset again.
-std::string StartRecording(const char* name) {
-    const std::string path = FreshPath(name);
-    SetTimelineVariable(path);
-    EXPECT_EQ(zkBeginProcess(0), 0);
-    EXPECT_EQ(zkInitializeEx(kArenaSize, kDescriptors), 0);
-    SetTimelineVariable("");
-    return path;
-}
-
-// ---- one frame loop with everything in it -----------------------------------
 
 constexpr uint32_t kFrames = 12;
 
 struct LoopState {
-    uint32_t frame = 0;
+    uint32_t frame = 0, loadedBytes = 0;
     ::Request* request = nullptr;
-    FileHandle* asyncFile = nullptr;
-    FileHandle* loading = nullptr;
-    uint32_t loadedBytes = 0;
+    FileHandle *asyncFile = nullptr, *loading = nullptr;
     char buffer[4096] = {};
     std::vector<std::string> failures;
-    uint32_t itemCount = 0;
-};
-LoopState g_state;
+} g_state;
+
+MemoryDevice g_device;
 
 void Check(bool ok, const char* what) {
     if (!ok) g_state.failures.push_back(what);
 }
 
 int ZK_CALL Init() {
-    if (zkInitializeEx(kArenaSize, kDescriptors) != 0 || !MountDevice()) return 0;
-    Device().Put("mem:/stream.bin", Pattern(64 << 10));
-    Device().Put("mem:/load.bin", Pattern(40000));
-    Device().Put("mem:/retry.bin", "0123456789");
-    PackOptions packed;
-    packed.packedDirectory = true;
+    static const int32_t registered = zkRegisterDevice(&g_device); // drivers stay registered
+    g_device.Reset();
+    if (zkInitializeEx(kArenaSize, kDescriptors) != 0 || registered != 0 ||
+        zkMount("/m", "mem:", 0) != 0)
+        return 0;
+    g_device.Put("mem:/stream.bin", Pattern(64 << 10));
+    g_device.Put("mem:/load.bin", Pattern(40000));
+    g_device.Put("mem:/retry.bin", "0123456789");
     std::vector<PackItem> items;
     for (int i = 0; i < 40; ++i)
         items.push_back(Item("data/item" + std::to_string(i) + ".txt", Pattern(100 + i)));
-    Device().Put("mem:/game.kiv", Pack(items, packed));
-    g_state.itemCount = static_cast<uint32_t>(items.size());
-    Check(zkInitializeRequest(4) == 0, "requests");
+    PackOptions packed;
+    packed.packedDirectory = true;
+    g_device.Put("mem:/game.kiv", Pack(items, packed));
+    Check(zkInitializeRequest(4) == 0 && zkInitializeProfiler(4, 0) == 0, "requests, profiler");
     g_state.request = zkCreateRequest();
-    Check(zkInitializeProfiler(4, 0) == 0, "profiler");
     zkSetProfileName(0, "frame work");
-    zkSetProfileName(1, "archive work");
     return 1;
 }
 
-// Reads retry.bin once with the device failing `failures` of its read calls
-// and three tries.
+// Reads retry.bin with `failures` of the device's reads failing, three tries.
 int32_t ReadWithFailures(uint32_t failures) {
-    Device().plan.tries = 3;
-    const uint32_t next = Device().Count(kFileRead) + 1;
-    Device().plan.faults[kFileRead] = {next, next + failures, -35};
+    g_device.plan.tries = 3;
+    const uint32_t next = g_device.Count(kFileRead) + 1;
+    g_device.plan.faults[kFileRead] = {next, next + failures, -35};
     FileHandle* file = zkOpenFile("/m/retry.bin", ZK_OPEN_READ, 0);
     uint32_t got = 0;
     const int32_t result = zkReadFile(file, g_state.buffer, 10, &got);
     zkCloseFile(file);
-    Device().plan.faults[kFileRead] = {};
+    g_device.plan.faults[kFileRead] = {};
     return result;
 }
 
 uint32_t ZK_CALL Frame() {
     LoopState& s = g_state;
-    ++s.frame;
     zkBeginProfile(0);
     uint32_t got = 0;
-    switch (s.frame) {
-    case 1: { // synchronous calls
+    switch (++s.frame) {
+    case 1: {
         FileHandle* file = zkOpenFile("/m/stream.bin", ZK_OPEN_READ, 0);
         Check(zkReadFile(file, s.buffer, 4096, &got) == 0 && got == 4096, "sync read");
         zkCloseFile(file);
         break;
     }
-    case 2: // asynchronous open, then a read begun here and collected next frame
+    case 2: // an asynchronous open, and a read collected next frame
         Check(zkBeginOpenFile("/m/stream.bin", ZK_OPEN_READ, 0, s.request) == 0 &&
-                  zkEndOpenFile(&s.asyncFile, s.request) == 0,
-              "async open");
-        Check(zkBeginReadFile(s.asyncFile, s.buffer, 4096, s.request) == 0, "begin read");
+                  zkEndOpenFile(&s.asyncFile, s.request) == 0 &&
+                  zkBeginReadFile(s.asyncFile, s.buffer, 4096, s.request) == 0,
+              "async open, begin read");
         break;
     case 3:
-        Check(zkEndReadFile(&got, s.request) == 0 && got == 4096, "end read");
-        Check(zkBeginCloseFile(s.asyncFile, s.request) == 0 && zkEndCloseFile(s.request) == 0,
-              "async close");
-        s.loading = zkStartLoadingDataFromFile("/m/load.bin");
-        Check(s.loading != nullptr, "background load");
+        Check(zkEndReadFile(&got, s.request) == 0 && got == 4096 &&
+                  zkBeginCloseFile(s.asyncFile, s.request) == 0 && zkEndCloseFile(s.request) == 0,
+              "end read, async close");
+        Check((s.loading = zkStartLoadingDataFromFile("/m/load.bin")) != nullptr, "load");
         break;
-    case 4: { // an archive with a packed directory
-        zkBeginProfile(1);
+    case 4: {
         KivArchive* archive = zkOpenKiv("/m/game.kiv", 0);
         void* item = nullptr;
-        uint32_t size = 0;
-        Check(zkLoadKivItem(archive, "data/item7.txt", &item, &size) == 0 && size == 107,
-              "archive item");
-        zkReleaseKivItem(item);
-        zkCloseKiv(archive);
-        zkEndProfile(1);
+        Check(zkLoadKivItem(archive, "data/item7.txt", &item, &got) == 0 && got == 107, "item");
+        zkReleaseKivItem(item), zkCloseKiv(archive);
         break;
     }
     case 5:
-        Check(ReadWithFailures(1) == 0, "read after a retry");
-        Check(ReadWithFailures(3) == -35, "read failing every try");
+        Check(ReadWithFailures(1) == 0 && ReadWithFailures(3) == -35, "retried, failed reads");
         break;
     case 6:
         zkPostWindowMessage(zkGetMainWindow(), 0x0400, 0, 0);
-        break;
-    default:
         break;
     }
     if (s.loading && !zkIsFileProcessing(s.loading)) {
         void* data = nullptr;
         Check(zkGetLoadedData(s.loading, &data, &s.loadedBytes) == 0, "loaded data");
-        zkFreeData(data);
-        zkCloseFile(s.loading);
+        zkFreeData(data), zkCloseFile(s.loading);
         s.loading = nullptr;
     }
     zkEndProfile(0);
-    const bool done = s.frame >= kFrames && !s.loading;
-    return done || s.frame >= 400 ? ZK_FRAME_END : 0;
+    return (s.frame >= kFrames && !s.loading) || s.frame >= 400 ? ZK_FRAME_END : 0;
 }
 
 void ZK_CALL Term() {
@@ -265,7 +198,6 @@ void ZK_CALL Term() {
 TEST(Timeline, AFrameLoopWithFilesRequestsLoadsAndArchivesIsRecorded) {
     const std::string path = FreshPath("timeline");
     SetTimelineVariable(path);
-    g_state = LoopState{};
     ASSERT_EQ(zkMain(Init, Frame, Term, 0), 0);
     SetTimelineVariable("");
     EXPECT_EQ(g_state.failures, std::vector<std::string>{});
@@ -274,79 +206,68 @@ TEST(Timeline, AFrameLoopWithFilesRequestsLoadsAndArchivesIsRecorded) {
     const json& events = document["traceEvents"];
     const uint32_t frames = g_state.frame;
     EXPECT_EQ(document["otherData"]["droppedEvents"], 0);
-    std::map<std::string, int64_t> tidOf; // the main thread, the worker, the loader
+    std::map<std::string, int64_t> tid;
+    std::map<std::string, std::set<int64_t>> counters;
+    uint32_t ioSteps = 0, secondTries = 0;
+    std::map<std::string, std::multimap<int64_t, char>> flows; // id -> phases by time
     for (const json& e : events)
-        if (e["ph"] == "M" && e["name"] == "thread_name") tidOf[e["args"]["name"]] = e["tid"];
-    ASSERT_TRUE(tidOf.count("main") && tidOf.count("I/O worker") && tidOf.count("background load"));
-
-    // One slice per frame on the main thread, loop counts 1..n, each with the
-    // five counters at its start; every frame but the last ends with the wait
-    // for the next period.
+        if (e["ph"] == "M" && e["name"] == "thread_name") tid[e["args"]["name"]] = e["tid"];
+    for (const json& e : events) {
+        if (e["ph"] == "C") counters[e["name"]].insert(Nanos(e["ts"]));
+        const char ph = e["ph"].get<std::string>()[0];
+        if (ph == 's' || ph == 't' || ph == 'f') // a step elsewhere than on the worker shows '?'
+            flows[e["id"]].emplace(Nanos(e["ts"]),
+                                   ph == 't' && e["tid"] != tid["I/O worker"] ? '?' : ph);
+        if (e["ph"] != "X" || e["cat"] != "io") continue;
+        ++ioSteps, secondTries += e["args"]["try"] == 2;
+        EXPECT_TRUE(e["tid"] == tid["I/O worker"] && e["args"]["device"] == "mem" &&
+                    e["args"].contains("queue_wait_ns") && e["args"].contains("path"))
+            << e.dump();
+    }
+    ASSERT_TRUE(tid.count("main") && tid.count("I/O worker") && tid.count("background load"));
+    // Each frame on the main thread with its loop count and five counters at
+    // its start; every frame but the last waits for the next period.
     const std::vector<json> frameSlices = Named(events, "frame"),
                             waits = Named(events, "wait for period");
     ASSERT_EQ(frameSlices.size(), frames);
-    std::map<std::string, std::set<double>> counters;
-    for (const json& e : events)
-        if (e["ph"] == "C") counters[e["name"].get<std::string>()].insert(e["ts"].get<double>());
     uint32_t messages = 0;
     for (uint32_t i = 0; i < frames; ++i) {
         const json& f = frameSlices[i];
-        EXPECT_EQ(Codes({f["tid"], f["args"]["loop"]}), Codes({tidOf["main"], i + 1}));
+        EXPECT_EQ(Codes({f["tid"], f["args"]["loop"]}), Codes({tid["main"], i + 1}));
         messages += f["args"]["messages"].get<uint32_t>();
-        const double start = f["ts"].get<double>(), end = start + f["dur"].get<double>();
+        const int64_t start = Nanos(f["ts"]), end = start + Nanos(f["dur"]);
         for (const char* name : {"system pool bytes", "system pool largest gap", "open files",
                                  "live requests", "bytes read"})
-            EXPECT_EQ(counters[name].count(start), 1u) << name << " missing at frame " << i + 1;
-        EXPECT_TRUE(i + 1 == frames || std::any_of(waits.begin(), waits.end(),
-                                                   [&](const json& w) {
-                                                       const double ws = w["ts"].get<double>();
-                                                       return ws >= start &&
-                                                              ws + w["dur"].get<double>() <=
-                                                                  end + 0.001;
-                                                   }))
-            << "frame " << i + 1 << " has no wait for the period";
+            EXPECT_EQ(counters[name].count(start), 1u) << name << " at frame " << i + 1;
+        auto inFrame = [&](const json& w) {
+            return Nanos(w["ts"]) >= start && Nanos(w["ts"]) + Nanos(w["dur"]) <= end + 1;
+        };
+        EXPECT_TRUE(i + 1 == frames || std::any_of(waits.begin(), waits.end(), inFrame))
+            << "frame " << i + 1 << " has no wait";
     }
     EXPECT_GE(messages, 1u);
     const std::vector<json> dispatched = Named(events, "dispatch message");
     EXPECT_TRUE(std::any_of(dispatched.begin(), dispatched.end(),
                             [](const json& d) { return d["args"]["message"] == 0x400; }));
-    EXPECT_EQ(Named(events, "frame work").size(), frames); // a profiler slot by its name
-
-    // Every I/O step on the worker, with its device, path, queue wait and try;
-    // the retried read shows try 2 and a retry mark, the failing one a failure.
-    uint32_t ioSteps = 0, secondTries = 0;
-    for (const json& e : events) {
-        if (e["ph"] != "X" || e["cat"] != "io") continue;
-        ++ioSteps;
-        secondTries += e["args"]["try"] == 2;
-        EXPECT_TRUE(e["tid"] == tidOf["I/O worker"] && e["args"]["device"] == "mem" &&
-                    e["args"].contains("queue_wait_ns") && e["args"].contains("path"))
-            << e.dump();
-    }
+    EXPECT_EQ(Named(events, "frame work").size(), frames);
+    // I/O steps on the worker; the retried and the failing read show try 2,
+    // 1 + 2 retry marks and one failure.
     EXPECT_GE(ioSteps, 8u);
-    EXPECT_GE(secondTries, 2u); // the retried read and the failing one
+    EXPECT_GE(secondTries, 2u);
     EXPECT_EQ(Codes({int64_t(Named(events, "retry", "i").size()),
                      int64_t(Named(events, "failed", "i").size())}),
-              Codes({3, 1})); // 1 + 2 tries that were retried; one failure
-
-    // The requests' open, read and close as flows: begun on the main thread,
-    // stepped on the worker, completed, ended.
-    std::map<std::string, std::multimap<int64_t, char>> flows; // id -> phases by time
-    std::set<std::string> stepOnWorker;
-    for (const json& e : events) {
-        const std::string ph = e["ph"].get<std::string>();
-        if (ph != "s" && ph != "t" && ph != "f") continue;
-        flows[e["id"].get<std::string>()].emplace(Nanos(e["ts"]), ph[0]);
-        if (ph == "t" && e["tid"] == tidOf["I/O worker"]) stepOnWorker.insert(e["id"]);
+              Codes({3, 1}));
+    // The requests' open, read and close as flows begun, stepped on the worker, ended.
+    EXPECT_EQ(flows.size(), 3u);
+    for (const auto& [id, phases] : flows) {
+        std::string order;
+        for (const auto& step : phases)
+            order += step.second;
+        EXPECT_TRUE(order.front() == 's' && order.back() == 'f' &&
+                    order.find('t') != std::string::npos && order.find('?') == std::string::npos)
+            << id << ": " << order;
     }
-    EXPECT_EQ(Codes({int64_t(flows.size()), int64_t(stepOnWorker.size())}), Codes({3, 3}));
-    for (const auto& [id, phases] : flows)
-        EXPECT_TRUE(phases.begin()->second == 's' && phases.rbegin()->second == 'f' &&
-                    phases.size() >= 3)
-            << id;
-
-    // The background load on its own thread with the whole file's size; the
-    // archive open with its item count and its packed directory's expansion.
+    // The load on its own thread; the archive open with its packed directory's expansion.
     const std::vector<json> loads = Named(events, "background load"),
                             opens = Named(events, "archive open"),
                             expansions = Named(events, "slide expand");
@@ -354,46 +275,33 @@ TEST(Timeline, AFrameLoopWithFilesRequestsLoadsAndArchivesIsRecorded) {
               Codes({1, 1, 1}));
     EXPECT_EQ(Codes({loads[0]["tid"], loads[0]["args"]["bytes"], g_state.loadedBytes,
                      opens[0]["args"]["items"]}),
-              Codes({tidOf["background load"], 40000, 40000, g_state.itemCount}));
+              Codes({tid["background load"], 40000, 40000, 40}));
     EXPECT_GT(expansions[0]["args"]["expanded"].get<int64_t>(),
               expansions[0]["args"]["packed"].get<int64_t>());
 }
 
-// ---- without the variable, and with a full buffer ------------------------------
-
-// The variable is read when the library starts: set only afterwards, it
-// starts no recording and nothing is written at termination.
-TEST(Timeline, WithoutTheVariableAtStartNothingIsWritten) {
-    const std::string path = FreshPath("unset");
-    SetTimelineVariable("");
-    ASSERT_EQ(zkBeginProcess(0), 0);
-    ASSERT_EQ(zkInitializeEx(kArenaSize, kDescriptors), 0);
-    SetTimelineVariable(path);
-    zkBeginProfile(0);
-    zkEndProfile(0);
-    EXPECT_EQ(zkTerminate(), 0);
-    EXPECT_EQ(zkEndProcess(), 0);
-    SetTimelineVariable("");
-    EXPECT_FALSE(fs::exists(path));
-}
-
-TEST(Timeline, AFullBufferDropsEventsAndTheFileCountsThem) {
-    const std::string path = StartRecording("full");
-    ASSERT_EQ(zkInitializeProfiler(1, 0), 0);
-    zkSetProfileName(0, "tight loop");
+// The variable is read at start: set only afterwards, nothing is written. A
+// full buffer drops events and the file counts them.
+TEST(Timeline, UnsetAtStartWritesNothingAndAFullBufferCountsWhatItDrops) {
+    const std::string unset = FreshPath("unset"), full = FreshPath("full");
     constexpr uint32_t kPairs = 200000; // far more than one thread's buffer holds
-    for (uint32_t i = 0; i < kPairs; ++i) {
-        zkBeginProfile(0);
-        zkEndProfile(0);
+    for (const std::string* path : {&unset, &full}) {
+        SetTimelineVariable(path == &full ? full : "");
+        ASSERT_EQ(zkBeginProcess(0) + zkInitializeEx(kArenaSize, kDescriptors), 0);
+        SetTimelineVariable(path == &full ? "" : unset);
+        ASSERT_EQ(zkInitializeProfiler(1, 0), 0);
+        zkSetProfileName(0, "tight loop");
+        for (uint32_t i = 0; i < (path == &full ? kPairs : 1); ++i)
+            zkBeginProfile(0), zkEndProfile(0);
+        EXPECT_EQ(zkTerminate() + zkEndProcess(), 0);
     }
-    EXPECT_EQ(zkTerminate(), 0);
-    EXPECT_EQ(zkEndProcess(), 0);
-
-    const json document = ReadRecording(path);
+    SetTimelineVariable("");
+    EXPECT_FALSE(fs::exists(unset));
+    const json document = ReadRecording(full);
     const uint64_t dropped = document["otherData"]["droppedEvents"].get<uint64_t>();
     const size_t kept = Named(document["traceEvents"], "tight loop").size();
     EXPECT_TRUE(dropped > 0 && kept > 1000 && kept < kPairs) << dropped << " " << kept;
-    EXPECT_GE(kept + dropped, kPairs); // every slice either kept or counted
+    EXPECT_GE(kept + dropped, kPairs);
 }
 
 } // namespace

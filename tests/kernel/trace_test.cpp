@@ -50,19 +50,19 @@ TEST(LibraryRegistry, HoldsSixteenFindsModulesAgainAndCutsNames) {
     ASSERT_EQ(zkBeginProcess(0), 0);
     TraceCapture capture;
     LibraryRecord* first = zkRegisterLibrary(g_fakeModules[0], "AVeryLongLibraryNameIndeed");
-    ASSERT_NE(first, nullptr);
     for (int i = 1; i < 16; ++i)
         ASSERT_NE(zkRegisterLibrary(g_fakeModules[i], ("Lib" + std::to_string(i)).c_str()),
                   nullptr);
+    ASSERT_NE(first, nullptr);
     // The same module again: the same record, its name unchanged, the banner
     // printed again; the count rose only once, so a seventeenth is refused.
     EXPECT_EQ(zkRegisterLibrary(g_fakeModules[0], "Other"), first);
     EXPECT_EQ(zkRegisterLibrary(g_fakeModules[16], "Seventeenth"), nullptr);
-    Lines lines = capture.Lines();
-    ASSERT_EQ(lines.size(), 2u * 17) << "a refused registration prints nothing";
-    EXPECT_EQ(lines[0], "QAX AVeryLongLibrary Library 0.0.0.0\n");
-    EXPECT_EQ(lines[30], "QAX Lib15 Library 0.0.0.0\n");
-    EXPECT_EQ(lines[32], lines[0]);
+    const Lines lines = capture.Lines(); // a refused registration prints nothing
+    ASSERT_EQ(lines.size(), 2u * 17);
+    EXPECT_EQ((Lines{lines[0], lines[30], lines[32]}),
+              (Lines{"QAX AVeryLongLibrary Library 0.0.0.0\n", "QAX Lib15 Library 0.0.0.0\n",
+                     "QAX AVeryLongLibrary Library 0.0.0.0\n"}));
     EXPECT_EQ(zkEndProcess(), 0);
 }
 

@@ -34,11 +34,8 @@ TEST(Messages, InOrderPerThreadAndAFullQueueKeepsQuit) {
     std::thread([] { zk::os::MessagePostQuit(1); }).join(); // the poster's own quit stays with it
     zk::os::MessagePostQuit(-7);
     Message m{};
-    for (uint32_t i = 0; i < posted; ++i) {
-        ASSERT_TRUE(zk::os::MessagePeek(&m));
-        ASSERT_EQ(m.wParam, i);
-        ASSERT_EQ(m.lParam, -zkSAddr(i));
-    }
+    for (uint32_t i = 0; i < posted; ++i)
+        ASSERT_TRUE(zk::os::MessagePeek(&m) && m.wParam == i && m.lParam == -zkSAddr(i)) << i;
     ASSERT_TRUE(zk::os::MessagePeek(&m)); // quit, delivered after the ring emptied
     EXPECT_TRUE(m.window == nullptr && m.message == kWmQuit && int32_t(m.wParam) == -7);
     EXPECT_FALSE(zk::os::MessagePeek(&m));

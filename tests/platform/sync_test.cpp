@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <thread>
 #include <vector>
@@ -44,18 +46,36 @@ TEST(Wait, SemaphoreCountsAndEventStates) {
 
 TEST(Wait, BadAndClosedHandlesFailAndPoolsArePerKind) {
     int local = 0;
-    EXPECT_EQ(zk::os::Wait(nullptr, 0), WaitResult::Failed);
-    EXPECT_EQ(zk::os::Wait(&local, 0), WaitResult::Failed);
+    EXPECT_TRUE(zk::os::Wait(nullptr, 0) == WaitResult::Failed &&
+                zk::os::Wait(&local, 0) == WaitResult::Failed);
     zk::os::CloseHandle(&local); // ignored
     std::vector<Handle> events;
     while (Handle h = zk::os::EventCreate(false, true))
         events.push_back(h);
     Handle s = zk::os::SemaphoreCreate(0, 1);
     EXPECT_NE(s, nullptr) << "events used up do not starve semaphores";
-    for (Handle h : events)
-        zk::os::CloseHandle(h);
-    zk::os::CloseHandle(s);
+    events.push_back(s);
+    std::for_each(events.begin(), events.end(), zk::os::CloseHandle);
     EXPECT_EQ(zk::os::Wait(events[0], 0), WaitResult::Failed); // closed
+}
+
+// Setting a manual-reset event wakes every thread asleep on it, not just one.
+TEST(Wait, ManualResetEventWakesEveryWaiter) {
+    Handle e = zk::os::EventCreate(true, false);
+    std::atomic<int> asleep{0}, woken{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 4; ++i)
+        waiters.emplace_back([&] { ++asleep, woken += zk::os::Wait(e, kInfinite) == kSig; });
+    while (asleep < 4)
+        std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(30)); // lets them fall asleep
+    zk::os::EventSet(e);
+    for (int i = 0; i < 2000 && woken < 4; ++i) // a hang guard of 10 s, not a measurement
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(woken, 4);
+    zk::os::CloseHandle(e); // ends any wait left, so that the threads can be joined
+    for (std::thread& t : waiters)
+        t.join();
 }
 
 // ---- stress (also run under ThreadSanitizer) --------------------------------

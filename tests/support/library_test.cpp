@@ -1,6 +1,7 @@
 #include "support/library_test.h"
 
 #include <atomic>
+#include <numeric>
 
 namespace zktest {
 
@@ -59,8 +60,7 @@ void LibraryTest::TearDown() {
     std::vector<std::string> left;
     if (MemoryPool* systemPool = zkGetSystemMemoryPool())
         zkEnumerateMemoryPoolCategory(systemPool, CollectForeignBlock, &left);
-    for (const std::string& block : left)
-        ADD_FAILURE() << "the test left a system-pool block behind: " << block;
+    EXPECT_EQ(left, std::vector<std::string>{}) << "system-pool blocks the test left behind";
     EXPECT_EQ(zkTerminate(), 0);
     EXPECT_EQ(zkEndProcess(), 0);
 }
@@ -88,10 +88,8 @@ std::vector<std::string> TraceCapture::Lines() const {
 }
 
 std::string TraceCapture::Text() const {
-    std::string all;
-    for (const std::string& line : Lines())
-        all += line;
-    return all;
+    const std::vector<std::string> lines = Lines();
+    return std::accumulate(lines.begin(), lines.end(), std::string());
 }
 
 void TraceCapture::Clear() {

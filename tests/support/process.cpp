@@ -32,12 +32,11 @@ void SetTestProgramPath(const char* argv0) {
 }
 
 std::string ChildProgramPath(const std::string& name) {
-    size_t cut = g_programPath.find_last_of("/\\");
-    std::string directory = cut == std::string::npos ? "." : g_programPath.substr(0, cut);
-    char separator = cut == std::string::npos ? '/' : g_programPath[cut];
-    std::string path = directory + separator + name;
-    if (g_programPath.ends_with(".exe") || g_programPath.ends_with(".EXE")) path += ".exe";
-    return path;
+    const size_t cut = g_programPath.find_last_of("/\\");
+    const std::string path =
+        cut == std::string::npos ? "./" + name : g_programPath.substr(0, cut + 1) + name;
+    return g_programPath.ends_with(".exe") || g_programPath.ends_with(".EXE") ? path + ".exe"
+                                                                              : path;
 }
 
 #if defined(_WIN32)
@@ -58,7 +57,7 @@ int RunChildProgram(const std::string& name, const std::vector<std::string>& arg
     auto quote = [](const std::string& arg) {
         return arg.empty() || arg.find(' ') != std::string::npos ? "\"" + arg + "\"" : arg;
     };
-    std::string path = ChildProgramPath(name);
+    const std::string path = ChildProgramPath(name);
     std::vector<std::string> quoted{quote(path)};
     for (const std::string& arg : args)
         quoted.push_back(quote(arg));
@@ -80,18 +79,14 @@ int RunChildProgram(const std::string& name, const std::vector<std::string>& arg
                     const std::string& errorFile) {
     auto shellQuote = [](const std::string& text) {
         std::string quoted = "'";
-        for (char c : text) {
-            if (c == '\'')
-                quoted += "'\\''";
-            else
-                quoted += c;
-        }
+        for (char c : text)
+            c == '\'' ? quoted.append("'\\''") : quoted.append(1, c);
         return quoted + "'";
     };
     std::string command = shellQuote(ChildProgramPath(name));
     for (const std::string& arg : args)
-        command += " " + shellQuote(arg);
-    if (!errorFile.empty()) command += " 2>" + shellQuote(errorFile);
+        command.append(" ").append(shellQuote(arg));
+    if (!errorFile.empty()) command.append(" 2>").append(shellQuote(errorFile));
     int status = std::system(command.c_str());
     // A wait status: the exit code sits in bits 8 to 15 when the low 7 bits are 0.
     if (status == -1 || (status & 0x7F) != 0) return -1;

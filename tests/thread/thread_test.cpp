@@ -34,8 +34,8 @@ TEST(ThreadTable, ThirtyThirdCreateFailsUntilOneIsReleased) {
         ASSERT_NE(records.emplace_back(zkCreateThread(0)), nullptr) << "record " << i;
     EXPECT_EQ(zkCreateThread(0), nullptr);
     ASSERT_EQ(zkReleaseThread(records[7]), 0);
-    ASSERT_NE(records[7] = zkCreateThread(0), nullptr); // the released record, a new handle
-    EXPECT_EQ(zkCreateThread(0), nullptr);
+    records[7] = zkCreateThread(0); // the released record, a new handle
+    EXPECT_EQ(Codes({records[7] != nullptr, zkCreateThread(0) != nullptr}), Codes({1, 0}));
     for (ThreadRecord* record : records)
         EXPECT_EQ(zkReleaseThread(record), 0);
 }
@@ -44,10 +44,10 @@ TEST(ThreadTable, NullForeignReleasedAndStaleHandlesAreRefused) {
     std::atomic<int> ran{0};
     auto count = [](void* a) { static_cast<std::atomic<int>*>(a)->fetch_add(1); };
     ThreadRecord* stale = zkCreateThread(0);
-    ASSERT_NE(stale, nullptr);
-    EXPECT_EQ(zkStartThread(stale, nullptr, &ran), ZK_ERR_INVALID_ARGUMENT);
-    EXPECT_EQ(zkIsThreadRunning(stale), 0); // the refused start left it idle
-    ASSERT_EQ(zkReleaseThread(stale), 0);
+    // A start without a procedure is refused and leaves the record idle.
+    EXPECT_EQ(Codes({stale != nullptr, zkStartThread(stale, nullptr, &ran),
+                     zkIsThreadRunning(stale), zkReleaseThread(stale)}),
+              Codes({1, ZK_ERR_INVALID_ARGUMENT, 0, 0}));
     // Null, never given out, released, and released with its record handed
     // out again: every call refuses the handle, and the procedure never runs.
     static uint64_t foreign[64];
@@ -55,16 +55,14 @@ TEST(ThreadTable, NullForeignReleasedAndStaleHandlesAreRefused) {
                                      stale};
     ThreadRecord* owner = nullptr;
     for (ThreadRecord* handle : refused) {
-        EXPECT_EQ(zkStartThread(handle, count, &ran), ZK_ERR_INVALID_HANDLE);
-        EXPECT_EQ(zkReleaseThread(handle), ZK_ERR_INVALID_HANDLE);
-        EXPECT_EQ(zkIsThreadRunning(handle), 0);
+        EXPECT_EQ(Codes({zkStartThread(handle, count, &ran), zkReleaseThread(handle),
+                         zkIsThreadRunning(handle)}),
+                  Codes({ZK_ERR_INVALID_HANDLE, ZK_ERR_INVALID_HANDLE, 0}));
         zkWaitForThread(handle);
-        if (handle == stale && !owner) {
-            ASSERT_NE(owner = zkCreateThread(0), nullptr);
-        }
+        if (handle == stale && !owner) owner = zkCreateThread(0);
     }
-    ASSERT_EQ(zkStartThread(owner, count, &ran), 0);
-    zkWaitForThread(stale); // does not wait for the new owner's run
+    ASSERT_EQ(zkStartThread(owner, count, &ran), 0); // fails when owner is null
+    zkWaitForThread(stale);                          // does not wait for the new owner's run
     EXPECT_EQ(zkReleaseThread(owner), 0);
     EXPECT_EQ(ran.load(), 1);
 }
@@ -72,17 +70,15 @@ TEST(ThreadTable, NullForeignReleasedAndStaleHandlesAreRefused) {
 TEST(Thread, RunsOfOneRecordNeverOverlapAndReleaseWaits) {
     LoggedRun first{1}, second{2}, third{3};
     ThreadRecord* thread = zkCreateThread(0);
-    ASSERT_NE(thread, nullptr);
     zkWaitForThread(thread); // never started: nothing to wait for
-    ASSERT_EQ(zkStartThread(thread, Log, &first), 0);
-    EXPECT_EQ(zkIsThreadRunning(thread), 1);
-    ASSERT_EQ(zkStartThread(thread, Log, &second), 0);
-    EXPECT_EQ(first.finished.load(), 1); // the second start waited for the first run
+    // The second start waits for the first run; release waits for the third.
+    Codes got{zkStartThread(thread, Log, &first), zkIsThreadRunning(thread),
+              zkStartThread(thread, Log, &second), first.finished.load()};
     zkWaitForThread(thread);
-    EXPECT_EQ(Codes({second.finished.load(), zkIsThreadRunning(thread)}), Codes({1, 0}));
-    ASSERT_EQ(zkStartThread(thread, Log, &third), 0);
-    EXPECT_EQ(zkReleaseThread(thread), 0);
-    EXPECT_EQ(third.finished.load(), 1);
+    got.insert(got.end(), {second.finished.load(), zkIsThreadRunning(thread),
+                           zkStartThread(thread, Log, &third), zkReleaseThread(thread),
+                           third.finished.load()});
+    EXPECT_EQ(got, Codes({0, 1, 0, 1, 1, 0, 0, 0, 1}));
     EXPECT_EQ(g_log, (std::vector<int>{10, 11, 20, 21, 30, 31}));
 }
 

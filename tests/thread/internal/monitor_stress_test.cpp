@@ -83,12 +83,7 @@ TEST(LightLockStress, LongHoldReleasesEverySleeper) {
     lock.Enter();
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i)
-        threads.emplace_back([&] {
-            ++arrived;
-            lock.Enter();
-            ++done;
-            lock.Leave();
-        });
+        threads.emplace_back([&] { ++arrived, lock.Enter(), ++done, lock.Leave(); });
     while (arrived.load() < kThreads)
         std::this_thread::yield();
     std::this_thread::sleep_for(std::chrono::milliseconds(30)); // past every spin

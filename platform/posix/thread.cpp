@@ -7,10 +7,21 @@
 //
 // Priorities are Windows numbers. Without privileges Linux only lets a thread
 // lower itself, so they map onto the thread's nice value relative to the
-// process's normal one: below normal (-1) +1, lowest (-2) +2, idle (-15) +19;
-// normal and everything above it keep the normal nice value. A thread cannot
-// return to a smaller nice value unprivileged; such a change is left as it is.
-// The number given is what CurrentThreadPriority reports.
+// process's normal one: below normal (-1) +5, lowest (-2) +10, idle (-15)
+// +19; normal and everything above it keep the normal nice value. Windows
+// runs a lower level only when no higher thread is ready; the nearest the
+// fair scheduler comes is a clearly smaller share (+5 weighs a third of a
+// normal thread), so that below-normal threads (the library's loading
+// threads among them) rarely take a core from a normal one when they wake.
+// +1 would weigh four fifths and let a waking loader preempt the frame
+// thread. A thread cannot return to a smaller nice value unprivileged; such a
+// change is left as it is. The number given is what CurrentThreadPriority
+// reports.
+//
+// A priority given while the thread is still suspended is applied by the
+// thread itself before it waits to be resumed (or by the setter once the
+// thread has published its id), so the thread never runs user code, nor
+// wakes from its resume, at the creator's priority.
 #include "platform/posix/posix_internal.h"
 
 #include <climits>
@@ -44,6 +55,7 @@ void* ThreadMain(void* argument) {
     auto* o = static_cast<Object*>(argument);
     tCurrentThread = o;
     o->tid.store(gettid(), std::memory_order_release);
+    ApplyCurrentPriority(o);
     while (o->resumed.load(std::memory_order_acquire) == 0)
         FutexWait(&o->resumed, 0, -1);
     ApplyCurrentPriority(o);
@@ -66,9 +78,9 @@ int NiceForPriority(int32_t priority, int baseNice) {
     if (priority <= -15)
         offset = 19; // idle
     else if (priority <= -2)
-        offset = 2;
+        offset = 10;
     else if (priority == -1)
-        offset = 1;
+        offset = 5;
     int nice = baseNice + offset;
     return nice > 19 ? 19 : nice;
 }
@@ -111,8 +123,9 @@ void ThreadSetPriority(Handle thread, int32_t priority) {
     Object* o = ObjectFromHandle(thread, Kind::Thread);
     if (!o) return;
     o->priority.store(priority, std::memory_order_release);
-    // A suspended thread applies it itself when resumed.
-    if (o->resumed.load(std::memory_order_acquire) && o->word.load(std::memory_order_acquire) == 0)
+    // A thread that has not published its id yet applies it itself when it
+    // starts; one that has ended has no priority left to change.
+    if (o->tid.load(std::memory_order_acquire) > 0 && o->word.load(std::memory_order_acquire) == 0)
         ApplyCurrentPriority(o);
 }
 

@@ -21,8 +21,9 @@
 //   ... cold      : the same with the files dropped from the page cache
 //                   (posix_fadvise DONTNEED) before the variant and after
 //                   every load (by a thread of the benchmark's own, for both
-//                   sides, so that eviction never stalls a frame); the other variants read every file once
-//                   first, so they start with all of it cached
+//                   sides, so that eviction never stalls a frame); the
+//                   other variants read every file once first, so they
+//                   start with all of it cached
 //
 // Per variant: p99 deviation of the frame period from 16 ms, 16 ms slots
 // dropped, the longest time one frame spent in library calls (baseline: in
@@ -161,7 +162,8 @@ void LibraryFrame(LibraryRun& run, double* total) {
             });
             h = nullptr;
             ++run.finished;
-            if (s.cold) g.evictor->Post(s.archive ? g.archivePath : g.files[run.slotFile[i] % kFiles]);
+            if (s.cold)
+                g.evictor->Post(s.archive ? g.archivePath : g.files[run.slotFile[i] % kFiles]);
             if (s.loads == 1 && run.finished == run.batchEnd) {
                 // A batch is complete: the next begins while frames remain.
                 run.loadsEnd = Clock::now();

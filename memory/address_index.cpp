@@ -1,4 +1,5 @@
-// The address index's probing; its invariants are listed in address_index.h.
+// The address index's layout and growth; its probing is inline in
+// address_index.h, with its invariants.
 #include "memory/address_index.h"
 
 #include <bit>

@@ -1,7 +1,6 @@
-// The exact-size gap bins' searches; their invariants are listed in
-// gap_bins.h.
+// The exact-size gap bins' layout and largest gap; their list steps and best
+// fit are inline in gap_bins.h, with their invariants.
 #include "memory/gap_bins.h"
-#include "memory/placement.h"
 
 #include <bit>
 #include <cstring>

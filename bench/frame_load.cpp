@@ -32,9 +32,11 @@
 // CPU (100 % = one core); then the ratios library / baseline of one run.
 // Loaded data are checked (a word every 4 KiB).
 //
-//   bench_frame_load [--frames N] [--long] [--only NAME]
+//   bench_frame_load [--frames N] [--long] [--only NAME] [--switches]
 //       (default 60 frames a variant; --long: 600; --only: the scenarios
-//       whose name begins with NAME)
+//       whose name begins with NAME; --switches: also count the frame
+//       thread's context switches inside the slowest call, which costs two
+//       system calls a call)
 #include <zk.h>
 
 #if defined(_WIN32)
@@ -432,7 +434,10 @@ void Report(const Scenario& s, const Result& lib, const Result& base) {
                 lib.P99Deviation(), lib.Dropped(), lib.MaxInCalls(), Result::Pct(lib.callUs, 0.5),
                 Result::Pct(lib.callUs, 0.99), lib.late, lib.MBs(), lib.CpuPct(),
                 lib.bad ? "DATA WRONG" : "");
-    std::printf("%-19s       slowest call %.3f ms: %s\n", "", lib.slowestMs, lib.slowest);
+    std::printf("%-19s       slowest call %.3f ms: %s", "", lib.slowestMs, lib.slowest);
+    if (lib.slowestVoluntary >= 0)
+        std::printf(" (%ld waits, %ld preemptions)", lib.slowestVoluntary, lib.slowestInvoluntary);
+    std::printf("\n");
     std::printf("%-19s %-5s %6.2f %4u %7.3f %7.1f %7.1f %4u %8.0f %6.0f %s\n", "", "plain",
                 base.P99Deviation(), base.Dropped(), base.MaxInCalls(),
                 Result::Pct(base.callUs, 0.5), Result::Pct(base.callUs, 0.99), base.late,
@@ -492,6 +497,7 @@ void ZK_CALL Term() {
 int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--long")) g.frames = 600;
+        if (!std::strcmp(argv[i], "--switches")) gSwitches = true;
         if (!std::strcmp(argv[i], "--frames") && i + 1 < argc)
             g.frames = std::max(10, std::atoi(argv[++i]));
         if (!std::strcmp(argv[i], "--only") && i + 1 < argc) g.only = argv[++i];

@@ -19,9 +19,11 @@
 // the operations run on the worker (or at once, for kinds a driver declares
 // immediate); a background load runs on its own thread.
 #include "file/file_system.h"
+#include "file/host_device.h"
 #include "file/operations.h"
 #include "kernel/timeline.h"
 #include "thread/request.h"
+#include "thread/thread.h"
 
 #include <zk/file.h>
 #include <zk/memory.h>
@@ -46,6 +48,8 @@ namespace {
 
 constexpr uint32_t kFrameSize = 4096;
 constexpr uint32_t kLoaderStackSize = 4096;
+// How much of a whole-file load one read asks for.
+constexpr uint32_t kLoadPart = 1u << 20;
 
 // The first item of an open's frame: the handle taken at Begin and the code
 // that stands for the open when no handle could be taken.
@@ -106,8 +110,14 @@ int32_t LoadWholeFile(FileHandle* handle, void** data, uint32_t* size) {
         bytes = static_cast<uint8_t*>(Allocate(total));
         if (!bytes) result = ZK_ERR_NO_MEMORY;
         for (uint32_t done = 0; bytes && done < total;) {
+            // Part by part: each part of a host file is brought into the
+            // system's cache on this thread first, so the worker copies it
+            // from memory rather than waiting on the disk with the
+            // application's operations queued behind.
+            const uint32_t part = total - done < kLoadPart ? total - done : kLoadPart;
+            HostCacheAhead(handle->file, part);
             uint32_t got = 0;
-            result = zkReadFile(handle, bytes + done, total - done, &got);
+            result = zkReadFile(handle, bytes + done, part, &got);
             if (result >= 0 && got == 0) result = ZK_ERR_SHORT_READ;
             if (result < 0) break;
             done += got;
@@ -363,7 +373,7 @@ extern "C" ZK_API FileHandle* ZK_CALL zkStartLoadingDataFromFile(const char* pat
         job->handle = handle;
         std::atomic_ref<zk::BackgroundLoad*>(handle->backgroundLoad)
             .store(job, std::memory_order_release);
-        job->thread = zkCreateThread(zk::kLoaderStackSize);
+        job->thread = zk::CreateReusableThread(zk::kLoaderStackSize);
     }
     if (!job || !job->thread || zkStartThread(job->thread, zk::RunBackgroundLoad, job) < 0) {
         zkCloseFile(handle); // releases the job and its thread record

@@ -112,6 +112,8 @@ public:
         return ZK_OK;
     }
 
+    os::File HostFileOf() const { return file_; }
+
 private:
     std::atomic<uint32_t> inUse_{0};
     os::File file_ = os::kInvalidFile;
@@ -182,6 +184,15 @@ private:
 HostDevice gHostDevice;
 
 } // namespace
+
+void HostCacheAhead(FileObject* file, uint32_t size) {
+    for (HostFile& host : gFiles) {
+        if (&host != file) continue;
+        const os::File handle = host.HostFileOf();
+        if (handle != os::kInvalidFile) os::FileCacheAhead(handle, size);
+        return;
+    }
+}
 
 DeviceDriver* HostDeviceDriver() {
     gHostDevice.SetDeviceFlag(1);

@@ -15,6 +15,13 @@ namespace zk {
 // for registration: the driver's flag word becomes 1.
 DeviceDriver* HostDeviceDriver();
 
+// For a whole-file load: brings the next size bytes of a host file object
+// into the system's file cache on the calling thread, so that the worker's
+// read of them copies from memory instead of waiting for the disk while
+// other operations queue behind it. Any other file object is left alone. The
+// caller owns the file and has no operation of it in flight.
+void HostCacheAhead(FileObject* file, uint32_t size);
+
 // The number of host file objects; CreateFileObject answers null while all are
 // handed out.
 constexpr uint32_t kHostFileCount = 32;

@@ -162,6 +162,8 @@ int32_t EndProcess() {
     // still open are closed, mounts removed, and the worker stopped (a worker
     // held in a host call is not waited for beyond a short bound).
     FileSystemEnd();
+    // Loading threads that the platform keeps parked for reuse end too.
+    os::ThreadsReleaseParked();
     CloseInstanceMutexes();
     if (k.begun) {
         if (k.windowClass) k.windowClass->Unregister();

@@ -65,6 +65,14 @@ bool FileTruncateHere(File file);
 // the query fails or those bits are all set (INVALID_FILE_SIZE).
 bool FileSize(File file, uint32_t* size);
 
+// Brings the size bytes from the position into the system's file cache,
+// waiting on the calling thread until they are there, so that a read of them
+// that follows on another thread copies from memory. The position is not
+// moved. A hint: the POSIX backend asks the kernel to read the range ahead
+// and waits for it; Windows, whose cache manager reads ahead by itself, does
+// nothing.
+void FileCacheAhead(File file, uint32_t size);
+
 // CreateDirectoryA(path, none): false when it exists already (whatever the
 // case of its name) or cannot be made. Parents are not made.
 bool DirectoryCreate(const char* path);

@@ -138,6 +138,16 @@ constexpr int32_t kThreadPriorityBelowNormal = -1;
 // Creates a suspended thread (stackSize 0 = the default); null on failure.
 // The handle is waitable: it is signalled when the thread has ended.
 Handle ThreadCreateSuspended(uint32_t stackSize, ThreadEntry entry, void* parameter);
+// The same for the library's own short-lived threads (loaders), at priority:
+// on POSIX the thread may be one that the backend kept parked after an
+// earlier such thread's entry returned, already at that priority, so that the
+// creator neither clones a thread nor hands its core to a new one that still
+// runs at the creator's priority. The entry must leave no thread-local state
+// behind. Windows creates a new thread.
+Handle ThreadCreateReusable(uint32_t stackSize, int32_t priority, ThreadEntry entry,
+                            void* parameter);
+// Lets every parked thread end (at process end); waits for none.
+void ThreadsReleaseParked();
 // Windows priority numbers (-2 .. 2, and the idle/time-critical values).
 void ThreadSetPriority(Handle thread, int32_t priority);
 void ThreadResume(Handle thread);

@@ -12,6 +12,7 @@ int32_t Thread::Initialize(Runnable* runnable, uint32_t stackSize, int32_t prior
     runnable_ = runnable;
     stackSize_ = stackSize;
     priority_ = priority;
+    reusable_ = false;
     return 0;
 }
 
@@ -26,9 +27,15 @@ uint32_t Thread::Entry(void* parameter) {
 }
 
 int32_t Thread::Start() {
-    os::Handle handle = os::ThreadCreateSuspended(stackSize_, &Thread::Entry, this);
-    if (!handle) return ZK_ERR_NO_SLOT;
-    os::ThreadSetPriority(handle, priority_);
+    os::Handle handle;
+    if (reusable_) {
+        handle = os::ThreadCreateReusable(stackSize_, priority_, &Thread::Entry, this);
+        if (!handle) return ZK_ERR_NO_SLOT;
+    } else {
+        handle = os::ThreadCreateSuspended(stackSize_, &Thread::Entry, this);
+        if (!handle) return ZK_ERR_NO_SLOT;
+        os::ThreadSetPriority(handle, priority_);
+    }
     // The handle is stored before the thread runs, so the controlling thread
     // never sees a running thread without one.
     handle_ = handle;

@@ -15,6 +15,8 @@
 
 #include <cstdint>
 
+struct ThreadRecord; // an exported thread record (zk/thread.h)
+
 namespace zk {
 
 // The body a thread executes.
@@ -49,6 +51,10 @@ public:
     void Detach();
 
     Runnable* GetRunnable() const { return runnable_; }
+    // Later starts may run on a parked thread of the platform's (see
+    // os::ThreadCreateReusable): for runnables that leave no thread-local
+    // state behind. Initialize clears it.
+    void SetReusable(bool reusable) { reusable_ = reusable; }
 
 private:
     static uint32_t Entry(void* parameter);
@@ -57,7 +63,12 @@ private:
     Runnable* runnable_ = nullptr;
     uint32_t stackSize_ = 0;
     int32_t priority_ = 0;
+    bool reusable_ = false;
 };
+
+// zkCreateThread for the library's own loading threads: the record's starts
+// may run on a parked thread (Thread::SetReusable).
+ThreadRecord* CreateReusableThread(uint32_t stackSize);
 
 } // namespace zk
 

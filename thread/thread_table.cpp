@@ -78,6 +78,12 @@ extern "C" ZK_API ThreadRecord* ZK_CALL zkCreateThread(uint32_t stackSize) {
     return zk::HandleOf(record);
 }
 
+ThreadRecord* zk::CreateReusableThread(uint32_t stackSize) {
+    ThreadRecord* handle = zkCreateThread(stackSize);
+    if (handle) RecordOf(handle)->thread.SetReusable(true);
+    return handle;
+}
+
 extern "C" ZK_API int32_t ZK_CALL zkStartThread(ThreadRecord* handle, ThreadProc proc,
                                                 void* argument) {
     ThreadRecord* thread = zk::RecordOf(handle);

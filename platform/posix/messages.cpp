@@ -107,6 +107,13 @@ void QueueReleaseForThreadExit(void* queue) {
     gFreeQueues = q;
 }
 
+void QueueReleaseForReuse() {
+    if (!tQueue) return;
+    QueueReleaseForThreadExit(tQueue);
+    pthread_setspecific(QueueKey(), nullptr);
+    tQueue = nullptr;
+}
+
 uint32_t QueueGeneration(Queue* queue) {
     return queue->generation;
 }

@@ -94,6 +94,9 @@ struct alignas(64) Object {
     std::atomic<int32_t> priority;
     ThreadEntry entry;
     void* parameter;
+    uint32_t stackSize; // thread: what it was created with (0 = the default)
+    bool reusable;      // thread: parks when its entry returns
+    std::atomic<uint32_t>* parkedGate; // thread: the parked slot it was given, if any
     int fd; // named mutex
 };
 
@@ -125,6 +128,9 @@ uint32_t QueueGeneration(Queue* queue);
 void QueuesPurgeWindowLocked(Handle window);
 // Releases the calling thread's queue (called when the thread ends).
 void QueueReleaseForThreadExit(void* queue);
+// Releases the calling thread's queue, if it has one, before the thread parks
+// to run another entry.
+void QueueReleaseForReuse();
 
 // ---- windows ------------------------------------------------------------------
 // The window's owning queue and its generation when the window is live (backend

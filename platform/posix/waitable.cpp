@@ -129,6 +129,9 @@ Object* ObjectTake(Kind kind) {
     o->priority.store(kThreadPriorityNormal, std::memory_order_relaxed);
     o->entry = nullptr;
     o->parameter = nullptr;
+    o->stackSize = 0;
+    o->reusable = false;
+    o->parkedGate = nullptr;
     o->fd = -1;
     o->kind.store(kind, std::memory_order_relaxed);
     // Publishes the cleared state with the handle.

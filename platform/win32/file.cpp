@@ -62,6 +62,8 @@ bool FileSeekFromStart(File file, uint32_t offset) {
     return !(position == INVALID_SET_FILE_POINTER && GetLastError() != 0);
 }
 
+void FileCacheAhead(File, uint32_t) {}
+
 bool FileTruncateHere(File file) {
     return SetEndOfFile(ToHandle(file)) != 0;
 }

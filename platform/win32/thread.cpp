@@ -60,6 +60,15 @@ Handle ThreadCreateSuspended(uint32_t stackSize, ThreadEntry entry, void* parame
     return thread;
 }
 
+Handle ThreadCreateReusable(uint32_t stackSize, int32_t priority, ThreadEntry entry,
+                            void* parameter) {
+    Handle thread = ThreadCreateSuspended(stackSize, entry, parameter);
+    if (thread) SetThreadPriority(thread, priority);
+    return thread;
+}
+
+void ThreadsReleaseParked() {}
+
 void ThreadSetPriority(Handle thread, int32_t priority) {
     if (thread) SetThreadPriority(thread, priority);
 }

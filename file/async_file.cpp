@@ -37,7 +37,9 @@ namespace zk {
 
 class BackgroundLoad {
 public:
-    int32_t result = 0;
+    // Until the loading thread has run: a thread the system refused after
+    // it was started ends without running, and its load reports no thread.
+    int32_t result = ZK_ERR_NO_SLOT;
     FileHandle* handle = nullptr;
     ThreadRecord* thread = nullptr;
     void* data = nullptr;

@@ -207,4 +207,36 @@ TEST_F(HostFileTest, UnsupportedOperationsAndPathConversion) {
         EXPECT_EQ(zkGetPhysicalPath(name, out, sizeof(out)), -23) << name;
 }
 
+// Whole-file loads of host files come in parts, each brought into the cache
+// first, on threads that are parked and reused between loads: every byte
+// arrives, whatever the size's remainder, round after round.
+TEST_F(HostFileTest, WholeFileLoadsOfLargeFilesArriveIntactRoundAfterRound) {
+    std::string data((3u << 20) + 777, '\0');
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = static_cast<char>((i * 7 + i / 4096) % 251);
+    WriteWhole("/host_files/big.bin", data);
+    void* loaded = nullptr;
+    uint32_t size = 0;
+    ASSERT_EQ(zkLoadDataFromFile("/host_files/big.bin", &loaded, &size), 0);
+    ASSERT_EQ(size, data.size());
+    EXPECT_EQ(std::memcmp(loaded, data.data(), size), 0);
+    zkFreeData(loaded);
+    for (int round = 0; round < 3; ++round) {
+        FileHandle* loads[4];
+        for (FileHandle*& h : loads) {
+            h = zkStartLoadingDataFromFile("/host_files/big.bin");
+            ASSERT_NE(h, nullptr);
+        }
+        for (FileHandle* h : loads) {
+            while (zkIsFileProcessing(h))
+                zkSleep(1);
+            ASSERT_EQ(zkGetLoadedData(h, &loaded, &size), 0) << round;
+            ASSERT_EQ(size, data.size()) << round;
+            EXPECT_EQ(std::memcmp(loaded, data.data(), size), 0) << round;
+            zkFreeData(loaded);
+            zkCloseFile(h);
+        }
+    }
+}
+
 } // namespace

@@ -112,12 +112,11 @@ int32_t LoadWholeFile(FileHandle* handle, void** data, uint32_t* size) {
         bytes = static_cast<uint8_t*>(Allocate(total));
         if (!bytes) result = ZK_ERR_NO_MEMORY;
         for (uint32_t done = 0; bytes && done < total;) {
-            // Part by part: each part of a host file is brought into the
-            // system's cache on this thread first, so the worker copies it
-            // from memory rather than waiting on the disk with the
+            // A host file not cached yet comes part by part, each brought
+            // into the system's cache on this thread first, so the worker
+            // copies it from memory rather than waiting on the disk with the
             // application's operations queued behind.
-            const uint32_t part = total - done < kLoadPart ? total - done : kLoadPart;
-            HostCacheAhead(handle->file, part);
+            const uint32_t part = HostCacheAhead(handle->file, total - done, kLoadPart);
             uint32_t got = 0;
             result = zkReadFile(handle, bytes + done, part, &got);
             if (result >= 0 && got == 0) result = ZK_ERR_SHORT_READ;

@@ -72,6 +72,9 @@ int32_t FileSystem::Startup() {
     totalBytesRead_.store(0, std::memory_order_relaxed);
     WorkDir().Reset();
     std::memcpy(tryCounts_, kDefaultTries, sizeof(tryCounts_));
+    // Whatever the platform needs for loading threads starts now, while a
+    // new thread costs nobody a frame.
+    os::ThreadsPrepareReusable();
     return worker_.Start();
 }
 

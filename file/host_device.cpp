@@ -26,6 +26,7 @@
 #include "file/driver_defaults.h"
 
 #include "platform/file.h"
+#include "platform/platform.h"
 
 #include <zk/result.h>
 
@@ -185,13 +186,36 @@ HostDevice gHostDevice;
 
 } // namespace
 
-void HostCacheAhead(FileObject* file, uint32_t size) {
+// At most this many loads bring parts into the cache at once: the disk's
+// queue stays short, so an application's own read of a file that is not
+// cached waits behind a few parts, not behind a part of every load.
+constexpr int32_t kCachingAtOnce = 4;
+
+os::Handle CachingSlots() {
+    static std::atomic<os::Handle> slots{nullptr};
+    os::Handle made = slots.load(std::memory_order_acquire);
+    if (made) return made;
+    os::Handle fresh = os::SemaphoreCreate(kCachingAtOnce, kCachingAtOnce);
+    if (!fresh || slots.compare_exchange_strong(made, fresh, std::memory_order_acq_rel))
+        return fresh;
+    os::CloseHandle(fresh); // another thread made it first
+    return made;
+}
+
+uint32_t HostCacheAhead(FileObject* file, uint32_t rest, uint32_t part) {
     for (HostFile& host : gFiles) {
         if (&host != file) continue;
         const os::File handle = host.HostFileOf();
-        if (handle != os::kInvalidFile) os::FileCacheAhead(handle, size);
-        return;
+        if (handle == os::kInvalidFile || os::FileLooksCached(handle, rest)) return rest;
+        const uint32_t size = rest < part ? rest : part;
+        os::Handle slots = CachingSlots();
+        if (slots && os::Wait(slots, os::kInfinite) == os::WaitResult::Signaled) {
+            os::FileCacheAhead(handle, size);
+            os::SemaphoreRelease(slots, 1);
+        }
+        return size;
     }
+    return rest;
 }
 
 DeviceDriver* HostDeviceDriver() {

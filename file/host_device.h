@@ -15,12 +15,14 @@ namespace zk {
 // for registration: the driver's flag word becomes 1.
 DeviceDriver* HostDeviceDriver();
 
-// For a whole-file load: brings the next size bytes of a host file object
-// into the system's file cache on the calling thread, so that the worker's
-// read of them copies from memory instead of waiting for the disk while
-// other operations queue behind it. Any other file object is left alone. The
-// caller owns the file and has no operation of it in flight.
-void HostCacheAhead(FileObject* file, uint32_t size);
+// For a whole-file load of which rest bytes remain: how much to ask the
+// worker for next. When the rest of a host file is cached already, all of
+// it; otherwise at most part bytes, first brought into the system's file
+// cache on the calling thread, so that the worker's read copies from memory
+// instead of waiting for the disk while other operations queue behind it.
+// Any other file object: all of the rest, nothing done. The caller owns the
+// file and has no operation of it in flight.
+uint32_t HostCacheAhead(FileObject* file, uint32_t rest, uint32_t part);
 
 // The number of host file objects; CreateFileObject answers null while all are
 // handed out.

@@ -65,6 +65,9 @@ bool FileTruncateHere(File file);
 // the query fails or those bits are all set (INVALID_FILE_SIZE).
 bool FileSize(File file, uint32_t* size);
 
+// Whether the size bytes from the position look cached already (their first
+// and last byte are), asked without waiting. Windows answers false.
+bool FileLooksCached(File file, uint32_t size);
 // Brings the size bytes from the position into the system's file cache,
 // waiting on the calling thread until they are there, so that a read of them
 // that follows on another thread copies from memory. The position is not

@@ -146,7 +146,11 @@ Handle ThreadCreateSuspended(uint32_t stackSize, ThreadEntry entry, void* parame
 // behind. Windows creates a new thread.
 Handle ThreadCreateReusable(uint32_t stackSize, int32_t priority, ThreadEntry entry,
                             void* parameter);
-// Lets every parked thread end (at process end); waits for none.
+// Starts ahead what reusable threads need (the POSIX spawner, below), so
+// that no creator pays for it later; at most once until the release.
+void ThreadsPrepareReusable();
+// Lets every parked thread and the spawner end (at process end); waits for
+// none.
 void ThreadsReleaseParked();
 // Windows priority numbers (-2 .. 2, and the idle/time-critical values).
 void ThreadSetPriority(Handle thread, int32_t priority);

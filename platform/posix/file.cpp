@@ -340,23 +340,27 @@ bool FileSeekFromStart(File file, uint32_t offset) {
     return lseek(static_cast<int>(file), static_cast<off_t>(offset), SEEK_SET) >= 0;
 }
 
-void FileCacheAhead(File file, uint32_t size) {
+bool FileLooksCached(File file, uint32_t size) {
     const int64_t at = CurrentPosition(file);
-    if (at < 0 || size == 0) return;
-    const int fd = static_cast<int>(file);
+    if (at < 0 || size == 0) return false;
     char byte;
-    // Already there (first and last byte cached, as after an earlier read):
-    // two probes that never wait, and nothing more.
     auto cached = [&](int64_t position) {
         iovec one{&byte, 1};
-        return preadv2(fd, &one, 1, position, RWF_NOWAIT) >= 0;
+        return preadv2(static_cast<int>(file), &one, 1, position, RWF_NOWAIT) >= 0;
     };
-    if (cached(at) && cached(at + size - 1)) return;
+    return cached(at) && cached(at + size - 1);
+}
+
+void FileCacheAhead(File file, uint32_t size) {
+    const int64_t at = CurrentPosition(file);
+    if (at < 0 || size == 0 || FileLooksCached(file, size)) return;
+    const int fd = static_cast<int>(file);
     posix_fadvise(fd, at, size, POSIX_FADV_WILLNEED);
     // The kernel reads the range in the background; a one-byte read every
     // 64 KiB waits for each part to arrive (a read past the end returns at once).
     constexpr int64_t kStep = 64 << 10;
     const int64_t end = at + size;
+    char byte;
     for (int64_t p = at; p < end; p += kStep) {
         const int64_t probe = p + kStep < end ? p + kStep - 1 : end - 1;
         while (pread(fd, &byte, 1, probe) < 0 && errno == EINTR) {

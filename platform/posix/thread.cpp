@@ -30,8 +30,9 @@
 // the creator a clone and, while the new thread still runs at the creator's
 // priority, often its core. When none is parked, a new reusable thread below
 // normal is cloned by the spawner, a thread at that priority itself, so the
-// clone never runs at the creator's. A thread parked for ten seconds, or
-// released at process end, ends; so does the spawner after ten idle seconds.
+// clone never runs at the creator's; it is started with the file system and
+// runs until process end. A thread parked for ten seconds, or released at
+// process end, ends.
 // Before parking a thread drops its message queue; its other thread-local
 // state is the entry's to leave clean.
 #include "platform/posix/posix_internal.h"
@@ -70,13 +71,13 @@ ParkedSlot gParked[kParkedSlots];
 // New reusable threads below normal are cloned by a spawner thread of their
 // own policy, not by their creator: a clone first runs at its parent's
 // priority, and one cloned by a normal thread takes that thread's core. The
-// spawner starts with the first such thread and ends after an idle time.
+// spawner is started ahead (ThreadsPrepareReusable), or else by the first
+// such thread, and runs until the process end releases it.
 pthread_mutex_t gSpawnLock = PTHREAD_MUTEX_INITIALIZER;
 Object* gSpawnList = nullptr;     // objects waiting for a thread, through link
 bool gSpawnerRunning = false;     // under gSpawnLock
 std::atomic<uint32_t> gSpawnWake{0}; // futex word the spawner sleeps on
 std::atomic<bool> gSpawnerLeave{false}; // process end: leave once nothing waits
-constexpr int64_t kSpawnerNanoseconds = 10'000'000'000;
 
 
 // The stack a thread gets for stackSize: 0 (the default), or at least the
@@ -236,21 +237,19 @@ void EndUnstarted(Object* o) {
 
 void* SpawnerMain(void*) {
     ApplyPriority(gettid(), kThreadPriorityBelowNormal);
-    int64_t deadline = MonotonicNanoseconds() + kSpawnerNanoseconds;
     for (;;) {
         const uint32_t seen = gSpawnWake.load(std::memory_order_acquire);
         pthread_mutex_lock(&gSpawnLock);
         Object* list = gSpawnList;
         gSpawnList = nullptr;
-        if (!list && (gSpawnerLeave.load(std::memory_order_acquire) ||
-                      MonotonicNanoseconds() >= deadline)) {
+        if (!list && gSpawnerLeave.load(std::memory_order_acquire)) {
             gSpawnerRunning = false;
             pthread_mutex_unlock(&gSpawnLock);
             return nullptr;
         }
         pthread_mutex_unlock(&gSpawnLock);
         if (!list) {
-            FutexWait(&gSpawnWake, seen, deadline);
+            FutexWait(&gSpawnWake, seen, -1);
             continue;
         }
         while (list) {
@@ -259,21 +258,23 @@ void* SpawnerMain(void*) {
             o->link = nullptr;
             if (!StartThread(o)) EndUnstarted(o);
         }
-        deadline = MonotonicNanoseconds() + kSpawnerNanoseconds;
     }
 }
 
-// Hands o to the spawner, starting it when none runs; false when the system
-// refuses the spawner (o is then not queued).
+// Hands o (null: nothing) to the spawner, starting it when none runs; false
+// when the system refuses the spawner (o is then not queued).
 bool Spawn(Object* o) {
     pthread_mutex_lock(&gSpawnLock);
     const bool start = !gSpawnerRunning;
     if (start) gSpawnerLeave.store(false, std::memory_order_relaxed);
-    o->link = gSpawnList;
-    gSpawnList = o;
+    if (o) {
+        o->link = gSpawnList;
+        gSpawnList = o;
+    }
     gSpawnerRunning = true;
     pthread_mutex_unlock(&gSpawnLock);
     if (!start) {
+        if (!o) return true;
         gSpawnWake.fetch_add(1, std::memory_order_release);
         FutexWake(&gSpawnWake, 1);
         return true;
@@ -347,6 +348,10 @@ Handle ThreadCreateReusable(uint32_t stackSize, int32_t priority, ThreadEntry en
     o->refs.store(1, std::memory_order_relaxed);
     CloseHandle(o);
     return nullptr;
+}
+
+void ThreadsPrepareReusable() {
+    Spawn(nullptr);
 }
 
 void ThreadsReleaseParked() {

@@ -62,6 +62,10 @@ bool FileSeekFromStart(File file, uint32_t offset) {
     return !(position == INVALID_SET_FILE_POINTER && GetLastError() != 0);
 }
 
+bool FileLooksCached(File, uint32_t) {
+    return false;
+}
+
 void FileCacheAhead(File, uint32_t) {}
 
 bool FileTruncateHere(File file) {

@@ -67,6 +67,8 @@ Handle ThreadCreateReusable(uint32_t stackSize, int32_t priority, ThreadEntry en
     return thread;
 }
 
+void ThreadsPrepareReusable() {}
+
 void ThreadsReleaseParked() {}
 
 void ThreadSetPriority(Handle thread, int32_t priority) {

@@ -1,7 +1,7 @@
 // Reusable threads of the POSIX backend: a parked thread runs the next entry
 // that asks for its stack size and priority, starts clean, and never serves a
 // creator that wants a priority it cannot return to; and the file cache-ahead
-// leaves a file's position where it was.
+// and its cached check leave a file's position where it was.
 #include "platform/file.h"
 #include "platform/platform.h"
 
@@ -155,6 +155,9 @@ TEST(FileCacheAhead, LeavesThePositionWhereItWas) {
     uint32_t got = 0;
     ASSERT_TRUE(zk::os::FileRead(file, bytes, 4, &got));
     zk::os::FileCacheAhead(file, 1u << 20); // past the end: nothing to fail
+    // Just written and read ahead, the rest is cached; nothing is no range.
+    EXPECT_TRUE(zk::os::FileLooksCached(file, 300000 - 4));
+    EXPECT_FALSE(zk::os::FileLooksCached(file, 0));
     ASSERT_TRUE(zk::os::FileRead(file, bytes, 4, &got));
     EXPECT_EQ(Codes(got, bytes[0]), Codes(4, 4));
     // After a positioning that the backend holds back until the next read.

@@ -14,8 +14,9 @@
  *
  * Below normal is the Windows level one under normal; on Linux, where an
  * unprivileged thread can only lower itself, it is a nice value 5 above the
- * process's (about a third of a normal thread's share of a busy core), applied
- * before the thread first runs.
+ * process's (about a third of a normal thread's share of a busy core) and the
+ * batch scheduling policy (its wake-ups never preempt a running thread),
+ * applied before the thread first runs.
  *
  * Records are taken and given back under the library lock, so any thread may
  * create and release threads. One record is driven by one controlling thread

@@ -8,7 +8,10 @@
 // word, scanning from the first object, so opening files never waits on a
 // lock of the library; the file of a claimed object is touched only by the
 // thread that uses it (the device I/O worker for every operation, since no
-// kind is immediate).
+// kind is immediate), and between two operations by the thread of a
+// whole-file load, which brings the next part into the system's cache
+// without moving the position (HostCacheAhead; a semaphore lets four do so
+// at once).
 //
 // Pieces: one Read or Write moves at most kHostPiece bytes (a driver may
 // deliver less than asked). The I/O worker queues the rest of a transfer

@@ -250,6 +250,10 @@ bool DeviceIoWorker::Take() {
 }
 
 void DeviceIoWorker::Run() {
+    // Each submission wakes the worker; as bulk work it then waits for a free
+    // core or the next tick instead of taking the submitter's, so a frame
+    // thread that queues a read keeps running.
+    os::CurrentThreadSetBulk();
     timeline::NameThread("I/O worker");
     while (Take()) {
         Node* node = current_;

@@ -36,6 +36,9 @@
 //
 // Threads: the worker thread is started by the file system's start and runs
 // until the process level ends (the library's termination leaves it alone).
+// It runs at normal priority as bulk work (os::CurrentThreadSetBulk): a
+// submission wakes it without taking the submitter's core, so a frame thread
+// that queues reads is not preempted by the worker it woke.
 // Stop asks it to end once everything queued has run and waits for that only
 // for a bounded time: a worker held inside a host call (an open of a FIFO
 // that has no writer) is let go and ends on its own when the call returns. A

@@ -157,6 +157,10 @@ void ThreadSetPriority(Handle thread, int32_t priority);
 void ThreadResume(Handle thread);
 // The priority the calling thread runs at, in Windows numbers.
 int32_t CurrentThreadPriority();
+// Marks the calling thread as bulk work: it keeps its priority and its share
+// of the processor, but waking it never preempts a running thread (POSIX:
+// the batch policy, where the thread has a normal one; Windows: nothing).
+void CurrentThreadSetBulk();
 
 // The library's one thread-local slot (the current-thread value), allocated
 // when the library is loaded.

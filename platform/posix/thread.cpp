@@ -386,6 +386,12 @@ void ThreadResume(Handle thread) {
     }
 }
 
+void CurrentThreadSetBulk() {
+    if (sched_getscheduler(0) != SCHED_OTHER) return;
+    sched_param param{};
+    sched_setscheduler(0, SCHED_BATCH, &param);
+}
+
 int32_t CurrentThreadPriority() {
     Object* o = tCurrentThread;
     return o ? o->priority.load(std::memory_order_relaxed) : kThreadPriorityNormal;

@@ -69,6 +69,8 @@ Handle ThreadCreateReusable(uint32_t stackSize, int32_t priority, ThreadEntry en
 
 void ThreadsPrepareReusable() {}
 
+void CurrentThreadSetBulk() {}
+
 void ThreadsReleaseParked() {}
 
 void ThreadSetPriority(Handle thread, int32_t priority) {

@@ -141,6 +141,23 @@ TEST(ReusableThread, ABurstOfMoreThreadsThanSlotsRunsEveryEntryOnce) {
     EXPECT_LE(after + 20, before) << "parked threads did not end";
 }
 
+uint32_t MarkBulk(void* parameter) {
+    zk::os::CurrentThreadSetBulk();
+    auto* seen = static_cast<std::pair<long long, long long>*>(parameter);
+    *seen = {sched_getscheduler(0), zk::os::CurrentThreadPriority()};
+    return 0;
+}
+
+TEST(BulkThread, KeepsItsPriorityUnderTheBatchPolicy) {
+    std::pair<long long, long long> seen{-1, 99};
+    Handle thread = zk::os::ThreadCreateSuspended(0, &MarkBulk, &seen);
+    ASSERT_NE(thread, nullptr);
+    zk::os::ThreadResume(thread);
+    ASSERT_EQ(zk::os::Wait(thread, zk::os::kInfinite), zk::os::WaitResult::Signaled);
+    zk::os::CloseHandle(thread);
+    EXPECT_EQ(seen, Codes(SCHED_BATCH, zk::os::kThreadPriorityNormal));
+}
+
 TEST(FileCacheAhead, LeavesThePositionWhereItWas) {
     const std::string path =
         (std::filesystem::temp_directory_path() / "zk_cache_ahead.bin").string();

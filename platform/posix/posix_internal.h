@@ -94,10 +94,10 @@ struct alignas(64) Object {
     std::atomic<int32_t> priority;
     ThreadEntry entry;
     void* parameter;
-    uint32_t stackSize; // thread: what it was created with (0 = the default)
-    bool reusable;      // thread: parks when its entry returns
+    uint32_t stackSize;                // thread: what it was created with (0 = the default)
+    bool reusable;                     // thread: parks when its entry returns
     std::atomic<uint32_t>* parkedGate; // thread: the parked slot it was given, if any
-    int fd; // named mutex
+    int fd;                            // named mutex
 };
 
 // Takes a free object of the kind (refs 1, state cleared, open); null when

@@ -74,11 +74,10 @@ ParkedSlot gParked[kParkedSlots];
 // spawner is started ahead (ThreadsPrepareReusable), or else by the first
 // such thread, and runs until the process end releases it.
 pthread_mutex_t gSpawnLock = PTHREAD_MUTEX_INITIALIZER;
-Object* gSpawnList = nullptr;     // objects waiting for a thread, through link
-bool gSpawnerRunning = false;     // under gSpawnLock
-std::atomic<uint32_t> gSpawnWake{0}; // futex word the spawner sleeps on
+Object* gSpawnList = nullptr;           // objects waiting for a thread, through link
+bool gSpawnerRunning = false;           // under gSpawnLock
+std::atomic<uint32_t> gSpawnWake{0};    // futex word the spawner sleeps on
 std::atomic<bool> gSpawnerLeave{false}; // process end: leave once nothing waits
-
 
 // The stack a thread gets for stackSize: 0 (the default), or at least the
 // system's minimum, whole pages.
@@ -296,6 +295,26 @@ bool Spawn(Object* o) {
     return false;
 }
 
+// A thread object for entry, held by its handle and by the thread to come;
+// null when the entry is missing or the pool is empty.
+Object* TakeThreadObject(uint32_t stackSize, ThreadEntry entry, void* parameter) {
+    if (!entry) return nullptr;
+    Object* o = ObjectTake(Kind::Thread);
+    if (!o) return nullptr;
+    o->entry = entry;
+    o->parameter = parameter;
+    o->stackSize = StackBytes(stackSize);
+    o->refs.store(2, std::memory_order_release); // the handle and the running thread
+    return o;
+}
+
+// Gives back an object whose thread the system refused; null for the caller.
+Handle GiveUpThreadObject(Object* o) {
+    o->refs.store(1, std::memory_order_relaxed);
+    CloseHandle(o);
+    return nullptr;
+}
+
 } // namespace
 
 int NiceForPriority(int32_t priority, int baseNice) {
@@ -317,37 +336,20 @@ namespace zk::os {
 using namespace posix;
 
 Handle ThreadCreateSuspended(uint32_t stackSize, ThreadEntry entry, void* parameter) {
-    if (!entry) return nullptr;
-    Object* o = ObjectTake(Kind::Thread);
+    Object* o = TakeThreadObject(stackSize, entry, parameter);
     if (!o) return nullptr;
-    o->entry = entry;
-    o->parameter = parameter;
-    o->stackSize = StackBytes(stackSize);
-    o->refs.store(2, std::memory_order_release); // the handle and the running thread
-    if (!StartThread(o)) {
-        o->refs.store(1, std::memory_order_relaxed);
-        CloseHandle(o);
-        return nullptr;
-    }
-    return o;
+    return StartThread(o) ? o : GiveUpThreadObject(o);
 }
 
 Handle ThreadCreateReusable(uint32_t stackSize, int32_t priority, ThreadEntry entry,
                             void* parameter) {
-    if (!entry) return nullptr;
-    Object* o = ObjectTake(Kind::Thread);
+    Object* o = TakeThreadObject(stackSize, entry, parameter);
     if (!o) return nullptr;
-    o->entry = entry;
-    o->parameter = parameter;
-    o->stackSize = StackBytes(stackSize);
     o->reusable = true;
     o->priority.store(priority, std::memory_order_relaxed);
-    o->refs.store(2, std::memory_order_release);
     if (Unpark(o, NiceForPriority(priority, BaseNiceValue()))) return o;
     if (priority < kThreadPriorityNormal ? Spawn(o) : StartThread(o)) return o;
-    o->refs.store(1, std::memory_order_relaxed);
-    CloseHandle(o);
-    return nullptr;
+    return GiveUpThreadObject(o);
 }
 
 void ThreadsPrepareReusable() {

@@ -107,8 +107,8 @@ TEST(ReusableThread, ABurstOfMoreThreadsThanSlotsRunsEveryEntryOnce) {
     std::vector<EntryRun> runs(kThreads);
     std::vector<Handle> handles;
     for (EntryRun& run : runs) {
-        Handle thread = zk::os::ThreadCreateReusable(FreshStack(4), zk::os::kThreadPriorityBelowNormal,
-                                                     &Record, &run);
+        Handle thread = zk::os::ThreadCreateReusable(
+            FreshStack(4), zk::os::kThreadPriorityBelowNormal, &Record, &run);
         ASSERT_NE(thread, nullptr);
         zk::os::ThreadResume(thread);
         handles.push_back(thread);

@@ -66,7 +66,8 @@ bool FileTruncateHere(File file);
 bool FileSize(File file, uint32_t* size);
 
 // Whether the size bytes from the position look cached already (their first
-// and last byte are), asked without waiting. Windows answers false.
+// and last byte are), asked without waiting. False where the file system
+// cannot tell without waiting, and on Windows.
 bool FileLooksCached(File file, uint32_t size);
 // Brings the size bytes from the position into the system's file cache,
 // waiting on the calling thread until they are there, so that a read of them

@@ -172,9 +172,10 @@ TEST(FileCacheAhead, LeavesThePositionWhereItWas) {
     uint32_t got = 0;
     ASSERT_TRUE(zk::os::FileRead(file, bytes, 4, &got));
     zk::os::FileCacheAhead(file, 1u << 20); // past the end: nothing to fail
-    // Just written and read ahead, the rest is cached; nothing is no range.
-    EXPECT_TRUE(zk::os::FileLooksCached(file, 300000 - 4));
-    EXPECT_FALSE(zk::os::FileLooksCached(file, 0));
+    // Whether the rest looks cached depends on the file system (some cannot
+    // answer without waiting and say no); either way asking moves nothing.
+    zk::os::FileLooksCached(file, 300000 - 4);
+    EXPECT_FALSE(zk::os::FileLooksCached(file, 0)); // no range
     ASSERT_TRUE(zk::os::FileRead(file, bytes, 4, &got));
     EXPECT_EQ(Codes(got, bytes[0]), Codes(4, 4));
     // After a positioning that the backend holds back until the next read.

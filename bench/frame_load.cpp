@@ -116,6 +116,15 @@ std::string LoadPath(const Scenario& s, int file) {
     return name;
 }
 
+// Cold variants drop what a finished load read, on both sides alike: the
+// file, or the item's range of the archive.
+void DropLoaded(const Scenario& s, int file) {
+    if (s.archive)
+        g.evictor->Post(g.archivePath, g.itemOffsets[file], kFileSize);
+    else
+        g.evictor->Post(g.files[file]);
+}
+
 bool LoadsWanted(const LibraryRun& run) {
     return run.s->loads == 2 || run.nextFile < run.batchEnd;
 }
@@ -164,8 +173,7 @@ void LibraryFrame(LibraryRun& run, double* total) {
             });
             h = nullptr;
             ++run.finished;
-            if (s.cold)
-                g.evictor->Post(s.archive ? g.archivePath : g.files[run.slotFile[i] % kFiles]);
+            if (s.cold) DropLoaded(s, run.slotFile[i] % kFiles);
             if (s.loads == 1 && run.finished == run.batchEnd) {
                 // A batch is complete: the next begins while frames remain.
                 run.loadsEnd = Clock::now();
@@ -186,7 +194,8 @@ void RunBaseline(const Scenario& s, Result& r);
 // Cold: every file dropped from the page cache; warm: every file read once.
 void PrepareCache(const Scenario& s) {
     g.evictor->Drain(); // the last variant's drops end before this one starts
-    void (*prepare)(const std::string&) = s.cold ? Drop : Warm;
+    void (*prepare)(const std::string&) =
+        s.cold ? [](const std::string& path) { Drop(path); } : Warm;
     for (const std::string& f : g.files)
         prepare(f);
     prepare(g.archivePath);
@@ -347,7 +356,7 @@ void RunBaseline(const Scenario& s, Result& r) {
                 r.bytes += kFileSize;
                 --inFlight;
                 ++finished;
-                if (s.cold) g.evictor->Post(s.archive ? g.archivePath : g.files[file % kFiles]);
+                if (s.cold) DropLoaded(s, file % kFiles);
                 if (s.loads == 1 && finished == batchEnd) {
                     loadsEnd = Clock::now();
                     if (frame < g.frames + 2) batchEnd += kFiles;

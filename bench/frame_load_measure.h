@@ -58,11 +58,12 @@ bool Check(const void* data, uint32_t size, int file) {
     }
     return true;
 }
-void Drop(const std::string& path) {
+// Drops a file, or length bytes of it from offset, from the page cache.
+void Drop(const std::string& path, uint32_t offset = 0, uint32_t length = 0) {
     const int fd = open(path.c_str(), O_RDONLY);
     if (fd < 0) return;
     fdatasync(fd);
-    posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    posix_fadvise(fd, offset, length, POSIX_FADV_DONTNEED);
     close(fd);
 }
 
@@ -72,7 +73,9 @@ void Drop(const std::string& path) {
 // frame thread for tens of milliseconds while other reads keep the disk busy,
 // and those stalls would be counted against whichever side ran the frame.
 // The thread runs at the idle policy: its wake-ups never take a core from
-// either side's frame thread.
+// either side's frame thread. An archive item is dropped as its range of the
+// archive: dropping the whole archive would also take what the loads still
+// running have read ahead.
 class Evictor {
 public:
     Evictor() : thread_([this] { Run(); }) {}
@@ -84,10 +87,10 @@ public:
         wake_.notify_all();
         thread_.join();
     }
-    void Post(const std::string& path) {
+    void Post(const std::string& path, uint32_t offset = 0, uint32_t length = 0) {
         {
             std::lock_guard<std::mutex> hold(lock_);
-            paths_.push_back(path);
+            paths_.push_back(Range{path, offset, length});
         }
         wake_.notify_all();
     }
@@ -105,11 +108,11 @@ private:
         for (;;) {
             wake_.wait(hold, [this] { return stop_ || !paths_.empty(); });
             if (paths_.empty()) return;
-            const std::string path = std::move(paths_.front());
+            const Range range = std::move(paths_.front());
             paths_.pop_front();
             busy_ = true;
             hold.unlock();
-            Drop(path);
+            Drop(range.path, range.offset, range.length);
             hold.lock();
             busy_ = false;
             wake_.notify_all();
@@ -118,7 +121,11 @@ private:
 
     std::mutex lock_;
     std::condition_variable wake_;
-    std::deque<std::string> paths_;
+    struct Range {
+        std::string path;
+        uint32_t offset, length;
+    };
+    std::deque<Range> paths_;
     bool busy_ = false, stop_ = false;
     std::thread thread_;
 };

@@ -39,7 +39,7 @@ void SyncWaiter::NotifyCompletion() {
 
 void SyncWaiter::Wait(bool spin) {
     auto done = [this] { return state_.load(std::memory_order_acquire) == kDone; };
-    if (spin ? SpinUntil(kWaiterSpinMicroseconds, done) : done()) return;
+    if (spin ? SpinUntil(kWaiterSpinMicroseconds, done, gIoWorkerCore) : done()) return;
     os::ConditionVariableInit(&wake_);
     monitor_->Enter();
     uint32_t expected = kPending;
@@ -57,7 +57,7 @@ int32_t DeviceIoWorker::Start() {
         queueMonitor_.Initialize();
         for (uint32_t i = 0; i < kNodes; ++i)
             nodes_[i] = Node{nullptr, nullptr, nullptr, i + 1 < kNodes ? &nodes_[i + 1] : nullptr,
-                             0, false};
+                             0,       false};
         freeList_ = &nodes_[0];
         waitHead_ = waitTail_ = nullptr;
         bulkHeld_ = 0;
@@ -186,6 +186,7 @@ void DeviceIoWorker::GiveBack(Node* node) {
 bool DeviceIoWorker::Enqueue(IoOperation* operation, CompletionTarget* completion,
                              uint32_t priority) {
     const bool bulk = tBulkSubmitter;
+    submitterCore_.Here();
     queueMonitor_.Enter();
     bool queued = false;
     if (!stopRequested_ && MayTake(bulk)) {
@@ -223,7 +224,8 @@ bool DeviceIoWorker::Enqueue(IoOperation* operation, CompletionTarget* completio
 
 bool DeviceIoWorker::Take() {
     auto busy = [this] { return count_.load(std::memory_order_acquire) != 0; };
-    if (!busy()) SpinUntil(kWorkerSpinMicroseconds, busy);
+    gIoWorkerCore.Here();
+    if (!busy()) SpinUntil(kWorkerSpinMicroseconds, busy, submitterCore_);
     queueMonitor_.Enter();
     while (count_.load(std::memory_order_relaxed) == 0) {
         if (stopRequested_) {

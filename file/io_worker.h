@@ -29,10 +29,12 @@
 // spin for a bounded time (50 microseconds, with a pause instruction) before
 // they sleep, so a burst of small operations passes between the caller and the
 // worker without a sleep and a wake: the worker finds the next node while
-// spinning, the caller finds its done flag while spinning. After the first few
-// microseconds the spinner yields its core between rounds, so that on a
-// machine with more busy threads than cores the partner it waits for can run
-// on the same core instead of waiting out the spin.
+// spinning, the caller finds its done flag while spinning. Each side marks the
+// core it runs on (thread/spin.h): a spinner on its partner's core yields that
+// core between rounds, since the partner cannot run while it spins; on
+// another core it yields only every sixteenth round, because a yield is a
+// system call that delays the hand-off (one early yield per wait cost a small
+// file read about a third more on two cores).
 //
 // Threads: the worker thread is started by the file system's start and runs
 // until the process level ends (the library's termination leaves it alone).
@@ -49,6 +51,7 @@
 #define ZK_FILE_IO_WORKER_H
 
 #include "thread/request.h"
+#include "thread/spin.h"
 #include "thread/sync.h"
 #include "thread/thread.h"
 
@@ -207,6 +210,8 @@ private:
     std::atomic<bool> running_{false};
     bool monitorsReady_ = false; // the monitors live from the first start on
     bool threadAlive_ = false;   // under queueMonitor: the thread has not left its loop
+    // Where the last submitter ran: the idle worker spins for the next one.
+    alignas(64) CoreMark submitterCore_;
 };
 
 } // namespace zk

@@ -162,6 +162,11 @@ int32_t CurrentThreadPriority();
 // the batch policy, where the thread has a normal one; Windows: nothing).
 void CurrentThreadSetBulk();
 
+// The number of the processor the calling thread runs on now (it may move at
+// any time), or kUnknownProcessor where the system cannot tell.
+constexpr uint32_t kUnknownProcessor = 0xFFFFFFFFu;
+uint32_t CurrentProcessor();
+
 // The library's one thread-local slot (the current-thread value), allocated
 // when the library is loaded.
 void* CurrentThreadSlotGet();

@@ -209,8 +209,9 @@ void Request::WaitForFrame(uint32_t index) {
     // a completion that comes within microseconds is seen without sleeping.
     // Only this thread pushes and pops frames, so frameCount is stable here.
     if (index + 1 == frameCount) {
-        zk::SpinUntil(zk::kWaiterSpinMicroseconds,
-                      [&] { return FrameState(index) != zk::kFramePending; });
+        zk::SpinUntil(
+            zk::kWaiterSpinMicroseconds, [&] { return FrameState(index) != zk::kFramePending; },
+            zk::gIoWorkerCore);
     }
     for (;;) {
         monitor.Enter();

@@ -7,6 +7,7 @@
 
 #include "platform/platform.h"
 
+#include <atomic>
 #include <cstdint>
 
 namespace zk {
@@ -23,8 +24,36 @@ inline void CpuPause() {
 #endif
 }
 
+// Where a spinner's partner last ran. A spinner on that same core gives the
+// core away at once: the partner cannot run while it spins. On another core
+// it spins on without yielding, since each yield is a system call that delays
+// the hand-off it waits for. The mark is stored only when it changes, so the
+// spinners that read it keep their copy of its cache line.
+class CoreMark {
+public:
+    void Here() {
+        const uint32_t core = os::CurrentProcessor();
+        if (core_.load(std::memory_order_relaxed) != core)
+            core_.store(core, std::memory_order_relaxed);
+    }
+    bool IsCallers() const {
+        const uint32_t core = core_.load(std::memory_order_relaxed);
+        return core != os::kUnknownProcessor && core == os::CurrentProcessor();
+    }
+
+private:
+    std::atomic<uint32_t> core_{os::kUnknownProcessor};
+};
+
+// The device I/O worker's mark: callers waiting for an operation or a
+// request's completion spin for the worker.
+alignas(64) inline CoreMark gIoWorkerCore;
+
 // Spins until done() or the budget is spent; true when done() came true.
-template <typename Done> bool SpinUntil(int64_t microseconds, Done done) {
+// The core is given away between rounds when the partner last ran on this
+// one, and every sixteenth round in any case, for a partner that moved here
+// and could not say so.
+template <typename Done> bool SpinUntil(int64_t microseconds, Done done, const CoreMark& partner) {
     static const int64_t frequency = os::PerformanceFrequency();
     const int64_t budget = frequency * microseconds / 1000000;
     const int64_t start = os::PerformanceCounter();
@@ -34,9 +63,7 @@ template <typename Done> bool SpinUntil(int64_t microseconds, Done done) {
             CpuPause();
         }
         if (os::PerformanceCounter() - start > budget) return done();
-        // After a few microseconds, give the core away between rounds: when
-        // the partner thread waits for this very core, spinning on cannot help.
-        if (round >= 4) os::Sleep(0);
+        if ((round & 15) == 15 || partner.IsCallers()) os::Sleep(0);
     }
 }
 

@@ -394,6 +394,11 @@ void CurrentThreadSetBulk() {
     sched_setscheduler(0, SCHED_BATCH, &param);
 }
 
+uint32_t CurrentProcessor() {
+    const int cpu = sched_getcpu();
+    return cpu >= 0 ? static_cast<uint32_t>(cpu) : kUnknownProcessor;
+}
+
 int32_t CurrentThreadPriority() {
     Object* o = tCurrentThread;
     return o ? o->priority.load(std::memory_order_relaxed) : kThreadPriorityNormal;

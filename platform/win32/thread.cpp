@@ -71,6 +71,10 @@ void ThreadsPrepareReusable() {}
 
 void CurrentThreadSetBulk() {}
 
+uint32_t CurrentProcessor() {
+    return GetCurrentProcessorNumber();
+}
+
 void ThreadsReleaseParked() {}
 
 void ThreadSetPriority(Handle thread, int32_t priority) {

@@ -187,6 +187,8 @@ bool DeviceIoWorker::Enqueue(IoOperation* operation, CompletionTarget* completio
                              uint32_t priority) {
     const bool bulk = tBulkSubmitter;
     submitterCore_.Here();
+    if (submitterBulk_.load(std::memory_order_relaxed) != bulk)
+        submitterBulk_.store(bulk, std::memory_order_relaxed);
     queueMonitor_.Enter();
     bool queued = false;
     if (!stopRequested_ && MayTake(bulk)) {
@@ -225,7 +227,12 @@ bool DeviceIoWorker::Enqueue(IoOperation* operation, CompletionTarget* completio
 bool DeviceIoWorker::Take() {
     auto busy = [this] { return count_.load(std::memory_order_acquire) != 0; };
     gIoWorkerCore.Here();
-    if (!busy()) SpinUntil(kWorkerSpinMicroseconds, busy, submitterCore_);
+    // A caller that waits for each operation before it submits the next gains
+    // from the spin; a loading thread does not (it sleeps at once, and its
+    // next part comes after its own read-ahead), so after one the worker
+    // sleeps rather than burn the core.
+    if (!busy() && !submitterBulk_.load(std::memory_order_relaxed))
+        SpinUntil(kWorkerSpinMicroseconds, busy, submitterCore_);
     queueMonitor_.Enter();
     while (count_.load(std::memory_order_relaxed) == 0) {
         if (stopRequested_) {

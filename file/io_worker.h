@@ -29,7 +29,10 @@
 // spin for a bounded time (50 microseconds, with a pause instruction) before
 // they sleep, so a burst of small operations passes between the caller and the
 // worker without a sleep and a wake: the worker finds the next node while
-// spinning, the caller finds its done flag while spinning. Each side marks the
+// spinning, the caller finds its done flag while spinning. Loading threads
+// take no part: they sleep at once, and a worker whose last submission came
+// from one sleeps at once too, so cold loads do not keep a core spinning.
+// Each side marks the
 // core it runs on (thread/spin.h): a spinner on its partner's core yields that
 // core between rounds, since the partner cannot run while it spins; on
 // another core it yields only every sixteenth round, because a yield is a
@@ -210,8 +213,10 @@ private:
     std::atomic<bool> running_{false};
     bool monitorsReady_ = false; // the monitors live from the first start on
     bool threadAlive_ = false;   // under queueMonitor: the thread has not left its loop
-    // Where the last submitter ran: the idle worker spins for the next one.
+    // Where the last submitter ran, and whether it was a loading thread: the
+    // idle worker spins for the next submission only after an application's.
     alignas(64) CoreMark submitterCore_;
+    std::atomic<bool> submitterBulk_{false};
 };
 
 } // namespace zk

@@ -27,15 +27,12 @@ uint32_t Thread::Entry(void* parameter) {
 }
 
 int32_t Thread::Start() {
-    os::Handle handle;
-    if (reusable_) {
-        handle = os::ThreadCreateReusable(stackSize_, priority_, &Thread::Entry, this);
-        if (!handle) return ZK_ERR_NO_SLOT;
-    } else {
-        handle = os::ThreadCreateSuspended(stackSize_, &Thread::Entry, this);
-        if (!handle) return ZK_ERR_NO_SLOT;
-        os::ThreadSetPriority(handle, priority_);
-    }
+    // A reusable thread is made at its priority; another gets it before it runs.
+    const os::Handle handle =
+        reusable_ ? os::ThreadCreateReusable(stackSize_, priority_, &Thread::Entry, this)
+                  : os::ThreadCreateSuspended(stackSize_, &Thread::Entry, this);
+    if (!handle) return ZK_ERR_NO_SLOT;
+    if (!reusable_) os::ThreadSetPriority(handle, priority_);
     // The handle is stored before the thread runs, so the controlling thread
     // never sees a running thread without one.
     handle_ = handle;

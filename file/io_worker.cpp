@@ -55,9 +55,10 @@ int32_t DeviceIoWorker::Start() {
     if (!monitorsReady_) {
         completionMonitor_.Initialize();
         queueMonitor_.Initialize();
-        for (uint32_t i = 0; i < kNodes; ++i)
-            nodes_[i] = Node{nullptr, nullptr, nullptr, i + 1 < kNodes ? &nodes_[i + 1] : nullptr,
-                             0,       false};
+        for (uint32_t i = 0; i < kNodes; ++i) {
+            nodes_[i] = Node{};
+            nodes_[i].next = i + 1 < kNodes ? &nodes_[i + 1] : nullptr;
+        }
         freeList_ = &nodes_[0];
         waitHead_ = waitTail_ = nullptr;
         bulkHeld_ = 0;

@@ -32,13 +32,13 @@
 // spinning, the caller finds its done flag while spinning. Loading threads
 // take no part: they sleep at once, and a worker whose last submission came
 // from one sleeps at once too, so cold loads do not keep a core spinning.
-// Each side marks the
-// core it runs on (thread/spin.h): a spinner on its partner's core yields that
-// core between rounds, since the partner cannot run while it spins; on
-// another core it yields only every sixteenth round, because a yield is a
-// system call that delays the hand-off. With both threads held to one core,
-// this halves the time of a small file's open, read and close against
-// yielding after a fixed few microseconds; on two free cores it is the same.
+// Each side marks the core it runs on (thread/spin.h): a spinner on its
+// partner's core yields that core between rounds, since the partner cannot
+// run while it spins; on another core it yields only every sixteenth round,
+// because a yield is a system call that delays the hand-off. With both
+// threads held to one core, this halves the time of a small file's open,
+// read and close against yielding after a fixed few microseconds; on two
+// free cores it is the same.
 //
 // Threads: the worker thread is started by the file system's start and runs
 // until the process level ends (the library's termination leaves it alone).

@@ -26,9 +26,10 @@ inline void CpuPause() {
 
 // Where a spinner's partner last ran. A spinner on that same core gives the
 // core away at once: the partner cannot run while it spins. On another core
-// it spins on without yielding, since each yield is a system call that delays
-// the hand-off it waits for. The mark is stored only when it changes, so the
-// spinners that read it keep their copy of its cache line.
+// it keeps spinning and yields only now and then, since each yield is a
+// system call that delays the hand-off it waits for. The mark is stored only
+// when it changes, so the spinners that read it keep their copy of its cache
+// line.
 class CoreMark {
 public:
     void Here() {
